@@ -1,0 +1,46 @@
+#pragma once
+#include "TilegridOps/host/export.h"
+#include "TilegridOps/host/job.h"
+#include "TilegridOps/host/string.h"
+
+#include <functional>
+
+namespace tilegrid {
+
+enum class Severity { kInfo, kWarning, kError };
+
+/// Receives the messages that a user sees. May be called from any thread that runs a node.
+using MessageSink = std::function<void(Severity, Corvid::StringView)>;
+/// Receives progress: the name of what runs and how much of it is done, 0 to 1.
+using ProgressSink = std::function<void(Corvid::StringView, double)>;
+
+}  // namespace tilegrid
+
+namespace Corvid {
+
+/// What a node may ask of the runtime that called it. A value: copies speak to the same sinks and the same job, which the
+/// caller keeps alive for the length of the call.
+class TILEGRID_API RuntimeServices {
+public:
+    /// Messages go to standard error, progress nowhere, nothing can be cancelled.
+    RuntimeServices() = default;
+    explicit RuntimeServices(tilegrid::Job* job, tilegrid::MessageSink messages = {}, tilegrid::ProgressSink progress = {})
+        : job_(job), messages_(std::move(messages)), progress_(std::move(progress))
+    {
+    }
+
+    tilegrid::Job* job() const { return job_; }
+    void message(tilegrid::Severity severity, StringView text) const;
+    void logError(StringView text) const { message(tilegrid::Severity::kError, text); }
+    void progress(StringView what, double done) const;
+
+private:
+    tilegrid::Job* job_ = nullptr;
+    tilegrid::MessageSink messages_;
+    tilegrid::ProgressSink progress_;
+};
+
+/// True once the job that the calling thread serves was cancelled. From any thread; a thread without a job gets false.
+TILEGRID_API bool isJobCancelled();
+
+}  // namespace Corvid

@@ -1,0 +1,107 @@
+#include "TilegridOps/substrate/slab.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+void* OST::allocate_jemalloc(std::size_t size, std::size_t alignment)
+{
+    void* pointer = nullptr;
+    if (posix_memalign(&pointer, std::max(alignment, sizeof(void*)), std::max<std::size_t>(size, 1)) != 0)
+        throw std::bad_alloc();
+    return pointer;
+}
+
+void OST::deallocate_jemalloc(void* pointer)
+{
+    std::free(pointer);
+}
+
+namespace tilegrid {
+
+namespace {
+
+// From this size on a slab is a mapping of its own, which the system can grow without copying.
+constexpr std::size_t kMappedBytes = 128 * 1024;
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kAlignment = 64;
+
+bool isMapped(std::size_t capacity)
+{
+    return capacity >= kMappedBytes;
+}
+
+std::size_t mappingBytes(std::size_t capacity)
+{
+    return (capacity + 2 * RawSlab::kMargin + kPage - 1) / kPage * kPage;
+}
+
+std::byte* acquire(std::size_t capacity)
+{
+    if (!isMapped(capacity))
+        return static_cast<std::byte*>(OST::allocate_jemalloc(capacity + 2 * RawSlab::kMargin, kAlignment)) + RawSlab::kMargin;
+    void* block = mmap(nullptr, mappingBytes(capacity), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (block == MAP_FAILED) throw std::bad_alloc();
+    madvise(block, mappingBytes(capacity), MADV_HUGEPAGE);
+    return static_cast<std::byte*>(block) + RawSlab::kMargin;
+}
+
+void release(std::byte* data, std::size_t capacity)
+{
+    if (!data) return;
+    if (isMapped(capacity))
+        munmap(data - RawSlab::kMargin, mappingBytes(capacity));
+    else
+        OST::deallocate_jemalloc(data - RawSlab::kMargin);
+}
+
+}  // namespace
+
+RawSlab::RawSlab(RawSlab const& other)
+{
+    resize(other.size_);
+    if (size_) std::memcpy(data_, other.data_, size_);
+}
+
+RawSlab::~RawSlab()
+{
+    release(data_, capacity_);
+}
+
+void RawSlab::swap(RawSlab& other) noexcept
+{
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
+}
+
+void RawSlab::resize(std::size_t bytes)
+{
+    // Growth by half again keeps repeated appends linear; a first sizing is exact.
+    if (bytes > capacity_) reallocate(size_ ? std::max(bytes, capacity_ + capacity_ / 2) : bytes);
+    size_ = bytes;
+}
+
+void RawSlab::reserve(std::size_t bytes)
+{
+    if (bytes > capacity_) reallocate(bytes);
+}
+
+void RawSlab::reallocate(std::size_t capacity)
+{
+    if (data_ && isMapped(capacity_) && isMapped(capacity)) {
+        void* block = mremap(data_ - kMargin, mappingBytes(capacity_), mappingBytes(capacity), MREMAP_MAYMOVE);
+        if (block == MAP_FAILED) throw std::bad_alloc();
+        data_ = static_cast<std::byte*>(block) + kMargin;
+    } else {
+        std::byte* grown = acquire(capacity);
+        if (size_) std::memcpy(grown, data_, size_);
+        release(data_, capacity_);
+        data_ = grown;
+    }
+    capacity_ = capacity;
+}
+
+}  // namespace tilegrid

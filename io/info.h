@@ -1,0 +1,41 @@
+#pragma once
+#include "TilegridOps/host/object.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tilegrid::io {
+
+struct PropertyInfo {
+    std::string name, type;
+    /// Text of the values as JSON (numbers, or arrays of numbers).
+    std::string defaultValue, min, max;
+};
+
+struct LevelSetInfo {
+    Ostara::Math::float3 boundsMin, boundsMax;
+    double volume = 0, area = 0;
+};
+
+struct VolumeInfo {
+    std::string structure;
+    double voxelSize = 0;
+    std::vector<std::int64_t> tilesByDepth, leafVoxelsByDepth;
+    std::uint64_t bytes = 0;
+    std::vector<PropertyInfo> properties;
+    std::optional<LevelSetInfo> levelSet;
+};
+
+/// Measures a volume. Enclosed volume and area come from marching the leaf cells' corner values, in double, in index order.
+/// \throws InputError for an object without a tile tree
+VolumeInfo describeVolume(Ostara::Object const& volume);
+
+/// Keys: structure, voxel_size, tiles_by_depth, leaf_voxels_by_depth, bytes, properties[{name,type,default,min,max}],
+/// level_set{bounds_min,bounds_max,volume,area} (only for level sets). One object, indented.
+std::string toJson(VolumeInfo const& info);
+/// For people: the same in lines, with bytes per leaf voxel.
+std::string toText(VolumeInfo const& info);
+
+}  // namespace tilegrid::io

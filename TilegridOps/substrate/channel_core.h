@@ -12,6 +12,11 @@ namespace OST::TileTree3D {
 /// What every channel answers, whatever its element type: the operations of a component, then those of a channel.
 class TILEGRID_API ChannelBase : public Component {
 public:
+    void dump(std::ostream& out) const override;
+    std::size_t size() const override { return static_cast<std::size_t>(elementCount(-1)); }
+    bool empty() const override { return elementCount(-1) == 0; }
+    void update(OST::Component const& source) override;
+
     // A channel's data exists for the depths from minDepth() to depth(); elsewhere a read gives the default value.
     virtual int minDepth() const = 0;
     virtual int depth() const = 0;
@@ -39,18 +44,12 @@ public:
 
     DataElementInitializerType dataElementInitializerType() const { return initializer_; }
     void setDataElementInitializerType(DataElementInitializerType type) { initializer_ = type; }
-    /// Number of scalars in an element and bytes of an element.
     std::size_t elementBytes() const { return elementBytes_; }
     std::byte const* defaultBytes() const { return default_.data(); }
 
 protected:
     ChannelBase(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes, DataElementInitializerType initializer,
                 bool poolBacked, bool callElementConstructor, int minDepth, int depth);
-
-    void dump(std::ostream& out) const override;
-    std::size_t size() const override { return static_cast<std::size_t>(elementCount(-1)); }
-    bool empty() const override { return elementCount(-1) == 0; }
-    void update(OST::Component const& source) override;
 
     static constexpr std::size_t kLargestElement = 64;
     std::array<std::byte, kLargestElement> default_{};

@@ -1,0 +1,47 @@
+#pragma once
+#include "TilegridOps/host/logger.h"
+#include "TilegridOps/host/object.h"
+#include "TilegridOps/nodes/node_table.h"
+#include "TilegridOps/substrate/parallel.h"
+
+#include <cmath>
+#include <ostream>
+
+/// What every node does around its own work, in one place: timer, cancellation, type check, ownership of the volume, and
+/// the handler.
+namespace tilegrid::nodes {
+
+using parallel::FunctionRef;
+
+/// Parameters that must not be zero: anything within single-precision epsilon of it counts as zero, and so does a NaN.
+inline constexpr float kZeroTolerance = 1.1920929e-7f;
+inline bool countsAsZero(float x)
+{
+    return !(std::fabs(x) > kZeroTolerance);
+}
+
+/// Runs `work` under the job of the services. A cancellation that surfaces as an exception ends here: the task group and
+/// the host are told, and `cancelled` restores the outputs. Every other exception passes through.
+void guarded(NodeSpec const& spec, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled);
+
+/// Whether the object is what the node asks for; one error message if not.
+bool checkType(NodeSpec const& spec, Ostara::Object const& object, CoreGL::CorvidLogger const& logger);
+
+/// A node that changes a volume. The output is the input up to the moment the native volume is taken out.
+/// \param handsThrough  true leaves output = input (after the type check; it may warn)
+/// \param parameters  writes one line per parameter, for verbose levels above 0
+/// \param run  the node's own work on the native volume
+void modifyVolume(NodeSpec const& spec, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
+                  Corvid::RuntimeServices const& services, FunctionRef<bool(CoreGL::CorvidLogger const&)> handsThrough,
+                  FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run);
+
+/// A node that only reads; its defaults are written before. `read` is not called if the job is cancelled or the type is wrong.
+/// `restore` writes the defaults again after a cancellation inside `read`.
+void queryVolume(NodeSpec const& spec, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
+                 FunctionRef<void(CoreGL::CorvidLogger const&)> read, FunctionRef<void()> restore);
+
+/// In builds with tree checks, aborts with the list of violations if the volume's tree or the sizes of its channels are
+/// wrong. Nothing otherwise.
+void checkVolume(OST::Object const& volume, std::string_view node);
+
+}  // namespace tilegrid::nodes

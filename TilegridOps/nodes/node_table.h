@@ -1,0 +1,42 @@
+#pragma once
+#include <array>
+#include <string_view>
+
+namespace tilegrid::nodes {
+
+enum class Prototype { kNone, kVolume, kLevelSet };
+
+/// What differs between the frames of nodes.
+struct NodeSpec {
+    /// Plain name, under which a cancellation is reported.
+    std::string_view name;
+    /// Whether it switches the channel pool on.
+    bool enablesPool = false;
+    /// Name of the node's timer, empty for none.
+    std::string_view timer;
+    /// What the input must be, and what is said if it is not.
+    Prototype prototype = Prototype::kNone;
+    std::string_view typeError;
+};
+
+/// One row a node.
+inline constexpr std::array kNodeTable{
+    NodeSpec{"create_empty_volume", false, "", Prototype::kNone, "Input 'detail_size' must be non-zero."},
+    NodeSpec{"get_volume_tile_info", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"get_voxel_count", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"get_voxel_size", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
+    NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
+    NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"volume_bounds", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+};
+
+/// The row of a node; a name without one does not compile.
+consteval NodeSpec const& nodeSpec(std::string_view name)
+{
+    for (NodeSpec const& spec : kNodeTable)
+        if (spec.name == name) return spec;
+    throw "no such node";
+}
+
+}  // namespace tilegrid::nodes

@@ -26,6 +26,12 @@ public:
     /// The same as an index, (-1,-1) outside every tile.
     TreeIndex find(int i, int j, int k, int depth) const
     {
+        if (version_ != container_->version()) refresh();
+        if (lookup_) {
+            const TreeIndex found = lookup_->find(i, j, k, cursor_);
+            if (found.depth <= depth && found.valid()) return found;
+            if (found.valid()) return container_->find(i, j, k, depth, found);
+        }
         const TreeIndex found = container_->find(i, j, k, depth, last_);
         if (found.valid()) last_ = found;
         return found;
@@ -51,7 +57,15 @@ public:
     }
 
 private:
+    void refresh() const
+    {
+        lookup_ = container_->lookup();
+        version_ = container_->version();
+    }
     Container<Tr> const* container_;
+    mutable TileLookup<Tr> const* lookup_ = nullptr;
+    mutable uint64 version_ = ~uint64(0);
+    mutable typename TileLookup<Tr>::Cursor cursor_;
     mutable TreeIndex last_;
 };
 

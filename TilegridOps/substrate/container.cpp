@@ -82,8 +82,9 @@ template <class Tr> void Container<Tr>::dump(std::ostream& out) const
     out << '\n';
 }
 
-template <class Tr> void Container<Tr>::memUse(std::size_t& used, std::size_t& reserved, bool) const
+template <class Tr> void Container<Tr>::memUse(std::size_t& used, std::size_t& reserved, bool withLookup) const
 {
+    if (withLookup) lookup_.memUse(used, reserved);
     for (Level const& level : level_) {
         used += level.tiles.usedBytes() + level.tables.usedBytes();
         reserved += level.tiles.reservedBytes() + level.tables.reservedBytes();
@@ -201,6 +202,26 @@ template <class Tr> TreeIndex Container<Tr>::find(int i, int j, int k, int depth
     return at->treeIndex();
 }
 
+template <class Tr> TileLookup<Tr> const* Container<Tr>::lookup() const
+{
+    if (isPrivate_) return nullptr;
+    if (!lookupCurrent_.load(std::memory_order_acquire)) {
+        const std::lock_guard lock(lookupMutex_);
+        if (!lookupCurrent_.load(std::memory_order_relaxed)) {
+            lookup_.build(*this);
+            lookupCurrent_.store(true, std::memory_order_release);
+        }
+    }
+    return lookup_.built() ? &lookup_ : nullptr;
+}
+
+template <class Tr> void Container<Tr>::tilesChanged(bool updateLookup)
+{
+    ++version_;
+    lookupCurrent_.store(false, std::memory_order_relaxed);
+    if (updateLookup) lookup();
+}
+
 template <class Tr> void Container<Tr>::checkCapacity(int64 tiles) const
 {
     if (tiles > kMostTilesPerDepth) throw std::length_error("A depth of a tile tree can hold 1073741824 tiles at the most.");
@@ -248,15 +269,18 @@ template <class Tr> TreeIndex Container<Tr>::addTile(VoxelCoord const& place, Tr
     TreeIndex at = find(place.i, place.j, place.k, place.depth, hint);
     if (at.depth == place.depth) return at;
     if (!at.valid()) at = addRoot(tileCorner<Tr>(place.i, place.j, place.k, 0), 0);
+    const bool follow = lookupCurrent_.load(std::memory_order_relaxed);
     while (at.depth < place.depth) {
         const int3 cell = tile(at).childIJK(place.i, place.j, place.k);
         at = addChild(at, flatIndex(Tr::branching, cell.x, cell.y, cell.z));
+        if (follow) lookup_.tileAdded(*this, at);
     }
-    tilesChanged();
+    ++version_;
+    lookupCurrent_.store(follow && lookup_.built(), std::memory_order_relaxed);
     return at;
 }
 
-template <class Tr> void Container<Tr>::refine(Container const& other, TilesAdded* tilesAdded, bool)
+template <class Tr> void Container<Tr>::refine(Container const& other, TilesAdded* tilesAdded, bool updateLookup)
 {
     if (&other == this) return;
     // Level by level: `here[n]` is the index in this tree of the other's tile n one depth above.
@@ -284,10 +308,10 @@ template <class Tr> void Container<Tr>::refine(Container const& other, TilesAdde
         }
         above.swap(here);
     }
-    tilesChanged();
+    tilesChanged(updateLookup);
 }
 
-template <class Tr> void Container<Tr>::removeTiles(std::vector<std::vector<int64>>& tiles, TileMoves& moves, bool)
+template <class Tr> void Container<Tr>::removeTiles(std::vector<std::vector<int64>>& tiles, TileMoves& moves, bool updateLookup)
 {
     tiles.resize(Tr::levels);
     moves.assign(Tr::levels, {});
@@ -331,7 +355,7 @@ template <class Tr> void Container<Tr>::removeTiles(std::vector<std::vector<int6
         }
         level_[depth] = std::move(kept);
     }
-    tilesChanged();
+    tilesChanged(updateLookup);
 }
 
 template <class Tr> void Container<Tr>::sortIntoMortonOrder(TilePermutation* permutation)
@@ -367,12 +391,14 @@ template <class Tr> void Container<Tr>::sortIntoMortonOrder(TilePermutation* per
         level_[depth].tiles = std::move(sorted);
     }
     if (permutation) *permutation = std::move(order);
-    tilesChanged();
+    tilesChanged(/*updateLookup*/ false);
 }
 
 template <class Tr> Container<Tr>* Container<Tr>::threadLocalContainer(int) const
 {
-    return new Container(name(), voxelSize_);
+    auto container = std::make_unique<Container>(name(), voxelSize_);
+    container->isPrivate_ = true;
+    return container.release();
 }
 
 template <class Tr> void Container<Tr>::freeThreadLocalContainer(Container* container) const

@@ -4,11 +4,14 @@
 #include "TilegridOps/substrate/component.h"
 #include "TilegridOps/substrate/slab.h"
 #include "TilegridOps/substrate/tile.h"
+#include "TilegridOps/substrate/tile_lookup.h"
 #include "TilegridOps/substrate/visitor.h"
 
 #include <array>
+#include <atomic>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace OST::Dense1D {
@@ -147,9 +150,14 @@ public:
     ConstTileAccessor tileAccessor() const;
     TileAccessor tileAccessor();
 
-    /// The finest tile not deeper than `depth` that contains the place; (-1,-1) outside every tile. `hint` is a tile to
-    /// start from, and may be any.
+    /// The finest tile not deeper than `depth` that contains the place; (-1,-1) outside every tile. Walks from `hint`, which
+    /// may be any tile or none: quick near the hint, else one step per depth. Accessors know a shorter way.
     TreeIndex find(int i, int j, int k, int depth, TreeIndex hint = {}) const;
+    /// The lookup structures, brought up to date with the tree. Null if they cannot serve it, or in a private container, which
+    /// grows too often for them.
+    TileLookup<Tr> const* lookup() const;
+    /// Rises with every change of tiles.
+    uint64 version() const { return version_; }
 
     // The traversal engine. Meaning of the arguments: `start` (-1,-1) for the whole tree or the root of a subtree; depths
     // inclusive; [cellBegin, cellEnd) the range per axis of `visitInteriorVoxel`. `grainSize` is a lower bound for the tiles
@@ -218,14 +226,19 @@ private:
     /// Entry of a parent's child table, which the parent gets if it has none.
     int64& childEntry(TreeIndex const& parent, int cell);
     void checkCapacity(int64 tiles) const;
-    void tilesChanged() { ++version_; }
+    /// After a change of tiles: the lookup follows now, or at its next use.
+    void tilesChanged(bool updateLookup);
 
     std::array<Level, Tr::levels> level_;
     RootMap roots_;
     float voxelSize_;
     float maxRelativeRefinementError_ = 0.0f;
-    /// Rises with every change of tiles.
     uint64 version_ = 0;
+    /// Threads that need the lookup at the same time build it once.
+    mutable std::mutex lookupMutex_;
+    mutable std::atomic<bool> lookupCurrent_{false};
+    mutable TileLookup<Tr> lookup_;
+    bool isPrivate_ = false;
 };
 
 extern template class Container<BinaryTraits>;

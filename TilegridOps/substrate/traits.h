@@ -31,7 +31,7 @@ constexpr std::int32_t power(std::int32_t base, int exponent)
 ///
 /// Tile space has one unit per voxel of the finest depth. The single tile of depth 0 covers `rangeMin` to `rangeMax`, both
 /// inclusive; each depth divides the width of a tile by B.
-template <int B, int W, int L> struct Traits {
+template <int B, int W, int L> struct TILEGRID_API Traits {
     static_assert((B == 2 && W == 4 && L == 1) || (B == 5 && W == 5 && L == 1), "two structures exist");
     static constexpr int branching = B;
     static constexpr int width = W;

@@ -179,7 +179,7 @@ public:
                 if (tilesAdded) (*tilesAdded)[depth].push_back(added.tile.tijk());
             }
         }
-        tree_.tilesChanged();
+        tree_.tilesChanged(/*updateLookup*/ true);
     }
 
 private:

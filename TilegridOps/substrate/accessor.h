@@ -61,6 +61,7 @@ private:
     {
         lookup_ = container_->lookup();
         version_ = container_->version();
+        cursor_ = {};
     }
     Container<Tr> const* container_;
     mutable TileLookup<Tr> const* lookup_ = nullptr;

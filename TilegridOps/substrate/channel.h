@@ -43,12 +43,13 @@ public:
     static constexpr int voxels = N, halo = H;
 
     /// \param defaultValue  value of new tiles and outside the depth range; null means zero
-    /// \param poolBacked  memory comes from and returns to the channel pool
+    /// \param poolBacked  asks for pool memory; every slab takes and returns its pages there while the pool is on, so it
+    ///        changes nothing here
     /// \param callElementConstructor  false leaves the elements of new tiles undefined, for a caller that writes all of them
     /// \param minDepth, depth  depths that have data, both inclusive, clamped to the structure
-    Channel(Corvid::String const& name, T const* defaultValue, DataElementInitializerType initializer, bool poolBacked,
-            bool callElementConstructor, int minDepth, int depth)
-        : Channel(name, defaultValue ? *defaultValue : T(), initializer, poolBacked, callElementConstructor, std::max(minDepth, 0),
+    Channel(Corvid::String const& name, T const* defaultValue, DataElementInitializerType initializer,
+            [[maybe_unused]] bool poolBacked, bool callElementConstructor, int minDepth, int depth)
+        : Channel(name, defaultValue ? *defaultValue : T(), initializer, callElementConstructor, std::max(minDepth, 0),
                   std::min(depth, Tr::maxDepth), std::integral_constant<bool, N == 0>())
     {
     }
@@ -65,14 +66,20 @@ public:
     TileDataT tileData(TreeIndex const& tile) { return tileData(tile.index, tile.depth); }
     TileDataT tileData(int64 index, int depth)
     {
-        return {reinterpret_cast<T*>(this->tileBytes(index, depth)), count(index, depth)};
+        const ConstTileDataT view = std::as_const(*this).tileData(index, depth);
+        return {const_cast<T*>(view.data()), view.size()};
     }
     /// By running number over all depths of the channel, 0 to tileCount(-1) - 1.
     TileDataT tileData(int64 flat) { return tileData(this->tileOfFlat(flat)); }
     ConstTileDataT tileData(TreeIndex const& tile) const { return tileData(tile.index, tile.depth); }
     ConstTileDataT tileData(int64 index, int depth) const
     {
-        return {reinterpret_cast<T const*>(this->tileBytes(index, depth)), count(index, depth)};
+        if constexpr (N == 0) {
+            return {reinterpret_cast<T const*>(this->tileBytes(index, depth)), this->elementCount(TreeIndex{index, depth})};
+        } else {
+            auto const* data = reinterpret_cast<T const*>(this->tileBytes(index, depth, TileDataT::elements * sizeof(T)));
+            return {data, data ? TileDataT::elements : 0};
+        }
     }
     ConstTileDataT tileData(int64 flat) const { return tileData(this->tileOfFlat(flat)); }
 
@@ -93,23 +100,16 @@ public:
     void setChannelData(unsigned depth, Corvid::Any const& sample, Corvid::Ptr<void> const& data) override;
 
 private:
-    Channel(Corvid::String const& name, T const& value, DataElementInitializerType initializer, bool poolBacked,
-            bool callElementConstructor, int minDepth, int depth, std::false_type)
-        : Core(name, &value, sizeof(T), detail::arrayWidth<N, H> * detail::arrayWidth<N, H> * detail::arrayWidth<N, H>, initializer,
-               poolBacked, callElementConstructor, minDepth, depth)
+    Channel(Corvid::String const& name, T const& value, DataElementInitializerType initializer, bool callElementConstructor,
+            int minDepth, int depth, std::false_type)
+        : Core(name, &value, sizeof(T), TileDataT::elements, initializer,
+               callElementConstructor, minDepth, depth)
     {
     }
-    Channel(Corvid::String const& name, T const& value, DataElementInitializerType initializer, bool poolBacked,
-            bool callElementConstructor, int minDepth, int depth, std::true_type)
-        : Core(name, &value, sizeof(T), initializer, poolBacked, callElementConstructor, minDepth, depth)
+    Channel(Corvid::String const& name, T const& value, DataElementInitializerType initializer, bool callElementConstructor,
+            int minDepth, int depth, std::true_type)
+        : Core(name, &value, sizeof(T), initializer, callElementConstructor, minDepth, depth)
     {
-    }
-    std::int32_t count(int64 index, int depth) const
-    {
-        if constexpr (N == 0)
-            return this->elementCount(TreeIndex{index, depth});
-        else
-            return this->tileBytes(index, depth) ? this->elementsPerTile() : 0;
     }
 };
 

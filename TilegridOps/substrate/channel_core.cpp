@@ -41,8 +41,8 @@ template <class Count> TreeIndex tileOfRunningNumber(int64 flat, Count count)
 }  // namespace
 
 ChannelBase::ChannelBase(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes,
-                         DataElementInitializerType initializer, bool poolBacked, bool callElementConstructor, int minDepth, int depth)
-    : Component(name), elementBytes_(elementBytes), initializer_(initializer), poolBacked_(poolBacked),
+                         DataElementInitializerType initializer, bool callElementConstructor, int minDepth, int depth)
+    : Component(name), elementBytes_(elementBytes), initializer_(initializer),
       callElementConstructor_(callElementConstructor), minDepth_(minDepth), maxDepth_(depth)
 {
     std::memcpy(default_.data(), defaultValue, elementBytes);
@@ -62,9 +62,9 @@ void ChannelBase::update(OST::Component const& source)
 // Voxel channels
 
 VoxelChannelCore::VoxelChannelCore(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes, int elementsPerTile,
-                                   DataElementInitializerType initializer, bool poolBacked, bool callElementConstructor, int minDepth,
+                                   DataElementInitializerType initializer, bool callElementConstructor, int minDepth,
                                    int depth)
-    : ChannelBase(name, defaultValue, elementBytes, initializer, poolBacked, callElementConstructor, minDepth, depth),
+    : ChannelBase(name, defaultValue, elementBytes, initializer, callElementConstructor, minDepth, depth),
       tileStride_(elementBytes * static_cast<std::size_t>(elementsPerTile)), elementsPerTile_(elementsPerTile)
 {
 }
@@ -163,9 +163,9 @@ void VoxelChannelCore::updateTilesPermuted(TilePermutation const& permutation)
 // Point channels
 
 PointChannelCore::PointChannelCore(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes,
-                                   DataElementInitializerType initializer, bool poolBacked, bool callElementConstructor, int minDepth,
+                                   DataElementInitializerType initializer, bool callElementConstructor, int minDepth,
                                    int depth)
-    : ChannelBase(name, defaultValue, elementBytes, initializer, poolBacked, callElementConstructor, minDepth, depth)
+    : ChannelBase(name, defaultValue, elementBytes, initializer, callElementConstructor, minDepth, depth)
 {
 }
 

@@ -49,13 +49,13 @@ public:
 
 protected:
     ChannelBase(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes, DataElementInitializerType initializer,
-                bool poolBacked, bool callElementConstructor, int minDepth, int depth);
+                bool callElementConstructor, int minDepth, int depth);
 
     static constexpr std::size_t kLargestElement = 64;
     std::array<std::byte, kLargestElement> default_{};
     std::size_t elementBytes_;
     DataElementInitializerType initializer_;
-    bool poolBacked_, callElementConstructor_;
+    bool callElementConstructor_;
     int minDepth_, maxDepth_;
 };
 
@@ -79,15 +79,19 @@ public:
     /// First byte of a tile's elements; null for a tile that the channel does not have.
     std::byte const* tileBytes(int64 index, int depth) const
     {
-        if (unsigned(depth) >= unsigned(kMaxLevels) || uint64(index) >= uint64(slab_[depth].tiles)) return nullptr;
-        return slab_[depth].bytes.data() + static_cast<std::size_t>(index) * tileStride_;
+        return tileBytes(index, depth, tileStride_);
     }
     std::byte* tileBytes(int64 index, int depth) { return const_cast<std::byte*>(std::as_const(*this).tileBytes(index, depth)); }
-    int elementsPerTile() const { return elementsPerTile_; }
 
 protected:
     VoxelChannelCore(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes, int elementsPerTile,
-                     DataElementInitializerType initializer, bool poolBacked, bool callElementConstructor, int minDepth, int depth);
+                     DataElementInitializerType initializer, bool callElementConstructor, int minDepth, int depth);
+    /// The same for a caller that knows the bytes of a tile at compile time.
+    std::byte const* tileBytes(int64 index, int depth, std::size_t tileStride) const
+    {
+        if (unsigned(depth) >= unsigned(kMaxLevels) || uint64(index) >= uint64(slab_[depth].tiles)) return nullptr;
+        return slab_[depth].bytes.data() + static_cast<std::size_t>(index) * tileStride;
+    }
     /// Address of a tile by its running number over all depths of the channel.
     TreeIndex tileOfFlat(int64 flat) const;
 
@@ -127,7 +131,7 @@ public:
 
 protected:
     PointChannelCore(Corvid::String const& name, void const* defaultValue, std::size_t elementBytes,
-                     DataElementInitializerType initializer, bool poolBacked, bool callElementConstructor, int minDepth, int depth);
+                     DataElementInitializerType initializer, bool callElementConstructor, int minDepth, int depth);
     TreeIndex tileOfFlat(int64 flat) const;
 
 private:

@@ -1,23 +1,19 @@
 #include "TilegridOps/substrate/channel_services.h"
 
-#include <unistd.h>
+#include "TilegridOps/substrate/slab_pool.h"
 
-#include <atomic>
+#include <unistd.h>
 
 namespace OST::TileTree3D {
 
-namespace {
-std::atomic<bool> poolOn{false};
-}
-
 void ChannelPool::enable()
 {
-    poolOn.store(true, std::memory_order_relaxed);
+    tilegrid::SlabPool::enable();
 }
 
 bool ChannelPool::enabled()
 {
-    return poolOn.load(std::memory_order_relaxed);
+    return tilegrid::SlabPool::enabled();
 }
 
 std::size_t ChannelPool::availablePhysicalMemory()
@@ -28,7 +24,7 @@ std::size_t ChannelPool::availablePhysicalMemory()
 
 std::size_t ChannelPool::availableMemory()
 {
-    return availablePhysicalMemory();
+    return availablePhysicalMemory() + tilegrid::SlabPool::heldBytes();
 }
 
 void detail::reportPoolMemory(char const* when)

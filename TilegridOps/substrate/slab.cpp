@@ -1,6 +1,6 @@
 #include "TilegridOps/substrate/slab.h"
 
-#include <sys/mman.h>
+#include "TilegridOps/substrate/slab_pool.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -25,7 +25,6 @@ namespace {
 
 // From this size on a slab is a mapping of its own, which the system can grow without copying.
 constexpr std::size_t kMappedBytes = 128 * 1024;
-constexpr std::size_t kPage = 4096;
 constexpr std::size_t kAlignment = 64;
 
 bool isMapped(std::size_t capacity)
@@ -33,18 +32,14 @@ bool isMapped(std::size_t capacity)
     return capacity >= kMappedBytes;
 }
 
-std::size_t mappingBytes(std::size_t capacity)
-{
-    return (capacity + 2 * RawSlab::kMargin + kPage - 1) / kPage * kPage;
-}
-
-std::byte* acquire(std::size_t capacity)
+/// Room for `capacity` bytes and the margins; the capacity may come out larger.
+std::byte* acquire(std::size_t& capacity)
 {
     if (!isMapped(capacity))
         return static_cast<std::byte*>(OST::allocate_jemalloc(capacity + 2 * RawSlab::kMargin, kAlignment)) + RawSlab::kMargin;
-    void* block = mmap(nullptr, mappingBytes(capacity), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (block == MAP_FAILED) throw std::bad_alloc();
-    madvise(block, mappingBytes(capacity), MADV_HUGEPAGE);
+    std::size_t bytes = capacity + 2 * RawSlab::kMargin;
+    void* block = SlabPool::acquire(bytes);
+    capacity = bytes - 2 * RawSlab::kMargin;
     return static_cast<std::byte*>(block) + RawSlab::kMargin;
 }
 
@@ -52,7 +47,7 @@ void release(std::byte* data, std::size_t capacity)
 {
     if (!data) return;
     if (isMapped(capacity))
-        munmap(data - RawSlab::kMargin, mappingBytes(capacity));
+        SlabPool::release(data - RawSlab::kMargin, capacity + 2 * RawSlab::kMargin);
     else
         OST::deallocate_jemalloc(data - RawSlab::kMargin);
 }
@@ -92,8 +87,9 @@ void RawSlab::reserve(std::size_t bytes)
 void RawSlab::reallocate(std::size_t capacity)
 {
     if (data_ && isMapped(capacity_) && isMapped(capacity)) {
-        void* block = mremap(data_ - kMargin, mappingBytes(capacity_), mappingBytes(capacity), MREMAP_MAYMOVE);
-        if (block == MAP_FAILED) throw std::bad_alloc();
+        std::size_t bytes = capacity + 2 * kMargin;
+        void* block = SlabPool::grow(data_ - kMargin, capacity_ + 2 * kMargin, bytes);
+        capacity = bytes - 2 * kMargin;
         data_ = static_cast<std::byte*>(block) + kMargin;
     } else {
         std::byte* grown = acquire(capacity);

@@ -131,6 +131,6 @@ private:
 
 /// Whether tile a lies before tile b in Morton order (k, then j, then i most significant at every level). Both are low
 /// corners of tiles.
-template <class Tr> bool mortonLess(int3 const& a, int3 const& b);
+template <class Tr> TILEGRID_API bool mortonLess(int3 const& a, int3 const& b);
 
 }  // namespace OST::TileTree3D

@@ -73,25 +73,6 @@ void fillBrick(Container<QuinaryTraits> const& container, TreeIndex const& at, B
     }
 }
 
-/// The deepest tile at a cell of the brick of rung tile `at`, by the masks; they hold while tiles are consecutive.
-TreeIndex deepestByMasks(Brick<BinaryTraits> const& brick, TreeIndex const& at, int cell)
-{
-    const auto below = [](uint64 mask, int bit) { return std::popcount(mask & ((uint64(1) << bit) - 1)); };
-    const int word = cell >> 6, bit = cell & 63;
-    if (brick.fine[word] >> bit & 1) return {brick.firstFine + brick.rank[word] + below(brick.fine[word], bit), at.depth + 3};
-    if (brick.middle >> (cell >> 3) & 1) return {brick.firstMiddle + below(brick.middle, cell >> 3), at.depth + 2};
-    if (brick.coarse >> word & 1) return {brick.firstCoarse + below(brick.coarse, word), at.depth + 1};
-    return at;
-}
-
-TreeIndex deepestByMasks(Brick<QuinaryTraits> const& brick, TreeIndex const& at, int cell)
-{
-    const int word = cell / 64, bit = cell % 64;
-    if (!(brick.fine[word] >> bit & 1)) return at;
-    const int before = std::popcount(brick.fine[word] & ((uint64(1) << bit) - 1)) + (word ? std::popcount(brick.fine[0]) : 0);
-    return {brick.firstFine + before, at.depth + 1};
-}
-
 }  // namespace
 
 template <class Tr> void TileLookup<Tr>::setRung(Rung& rung, int depth) const
@@ -187,7 +168,6 @@ template <class Tr> void TileLookup<Tr>::buildBricks(Container<Tr> const& contai
 template <class Tr> void TileLookup<Tr>::build(Container<Tr> const& container)
 {
     built_ = false;
-    ++version_;
     const int deepest = container.deepestDepth();
     if (deepest < 0) {
         std::fill_n(top_.size, 3, 0u);
@@ -207,41 +187,19 @@ template <class Tr> void TileLookup<Tr>::build(Container<Tr> const& container)
     built_ = true;
 }
 
-template <class Tr> TreeIndex TileLookup<Tr>::descend(Rung const& rung, int64 index, int cell)
+template <class Tr>
+TreeIndex TileLookup<Tr>::locateThroughRungs(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
 {
-    Brick<Tr> const& brick = rung.bricks[std::size_t(index)];
-    if (brick.consecutive) return deepestByMasks(brick, {index, rung.depth}, cell);
-    return decoded(rung.codes[std::size_t(brick.codes)][std::size_t(cell)], rung.depth);
-}
-
-template <class Tr> TreeIndex TileLookup<Tr>::locate(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
-{
-    Rung const& first = coarser_.empty() ? finest_ : coarser_.front();
-    const std::uint32_t cx = rungCell(first, x) - top_.low[0], cy = rungCell(first, y) - top_.low[1], cz = rungCell(first, z) - top_.low[2];
-    if (cx >= top_.size[0] || cy >= top_.size[1] || cz >= top_.size[2]) return {};
-    const std::int32_t top = top_.cells[(std::size_t(cz) * top_.size[1] + cy) * top_.size[0] + cx];
-    if (top < 0) {
-        const auto packed = std::uint32_t(~top);
-        return top == kOutside ? TreeIndex{} : TreeIndex{int64(packed & ((1u << 26) - 1)), int(packed >> 26)};
-    }
+    Rung const& first = coarser_.front();
+    const std::int32_t top = topCell(rungCell(first, x), rungCell(first, y), rungCell(first, z));
+    if (top < 0) return coarseTile(top);
     int64 index = top;
     for (Rung const& rung : coarser_) {
         const TreeIndex next = descend(rung, index, brickCell(rung, x, y, z));
         if (next.depth < rung.depth + Shape::span) return next;
         index = next.index;
     }
-    Brick<Tr> const& brick = finest_.bricks[std::size_t(index)];
-    if (brick.codes >= 0) {
-        cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
-        cursor.version = version_;
-        // Any place of the rung tile serves where only high bits are compared; the other structure needs its corner.
-        if constexpr (Tr::branching == 2)
-            cursor.x = x, cursor.y = y, cursor.z = z;
-        else
-            cursor.x = finest_.byWidth(x) * finest_.width, cursor.y = finest_.byWidth(y) * finest_.width,
-            cursor.z = finest_.byWidth(z) * finest_.width;
-    }
-    return descend(finest_, index, brickCell(finest_, x, y, z));
+    return visit(index, x, y, z, cursor);
 }
 
 template <class Tr> void TileLookup<Tr>::tileAdded(Container<Tr> const& container, TreeIndex const& added)
@@ -259,7 +217,6 @@ template <class Tr> void TileLookup<Tr>::tileAdded(Container<Tr> const& containe
         brick.codes = std::int32_t(finest_.codes.size());
         finest_.codes.resize(finest_.codes.size() + 1);
         finest_.codes[std::size_t(brick.codes)].fill(encoded(rungTile.index, Shape::span));
-        ++version_;  // the tables may have moved
     }
     brick.consecutive = false;
     int covered = 1;

@@ -89,15 +89,38 @@ template <> struct Brick<QuinaryTraits> {
 };
 static_assert(sizeof(Brick<QuinaryTraits>) == 32);
 
+namespace lookup {
+
+/// The deepest tile at a cell of the brick of rung tile `at`, by the masks; they hold while tiles are consecutive.
+inline TreeIndex deepestByMasks(Brick<BinaryTraits> const& brick, TreeIndex const& at, int cell)
+{
+    const auto below = [](uint64 mask, int bit) { return std::popcount(mask & ((uint64(1) << bit) - 1)); };
+    const int word = cell >> 6, bit = cell & 63;
+    if (brick.fine[word] >> bit & 1) return {brick.firstFine + brick.rank[word] + below(brick.fine[word], bit), at.depth + 3};
+    if (brick.middle >> (cell >> 3) & 1) return {brick.firstMiddle + below(brick.middle, cell >> 3), at.depth + 2};
+    if (brick.coarse >> word & 1) return {brick.firstCoarse + below(brick.coarse, word), at.depth + 1};
+    return at;
+}
+
+inline TreeIndex deepestByMasks(Brick<QuinaryTraits> const& brick, TreeIndex const& at, int cell)
+{
+    const int word = cell / 64, bit = cell % 64;
+    if (!(brick.fine[word] >> bit & 1)) return at;
+    const int before = std::popcount(brick.fine[word] & ((uint64(1) << bit) - 1)) + (word ? std::popcount(brick.fine[0]) : 0);
+    return {brick.firstFine + before, at.depth + 1};
+}
+
+}  // namespace lookup
+
 template <class Tr> class TILEGRID_API TileLookup {
     using Shape = lookup::Shape<Tr>;
 
 public:
-    /// Where the last query of an accessor ended: the low corner of a rung tile and the codes of its brick.
+    /// Where the last query of an accessor ended: a rung tile (a place in it, or its low corner) and the codes of its brick.
+    /// Reset it when the tree has changed.
     struct Cursor {
         std::uint32_t x = 0, y = 0, z = 0;
         std::uint32_t const* codes = nullptr;
-        uint64 version = 0;
     };
 
     bool built() const { return built_; }
@@ -113,9 +136,9 @@ public:
     TreeIndex find(int i, int j, int k, Cursor& cursor) const
     {
         const std::uint32_t x = fromLow(i), y = fromLow(j), z = fromLow(k);
-        if (cursor.version == version_ && sameRungTile(x, y, z, cursor))
+        if (cursor.codes && sameRungTile(x, y, z, cursor))
             return decoded(cursor.codes[brickCell(finest_, x, y, z)], finest_.depth);
-        return locate(x, y, z, cursor);
+        return coarser_.empty() ? locate(x, y, z, cursor) : locateThroughRungs(x, y, z, cursor);
     }
 
 private:
@@ -161,8 +184,46 @@ private:
             return x - cursor.x < finest_.width && y - cursor.y < finest_.width && z - cursor.z < finest_.width;
     }
     static TreeIndex decoded(std::uint32_t code, int rungDepth) { return lookup::decoded<Tr>(code, rungDepth); }
-    TreeIndex locate(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const;
-    static TreeIndex descend(Rung const& rung, int64 index, int cell);
+    /// The first visit, where the top grid leads straight to the finest rung.
+    TreeIndex locate(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
+    {
+        const std::int32_t top = topCell(rungCell(finest_, x), rungCell(finest_, y), rungCell(finest_, z));
+        return top < 0 ? coarseTile(top) : visit(top, x, y, z, cursor);
+    }
+    TreeIndex locateThroughRungs(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const;
+    std::int32_t topCell(std::uint32_t cx, std::uint32_t cy, std::uint32_t cz) const
+    {
+        cx -= top_.low[0], cy -= top_.low[1], cz -= top_.low[2];
+        if (cx >= top_.size[0] || cy >= top_.size[1] || cz >= top_.size[2]) return kOutside;
+        return top_.cells[(std::size_t(cz) * top_.size[1] + cy) * top_.size[0] + cx];
+    }
+    static TreeIndex coarseTile(std::int32_t top)
+    {
+        const auto packed = std::uint32_t(~top);
+        return top == kOutside ? TreeIndex{} : TreeIndex{int64(packed & ((1u << 26) - 1)), int(packed >> 26)};
+    }
+    /// The deepest tile in the brick of finest rung tile `index`; the cursor moves there.
+    TreeIndex visit(int64 index, std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
+    {
+        Brick<Tr> const& brick = finest_.bricks[std::size_t(index)];
+        const int cell = brickCell(finest_, x, y, z);
+        if (brick.codes >= 0) {
+            cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
+            // Any place of the rung tile serves where only high bits are compared; the other structure needs its corner.
+            if constexpr (Tr::branching == 2)
+                cursor.x = x, cursor.y = y, cursor.z = z;
+            else
+                cursor.x = finest_.byWidth(x) * finest_.width, cursor.y = finest_.byWidth(y) * finest_.width,
+                cursor.z = finest_.byWidth(z) * finest_.width;
+        }
+        return descend(finest_, index, cell);
+    }
+    static TreeIndex descend(Rung const& rung, int64 index, int cell)
+    {
+        Brick<Tr> const& brick = rung.bricks[std::size_t(index)];
+        if (brick.consecutive) return lookup::deepestByMasks(brick, {index, rung.depth}, cell);
+        return decoded(rung.codes[std::size_t(brick.codes)][std::size_t(cell)], rung.depth);
+    }
 
     bool chooseRungs(Container<Tr> const& container, int deepest);
     void setRung(Rung& rung, int depth) const;
@@ -176,8 +237,6 @@ private:
     std::vector<Rung> coarser_;
     Rung finest_;
     bool built_ = false;
-    /// Rises when codes move; a cursor of another version is not followed.
-    uint64 version_ = 0;
 };
 
 extern template class TileLookup<BinaryTraits>;

@@ -33,7 +33,15 @@ public:
     int minDepth() const { return minDepth_; }
     int maxDepth() const { return maxDepth_; }
     int64 count(int depth) const { return count_[depth]; }
-    int64 index(int depth, int64 n) const { return wholeTree_ ? n : list_[depth][n]; }
+    /// Hands the tiles [begin, end) of a depth to the visitor, in runs that lie side by side.
+    template <class TileRef, class Run> void run(Container<Tr> const& container, int depth, int64 begin, int64 end, Run run) const
+    {
+        using TileT = std::remove_reference_t<TileRef>;
+        const auto at = [&](int64 index) { return const_cast<TileT*>(&container.tile(index, depth)); };
+        if (begin >= end) return;
+        if (wholeTree_) return run(at(begin), end - begin);
+        for (int64 n = begin; n < end; ++n) run(at(list_[depth][n]), int64(1));
+    }
     int64 total() const
     {
         int64 sum = 0;
@@ -48,12 +56,6 @@ private:
     std::array<std::vector<int64>, Tr::levels> list_;
 };
 
-/// The tile as the pass asked for it: read-only, or to be changed.
-template <class TileRef, class Tr> TileRef tileAs(Container<Tr> const& container, int64 index, int depth)
-{
-    return const_cast<TileRef>(container.tile(index, depth));
-}
-
 }  // namespace
 
 template <class Tr>
@@ -67,8 +69,9 @@ void Container<Tr>::traverseInternalNonInlined(VisitorT* visitor, TraversalMode 
     visitor->beginTraverse();
     if (mode == kTreeSerialOrder) {
         for (int depth = range.minDepth(); depth <= range.maxDepth(); ++depth)
-            for (int64 n = 0; n < range.count(depth); ++n)
-                visitor->runTile(tileAs<TileRef>(*this, range.index(depth, n), depth), cellBegin, cellEnd, voxelMode);
+            range.template run<TileRef>(*this, depth, 0, range.count(depth), [&](auto* tiles, int64 count) {
+                visitor->runTiles(tiles, count, cellBegin, cellEnd, voxelMode);
+            });
     } else {
         // Children first needs a barrier between depths; the other modes get one too, which costs nothing beside a level.
         const bool childrenFirst = mode == kBottomUp || mode == kMarkingWalk;
@@ -77,8 +80,9 @@ void Container<Tr>::traverseInternalNonInlined(VisitorT* visitor, TraversalMode 
             const int depth = childrenFirst ? range.minDepth() + range.maxDepth() - step : step;
             tilegrid::parallel::forRanges(0, range.count(depth), grain, [&](int64 begin, int64 end) {
                 VisitorT& mine = clones.local([visitor] { return std::unique_ptr<VisitorT>(visitor->clone()); });
-                for (int64 n = begin; n < end; ++n)
-                    mine.runTile(tileAs<TileRef>(*this, range.index(depth, n), depth), cellBegin, cellEnd, voxelMode);
+                range.template run<TileRef>(*this, depth, begin, end, [&](auto* tiles, int64 count) {
+                    mine.runTiles(tiles, count, cellBegin, cellEnd, voxelMode);
+                });
             });
         }
     }
@@ -101,11 +105,12 @@ void Container<Tr>::reduceInternalNonInlined(VisitorT* visitor, TraversalMode, T
         VisitInteriorVoxelMode voxelMode;
         void run(int64 begin, int64 end) override
         {
-            int depth = range->minDepth();
             int64 first = 0;  // running number of the depth's first tile
-            for (int64 n = begin; n < end; ++n) {
-                while (n - first >= range->count(depth)) first += range->count(depth++);
-                visitor->runTile(tileAs<TileRef>(*tree, range->index(depth, n - first), depth), cellBegin, cellEnd, voxelMode);
+            for (int depth = range->minDepth(); depth <= range->maxDepth(); ++depth) {
+                const int64 count = range->count(depth);
+                range->template run<TileRef>(*tree, depth, std::max(begin - first, int64(0)), std::min(end - first, count),
+                                             [&](auto* tiles, int64 n) { visitor->runTiles(tiles, n, cellBegin, cellEnd, voxelMode); });
+                first += count;
             }
         }
         std::unique_ptr<ReduceBody> split() const override

@@ -28,6 +28,21 @@ template <class F, class... Args> bool asked(F& f, Args&&... args)
 
 template <class F> inline constexpr bool isNothing = std::is_same_v<F, Nothing>;
 
+/// Calls `visit(int3)` for a cube of cells, i fastest. The whole tile is the common case, and with bounds that the compiler
+/// knows it unrolls and vectorises.
+template <int W, class F> void forCube(int first, int last, F visit)
+{
+    if (first == 0 && last == W) {
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i) visit(int3(i, j, k));
+    } else {
+        for (int k = first; k < last; ++k)
+            for (int j = first; j < last; ++j)
+                for (int i = first; i < last; ++i) visit(int3(i, j, k));
+    }
+}
+
 }  // namespace detail
 
 template <class Tr>
@@ -53,14 +68,14 @@ void Container<Tr>::traverse(BeginTraverse beginTraverse, EndTraverse endTravers
         void endTile(Tile const& tile) override { endTile_(tile); }
         bool visitInteriorVoxel(Tile const& tile, int3 const& ijk) override { return detail::asked(visit_, tile, ijk); }
         VisitorT* clone() const override { return new MyVisitor(*this); }
-        void runTile(Tile const& tile, int first, int last, VisitInteriorVoxelMode) override
+        void runTiles(Tile const* tiles, int64 count, int first, int last, VisitInteriorVoxelMode) override
         {
-            beginTile_(tile);
-            if constexpr (!detail::isNothing<VisitVoxel>)
-                for (int k = first; k < last; ++k)
-                    for (int j = first; j < last; ++j)
-                        for (int i = first; i < last; ++i) visit_(tile, int3(i, j, k));
-            endTile_(tile);
+            for (Tile const* tile = tiles; tile != tiles + count; ++tile) {
+                beginTile_(*tile);
+                if constexpr (!detail::isNothing<VisitVoxel>)
+                    detail::forCube<Tr::width>(first, last, [&](int3 const& ijk) { visit_(*tile, ijk); });
+                endTile_(*tile);
+            }
         }
     };
     MyVisitor visitor(std::move(beginTraverse), std::move(endTraverse), std::move(beginTile), std::move(endTile), std::move(visitVoxel));
@@ -87,7 +102,7 @@ void Container<Tr>::traverse(BeginTraverse beginTraverse, EndTraverse endTravers
         }
         using VisitorT::beginTile;
         using VisitorT::endTile;
-        using VisitorT::runTile;
+        using VisitorT::runTiles;
         using VisitorT::visitInteriorVoxel;
         void beginTraverse() override { begin_(); }
         void endTraverse() override { end_(); }
@@ -95,14 +110,14 @@ void Container<Tr>::traverse(BeginTraverse beginTraverse, EndTraverse endTravers
         void endTile(Tile& tile) override { endTile_(tile); }
         bool visitInteriorVoxel(Tile& tile, int3 const& ijk) override { return detail::asked(visit_, tile, ijk); }
         VisitorT* clone() const override { return new MyVisitor(*this); }
-        void runTile(Tile& tile, int first, int last, VisitInteriorVoxelMode) override
+        void runTiles(Tile* tiles, int64 count, int first, int last, VisitInteriorVoxelMode) override
         {
-            beginTile_(tile);
-            if constexpr (!detail::isNothing<VisitVoxel>)
-                for (int k = first; k < last; ++k)
-                    for (int j = first; j < last; ++j)
-                        for (int i = first; i < last; ++i) visit_(tile, int3(i, j, k));
-            endTile_(tile);
+            for (Tile* tile = tiles; tile != tiles + count; ++tile) {
+                beginTile_(*tile);
+                if constexpr (!detail::isNothing<VisitVoxel>)
+                    detail::forCube<Tr::width>(first, last, [&](int3 const& ijk) { visit_(*tile, ijk); });
+                endTile_(*tile);
+            }
         }
     };
     MyVisitor visitor(std::move(beginTraverse), std::move(endTraverse), std::move(beginTile), std::move(endTile), std::move(visitVoxel));
@@ -137,14 +152,14 @@ void Container<Tr>::reduce(BeginTraverse beginTraverse, EndTraverse endTraverse,
         bool visitInteriorVoxel(Tile const& tile, int3 const& ijk) override { return detail::asked(f_.visit, tile, ijk, data_); }
         void join(VisitorT const& right) override { f_.join(data_, static_cast<MyVisitor const&>(right).data_); }
         VisitorT* clone() const override { return new MyVisitor(*this); }
-        void runTile(Tile const& tile, int first, int last, VisitInteriorVoxelMode) override
+        void runTiles(Tile const* tiles, int64 count, int first, int last, VisitInteriorVoxelMode) override
         {
-            f_.beginTile(tile, data_);
-            if constexpr (!detail::isNothing<VisitVoxel>)
-                for (int k = first; k < last; ++k)
-                    for (int j = first; j < last; ++j)
-                        for (int i = first; i < last; ++i) f_.visit(tile, int3(i, j, k), data_);
-            f_.endTile(tile, data_);
+            for (Tile const* tile = tiles; tile != tiles + count; ++tile) {
+                f_.beginTile(*tile, data_);
+                if constexpr (!detail::isNothing<VisitVoxel>)
+                    detail::forCube<Tr::width>(first, last, [&](int3 const& ijk) { f_.visit(*tile, ijk, data_); });
+                f_.endTile(*tile, data_);
+            }
         }
     };
     MyVisitor visitor({std::move(beginTraverse), std::move(endTraverse), std::move(beginTile), std::move(endTile),
@@ -170,14 +185,14 @@ void Container<Tr>::traverseVoxels(Data const& data, BeginTile beginTile, VisitV
         void beginTile(Tile const& tile) override { beginTile_(tile, data_); }
         bool visitInteriorVoxel(Tile const& tile, int3 const& ijk) override { return detail::asked(visit_, tile, ijk, data_); }
         VisitorT* clone() const override { return new MyVisitor(*this); }
-        void runTile(Tile const& tile, int first, int last, VisitInteriorVoxelMode) override
+        void runTiles(Tile const* tiles, int64 count, int first, int last, VisitInteriorVoxelMode) override
         {
-            beginTile_(tile, data_);
             // Byte-sized elements alias everything: handles that live in the loop's own frame stay in registers.
             Data local = std::move(data_);
-            for (int k = first; k < last; ++k)
-                for (int j = first; j < last; ++j)
-                    for (int i = first; i < last; ++i) visit_(tile, int3(i, j, k), local);
+            for (Tile const* tile = tiles; tile != tiles + count; ++tile) {
+                beginTile_(*tile, local);
+                detail::forCube<Tr::width>(first, last, [&](int3 const& ijk) { visit_(*tile, ijk, local); });
+            }
             data_ = std::move(local);
         }
     };

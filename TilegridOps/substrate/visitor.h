@@ -48,23 +48,24 @@ public:
     virtual Visitor* clone() const = 0;
     virtual ~Visitor() = default;
 
-    /// One whole tile: `beginTile`, the loop over [cellBegin, cellEnd) per axis with i fastest, `endTile`. Passes override
-    /// it to keep that loop in their own code: one virtual call per tile in place of one per voxel.
-    virtual void runTile(Tile const& tile, int cellBegin, int cellEnd, VisitInteriorVoxelMode mode)
+    /// A run of tiles that lie side by side: for each one `beginTile`, the loop over [cellBegin, cellEnd) per axis with i
+    /// fastest, `endTile`. Passes override it to keep these loops in their own code: one virtual call per run in place of one
+    /// per voxel.
+    virtual void runTiles(Tile const* tiles, int64 count, int cellBegin, int cellEnd, VisitInteriorVoxelMode)
     {
-        runTileByCalls(tile, cellBegin, cellEnd, mode);
+        for (int64 n = 0; n < count; ++n) runByCalls(tiles[n], cellBegin, cellEnd);
     }
-    virtual void runTile(Tile& tile, int cellBegin, int cellEnd, VisitInteriorVoxelMode mode)
+    virtual void runTiles(Tile* tiles, int64 count, int cellBegin, int cellEnd, VisitInteriorVoxelMode)
     {
-        runTileByCalls(tile, cellBegin, cellEnd, mode);
+        for (int64 n = 0; n < count; ++n) runByCalls(tiles[n], cellBegin, cellEnd);
     }
 
     /// Read by growth. Gather the children that a tile wants before any of them is made; run without tasks, depth first.
     bool collectChildren = false;
     bool forceSerial = false;
 
-protected:
-    template <class TileT> void runTileByCalls(TileT& tile, int cellBegin, int cellEnd, VisitInteriorVoxelMode)
+private:
+    template <class TileT> void runByCalls(TileT& tile, int cellBegin, int cellEnd)
     {
         beginTile(tile);
         for (int k = cellBegin; k < cellEnd; ++k)

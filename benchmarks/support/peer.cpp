@@ -1,0 +1,126 @@
+#include "benchmarks/support/peer.h"
+
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#include <openvdb/tools/MeshToVolume.h>
+#include <openvdb/tree/LeafManager.h>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include <atomic>
+
+namespace bench {
+
+using Ostara::Math::float3;
+using Ostara::Math::int3;
+using Tree = openvdb::FloatTree;
+
+struct PeerGrid::Content {
+    openvdb::FloatGrid::Ptr grid;
+    Tree::Ptr second;
+};
+
+namespace {
+
+template <class Find> std::uint64_t locate(std::vector<int3> const& places, Find makeFinder)
+{
+    std::atomic<std::uint64_t> sum{0};
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, places.size(), 4096), [&](tbb::blocked_range<std::size_t> const& part) {
+        auto find = makeFinder();
+        std::uint64_t local = 0;
+        for (std::size_t n = part.begin(); n < part.end(); ++n) {
+            auto const* leaf = find(openvdb::Coord(places[n].x, places[n].y, places[n].z));
+            local += leaf ? std::uint64_t(reinterpret_cast<std::uintptr_t>(leaf) >> 6) : 1;
+        }
+        sum += local;
+    });
+    // Addresses differ between runs; what counts is that every one was computed.
+    return sum ? 1 : 0;
+}
+
+}  // namespace
+
+PeerGrid::PeerGrid(std::unique_ptr<Content> content) : content_(std::move(content)) {}
+PeerGrid::PeerGrid(PeerGrid&&) noexcept = default;
+PeerGrid::~PeerGrid() = default;
+
+PeerGrid PeerGrid::sphere(float radius)
+{
+    openvdb::initialize();
+    auto content = std::make_unique<Content>();
+    content->grid = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(radius, openvdb::Vec3f(0), 1.0f, 3.0f);
+    return PeerGrid(std::move(content));
+}
+
+PeerGrid PeerGrid::mesh(std::vector<float3> const& vertices, std::vector<int3> const& triangles, float voxelSize)
+{
+    openvdb::initialize();
+    std::vector<openvdb::Vec3s> points;
+    for (float3 const& v : vertices) points.emplace_back(v.x, v.y, v.z);
+    std::vector<openvdb::Vec3I> faces;
+    for (int3 const& t : triangles) faces.emplace_back(t.x, t.y, t.z);
+    auto content = std::make_unique<Content>();
+    content->grid = openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(*openvdb::math::Transform::createLinearTransform(voxelSize),
+                                                                       points, faces, 3.0f);
+    return PeerGrid(std::move(content));
+}
+
+std::vector<int3> PeerGrid::activeVoxels() const
+{
+    std::vector<int3> places;
+    for (auto it = content_->grid->cbeginValueOn(); it; ++it) {
+        const openvdb::Coord c = it.getCoord();
+        places.emplace_back(c.x(), c.y(), c.z());
+    }
+    return places;
+}
+
+std::int64_t PeerGrid::activeCount() const { return std::int64_t(content_->grid->activeVoxelCount()); }
+std::uint64_t PeerGrid::memoryBytes() const { return content_->grid->tree().memUsage(); }
+
+std::uint64_t PeerGrid::locateByTree(std::vector<int3> const& places) const
+{
+    Tree const& tree = content_->grid->tree();
+    return locate(places, [&tree] { return [&tree](openvdb::Coord const& c) { return tree.probeConstLeaf(c); }; });
+}
+
+std::uint64_t PeerGrid::locateByAccessor(std::vector<int3> const& places) const
+{
+    auto const& grid = *content_->grid;
+    return locate(places, [&grid] {
+        return [accessor = grid.getConstUnsafeAccessor()](openvdb::Coord const& c) mutable { return accessor.probeConstLeaf(c); };
+    });
+}
+
+void PeerGrid::append(std::vector<int3> const& places)
+{
+    auto accessor = content_->grid->getAccessor();
+    for (int3 const& p : places) accessor.setValue(openvdb::Coord(p.x, p.y, p.z), 1.0f);
+}
+
+std::int64_t PeerGrid::leafValues() const { return std::int64_t(content_->grid->tree().leafCount()) * Tree::LeafNodeType::SIZE; }
+
+std::uint64_t PeerGrid::leafPass()
+{
+    Tree& tree = content_->grid->tree();
+    if (!content_->second) content_->second = std::make_shared<Tree>(tree);
+    std::vector<Tree::LeafNodeType*> from, to;
+    tree.getNodes(from);
+    content_->second->getNodes(to);
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, from.size()), [&](tbb::blocked_range<std::size_t> const& part) {
+        for (std::size_t n = part.begin(); n < part.end(); ++n) {
+            float const* a = from[n]->buffer().data();
+            float* b = to[n]->buffer().data();
+            for (int v = 0; v < int(Tree::LeafNodeType::SIZE); ++v) b[v] = a[v] * 0.99f + 0.01f;
+        }
+    });
+    return std::uint64_t(to.empty() ? 0 : to[0]->buffer().data()[0] * 1000.0f);
+}
+
+std::uint64_t peerBuildSphere(float radius)
+{
+    const auto grid = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(radius, openvdb::Vec3f(0), 1.0f, 3.0f);
+    return grid->activeVoxelCount();
+}
+
+}  // namespace bench

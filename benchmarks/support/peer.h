@@ -1,0 +1,43 @@
+#pragma once
+#include "TilegridOps/host/math.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// The peer: OpenVDB, in its best form for each job, behind a plain interface so that one file compiles it.
+namespace bench {
+
+class PeerGrid {
+public:
+    /// A level set of a sphere with that radius in voxels around the origin, band of half width 3.
+    static PeerGrid sphere(float radius);
+    /// A level set of the triangles with that voxel size.
+    static PeerGrid mesh(std::vector<Ostara::Math::float3> const& vertices, std::vector<Ostara::Math::int3> const& triangles, float voxelSize);
+    ~PeerGrid();
+    PeerGrid(PeerGrid&&) noexcept;
+
+    std::vector<Ostara::Math::int3> activeVoxels() const;
+    std::int64_t activeCount() const;
+    std::uint64_t memoryBytes() const;
+
+    /// Finds the leaf of each place: by the tree itself, or by an accessor per thread.
+    std::uint64_t locateByTree(std::vector<Ostara::Math::int3> const& places) const;
+    std::uint64_t locateByAccessor(std::vector<Ostara::Math::int3> const& places) const;
+    /// Activates and sets the voxels one by one through an accessor.
+    void append(std::vector<Ostara::Math::int3> const& places);
+    /// b = a * 0.99 + 0.01 over all values of all leaves into a second tree of the same topology.
+    std::uint64_t leafPass();
+    std::int64_t leafValues() const;
+
+private:
+    struct Content;
+    explicit PeerGrid(std::unique_ptr<Content> content);
+    std::unique_ptr<Content> content_;
+};
+
+/// Builds the sphere of `PeerGrid::sphere` and throws it away.
+std::uint64_t peerBuildSphere(float radius);
+
+}  // namespace bench

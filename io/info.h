@@ -23,6 +23,7 @@ struct VolumeInfo {
     std::string structure;
     double voxelSize = 0;
     std::vector<std::int64_t> tilesByDepth, leafVoxelsByDepth;
+    /// Bytes of content. Tables that only speed up access come and go with use, so they do not count.
     std::uint64_t bytes = 0;
     std::vector<PropertyInfo> properties;
     std::optional<LevelSetInfo> levelSet;

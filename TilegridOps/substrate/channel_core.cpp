@@ -253,7 +253,8 @@ void PointChannelCore::updateTilesRemoved(TileMoves const& moves, Component cons
 {
     for (int depth = std::max(minDepth_, 0); depth <= maxDepth_; ++depth) {
         if (depth < int(moves.size()))
-            for (auto const& [from, to] : moves[depth]) lists_[depth][to] = std::move(lists_[depth][from]);
+            for (auto const& [from, to] : moves[depth])
+                if (to != from) lists_[depth][to] = std::move(lists_[depth][from]);  // a list moved to itself would end empty
         lists_[depth].resize(static_cast<std::size_t>(source.tileCount(depth)));
     }
 }

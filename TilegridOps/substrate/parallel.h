@@ -73,7 +73,7 @@ TILEGRID_API void runJob(Job* job, int threads, FunctionRef<void()> work);
 /// walks the values, in no particular order.
 template <class T> class PerThread {
 public:
-    explicit PerThread(std::vector<std::unique_ptr<T>>::size_type slots = maxSlots()) : values_(slots) {}
+    explicit PerThread(std::size_t slots = static_cast<std::size_t>(maxSlots())) : values_(slots) {}
     template <class Make> T& local(Make const& make)
     {
         auto& value = values_[currentSlot()];

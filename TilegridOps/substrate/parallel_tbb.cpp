@@ -2,42 +2,68 @@
 
 #include <tbb/blocked_range.h>
 #include <tbb/global_control.h>
+#include <tbb/info.h>
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
 #include <tbb/task.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
-#include <tbb/task_scheduler_observer.h>
+
+#include <mutex>
+#include <optional>
+#include <set>
 
 namespace tilegrid::parallel {
 
 namespace {
 
-/// Lets every thread that enters a job's arena serve that job.
-class JobObserver final : public tbb::task_scheduler_observer {
+/// While it lives, a job may have that many threads, also more than the machine has cores. The scheduler obeys the least of
+/// all limits in force, so the jobs of a process share one: the largest that a running one asked for.
+class ThreadsAllowed {
 public:
-    JobObserver(tbb::task_arena& arena, Job* job) : task_scheduler_observer(arena), job_(job) { observe(true); }
-    ~JobObserver() override { observe(false); }
-    void on_scheduler_entry(bool) override { scopes_.push_back(std::make_unique<Job::Scope>(job_)); }
-    void on_scheduler_exit(bool) override
+    explicit ThreadsAllowed(int threads)
     {
-        if (!scopes_.empty()) scopes_.pop_back();
+        const std::lock_guard lock(mutex_);
+        mine_ = asked_.insert(threads);
+        apply();
+    }
+    ThreadsAllowed(ThreadsAllowed const&) = delete;
+    ThreadsAllowed& operator=(ThreadsAllowed const&) = delete;
+    ~ThreadsAllowed()
+    {
+        const std::lock_guard lock(mutex_);
+        asked_.erase(mine_);
+        apply();
     }
 
 private:
-    // A stack, since a thread that works for one arena may enter another and come back.
-    static thread_local std::vector<std::unique_ptr<Job::Scope>> scopes_;
-    Job* job_;
-};
-thread_local std::vector<std::unique_ptr<Job::Scope>> JobObserver::scopes_;
+    static void apply()
+    {
+        const int most = asked_.empty() ? 0 : *asked_.rbegin();
+        if (most == applied_) return;
+        // The new limit is in force before the old one goes, so that there is no moment without one.
+        limit_ = most == 0 ? nullptr
+                           : std::make_unique<tbb::global_control>(tbb::global_control::max_allowed_parallelism, std::size_t(most));
+        applied_ = most;
+    }
 
-void reduceHalves(int64 begin, int64 end, int64 grain, ReduceBody& body)
+    static inline std::mutex mutex_;
+    static inline std::multiset<int> asked_;
+    static inline std::unique_ptr<tbb::global_control> limit_;
+    static inline int applied_ = 0;
+    std::multiset<int>::iterator mine_;
+};
+
+/// Tasks may land on any thread: each brings the job that it serves, and leaves nothing behind.
+void reduceHalves(Job* job, int64 begin, int64 end, int64 grain, ReduceBody& body)
 {
+    const Job::Scope scope(job);
     if (end - begin <= grain) return body.run(begin, end);
     const int64 middle = begin + (end - begin) / 2;
     std::unique_ptr<ReduceBody> right = body.split();
     tbb::task_group_context context(tbb::task_group_context::isolated);
-    tbb::parallel_invoke([&] { reduceHalves(begin, middle, grain, body); }, [&] { reduceHalves(middle, end, grain, *right); }, context);
+    tbb::parallel_invoke([&] { reduceHalves(job, begin, middle, grain, body); }, [&] { reduceHalves(job, middle, end, grain, *right); },
+                         context);
     body.join(*right);
 }
 
@@ -59,20 +85,25 @@ void forRanges(int64 begin, int64 end, int64 grain, FunctionRef<void(int64, int6
     if (begin >= end) return;
     grain = std::max<int64>(grain, 1);
     if (end - begin < 2 * grain) return body(begin, end);
+    Job* const job = Job::current();
     // Isolation: a body that waits for an inner loop must not pick up another part of the outer one, or per-thread state
     // would be used twice at once. Cancellation comes from the job alone, so the group is bound to no other.
     tbb::this_task_arena::isolate([&] {
         tbb::task_group_context context(tbb::task_group_context::isolated);
         tbb::parallel_for(
             tbb::blocked_range<int64>(begin, end, static_cast<std::size_t>(2 * grain - 1)),  // halves keep the grain
-            [&](tbb::blocked_range<int64> const& part) { body(part.begin(), part.end()); }, tbb::auto_partitioner(), context);
+            [&](tbb::blocked_range<int64> const& part) {
+                const Job::Scope scope(job);
+                body(part.begin(), part.end());
+            },
+            tbb::auto_partitioner(), context);
     });
 }
 
 void deterministicReduce(int64 begin, int64 end, int64 grain, ReduceBody& body)
 {
     if (begin >= end) return;
-    tbb::this_task_arena::isolate([&] { reduceHalves(begin, end, std::max<int64>(grain, 1), body); });
+    tbb::this_task_arena::isolate([&] { reduceHalves(Job::current(), begin, end, std::max<int64>(grain, 1), body); });
 }
 
 void cancelCurrentGroup()
@@ -82,11 +113,9 @@ void cancelCurrentGroup()
 
 void runJob(Job* job, int threads, FunctionRef<void()> work)
 {
-    const int limit = threads > 0 ? threads : tbb::task_arena::automatic;
-    std::unique_ptr<tbb::global_control> more;
-    if (threads > 0) more = std::make_unique<tbb::global_control>(tbb::global_control::max_allowed_parallelism, std::size_t(threads));
-    tbb::task_arena arena(limit);
-    JobObserver observer(arena, job);
+    std::optional<ThreadsAllowed> allowed;
+    if (threads > tbb::info::default_concurrency()) allowed.emplace(threads);
+    tbb::task_arena arena(threads > 0 ? threads : tbb::task_arena::automatic);
     arena.execute([&] {
         const Job::Scope scope(job);
         work();

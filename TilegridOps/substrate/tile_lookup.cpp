@@ -71,6 +71,7 @@ void fillBrick(Container<QuinaryTraits> const& container, TreeIndex const& at, B
         brick.consecutive &= goesOn(brick.firstFine, tiles, child);
         codes[cell] = encoded(child, 0);
     }
+    brick.rank[1] = std::uint8_t(std::popcount(brick.fine[0]));
 }
 
 }  // namespace
@@ -80,10 +81,7 @@ template <class Tr> void TileLookup<Tr>::setRung(Rung& rung, int depth) const
     rung.depth = depth;
     rung.width = std::uint32_t(Tr::tileVoxelWidth(depth));
     rung.shift = std::bit_width(rung.width) - 1;
-    if constexpr (Tr::branching == 5) {
-        rung.byWidth = WidthDivider(rung.width);
-        rung.byCell = WidthDivider(std::uint32_t(Tr::voxelWidth(depth)));
-    }
+    if constexpr (Tr::branching == 5) rung.byCell = WidthDivider(std::uint32_t(Tr::voxelWidth(depth)));
 }
 
 template <class Tr> bool TileLookup<Tr>::placeTop(Container<Tr> const& container, Rung const& rung)
@@ -92,7 +90,7 @@ template <class Tr> bool TileLookup<Tr>::placeTop(Container<Tr> const& container
     std::fill_n(top_.low, 3, UINT32_MAX);
     for (int64 n = 0; n < container.tileCount(rung.depth); ++n)
         for (int axis = 0; axis < 3; ++axis) {
-            const std::uint32_t cell = rungCell(rung, fromLow(container.tile(n, rung.depth).tijk()[axis]));
+            const std::uint32_t cell = fromLow(container.tile(n, rung.depth).tijk()[axis]) / rung.width;
             top_.low[axis] = std::min(top_.low[axis], cell);
             high[axis] = std::max(high[axis], cell);
         }
@@ -123,7 +121,7 @@ void TileLookup<Tr>::fillTopBox(Rung const& rung, std::uint32_t const low[3], st
 {
     std::uint32_t first[3], last[3];
     for (int axis = 0; axis < 3; ++axis) {
-        const std::uint32_t a = rungCell(rung, low[axis]), b = rungCell(rung, low[axis] + width - 1);
+        const std::uint32_t a = low[axis] / rung.width, b = (low[axis] + width - 1) / rung.width;
         if (b < top_.low[axis] || a >= top_.low[axis] + top_.size[axis]) return;
         first[axis] = std::max(a, top_.low[axis]) - top_.low[axis];
         last[axis] = std::min(b, top_.low[axis] + top_.size[axis] - 1) - top_.low[axis];
@@ -173,11 +171,13 @@ template <class Tr> void TileLookup<Tr>::build(Container<Tr> const& container)
         std::fill_n(top_.size, 3, 0u);
         top_.cells.clear();
         coarser_.clear();
+        topIsFinest_ = true;
         setRung(finest_, 0);
         built_ = true;
         return;
     }
     if (!chooseRungs(container, deepest)) return;
+    topIsFinest_ = coarser_.empty();
     Rung const& first = coarser_.empty() ? finest_ : coarser_.front();
     for (int depth = 0; depth < first.depth; ++depth)
         if (container.tileCount(depth) > kMostCoarseTiles) return;
@@ -187,19 +187,17 @@ template <class Tr> void TileLookup<Tr>::build(Container<Tr> const& container)
     built_ = true;
 }
 
-template <class Tr>
-TreeIndex TileLookup<Tr>::locateThroughRungs(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
+template <class Tr> TreeIndex TileLookup<Tr>::locateThroughRungs(Place const& place, Cursor& cursor) const
 {
-    Rung const& first = coarser_.front();
-    const std::int32_t top = topCell(rungCell(first, x), rungCell(first, y), rungCell(first, z));
+    const std::int32_t top = topCell(split(coarser_.front(), place));
     if (top < 0) return coarseTile(top);
     int64 index = top;
     for (Rung const& rung : coarser_) {
-        const TreeIndex next = descend(rung, index, brickCell(rung, x, y, z));
+        const TreeIndex next = descend(rung, index, split(rung, place).cell);
         if (next.depth < rung.depth + Shape::span) return next;
         index = next.index;
     }
-    return visit(index, x, y, z, cursor);
+    return visit(index, place, split(finest_, place), cursor);
 }
 
 template <class Tr> void TileLookup<Tr>::tileAdded(Container<Tr> const& container, TreeIndex const& added)
@@ -222,7 +220,7 @@ template <class Tr> void TileLookup<Tr>::tileAdded(Container<Tr> const& containe
     int covered = 1;
     for (int level = 0; level < levelsAbove; ++level) covered *= Tr::childCount;
     auto const& corner = container.tile(added).tijk();
-    const int cell = brickCell(finest_, fromLow(corner.x), fromLow(corner.y), fromLow(corner.z));
+    const int cell = split(finest_, {fromLow(corner.x), fromLow(corner.y), fromLow(corner.z)}).cell;
     std::fill_n(finest_.codes[std::size_t(brick.codes)].data() + cell, covered, encoded(added.index, levelsAbove));
 }
 

@@ -85,6 +85,7 @@ template <> struct Brick<QuinaryTraits> {
     uint64 fine[2] = {};
     std::int32_t firstFine = 0;
     std::int32_t codes = -1;
+    std::uint8_t rank[2] = {};
     bool consecutive = true;
 };
 static_assert(sizeof(Brick<QuinaryTraits>) == 32);
@@ -106,8 +107,7 @@ inline TreeIndex deepestByMasks(Brick<QuinaryTraits> const& brick, TreeIndex con
 {
     const int word = cell / 64, bit = cell % 64;
     if (!(brick.fine[word] >> bit & 1)) return at;
-    const int before = std::popcount(brick.fine[word] & ((uint64(1) << bit) - 1)) + (word ? std::popcount(brick.fine[0]) : 0);
-    return {brick.firstFine + before, at.depth + 1};
+    return {brick.firstFine + brick.rank[word] + std::popcount(brick.fine[word] & ((uint64(1) << bit) - 1)), at.depth + 1};
 }
 
 }  // namespace lookup
@@ -135,19 +135,22 @@ public:
     /// tree itself can tell. Only when built.
     TreeIndex find(int i, int j, int k, Cursor& cursor) const
     {
-        const std::uint32_t x = fromLow(i), y = fromLow(j), z = fromLow(k);
-        if (cursor.codes && sameRungTile(x, y, z, cursor))
-            return decoded(cursor.codes[brickCell(finest_, x, y, z)], finest_.depth);
-        return coarser_.empty() ? locate(x, y, z, cursor) : locateThroughRungs(x, y, z, cursor);
+        const Place place{fromLow(i), fromLow(j), fromLow(k)};
+        if (cursor.codes && sameRungTile(place, cursor)) return decoded(cursor.codes[cellNear(place, cursor)], finest_.depth);
+        return topIsFinest_ ? locate(place, cursor) : locateThroughRungs(place, cursor);
     }
 
 private:
+    /// Tile space counted from its low end.
+    struct Place {
+        std::uint32_t x, y, z;
+    };
     struct Rung {
         int depth = 0;
-        /// Binary: log2 of the width of its tiles. Quinary: dividers by that width and by the finest one of the brick.
+        /// Binary: log2 of the width of its tiles. Quinary: that width, and a divider by the width of a cell of its bricks.
         int shift = 0;
         std::uint32_t width = 1;
-        WidthDivider byWidth, byCell;
+        WidthDivider byCell;
         tilegrid::Slab<Brick<Tr>> bricks;
         tilegrid::Slab<std::array<std::uint32_t, Shape::cells>> codes;
     };
@@ -156,44 +159,47 @@ private:
         /// Index of the rung tile; negative: ~(depth << 26 | index) of the coarser tile that covers the cell; kOutside.
         tilegrid::Slab<std::int32_t> cells;
     };
+    /// A place seen from a rung: which tile of the rung's lattice, and which cell of its brick.
+    struct Split {
+        std::uint32_t x, y, z;
+        int cell;
+    };
     static constexpr std::int32_t kOutside = INT32_MIN;
 
     static std::uint32_t fromLow(std::int32_t v) { return std::uint32_t(v) - std::uint32_t(Tr::rangeMin); }
-    static std::uint32_t rungCell(Rung const& rung, std::uint32_t x)
+    static int interleaved(std::uint32_t x, std::uint32_t y, std::uint32_t z, int shift)
     {
-        if constexpr (Tr::branching == 2)
-            return x >> rung.shift;
-        else
-            return rung.byWidth(x);
+        constexpr auto& spread = lookup::Shape<BinaryTraits>::spread;
+        return spread[x >> shift & 7] | spread[y >> shift & 7] << 1 | spread[z >> shift & 7] << 2;
     }
-    /// Number of the place's cell inside the brick that contains it.
-    static int brickCell(Rung const& rung, std::uint32_t x, std::uint32_t y, std::uint32_t z)
+    static Split split(Rung const& rung, Place const& p)
     {
         if constexpr (Tr::branching == 2) {
-            const int s = rung.shift - Shape::span;
-            return Shape::spread[x >> s & 7] | Shape::spread[y >> s & 7] << 1 | Shape::spread[z >> s & 7] << 2;
+            return {p.x >> rung.shift, p.y >> rung.shift, p.z >> rung.shift, interleaved(p.x, p.y, p.z, rung.shift - Shape::span)};
         } else {
-            return int(rung.byCell(x) % 5 + 5 * (rung.byCell(y) % 5) + 25 * (rung.byCell(z) % 5));
+            const std::uint32_t x = rung.byCell(p.x), y = rung.byCell(p.y), z = rung.byCell(p.z);
+            return {x / 5, y / 5, z / 5, int(x % 5 + 5 * (y % 5) + 25 * (z % 5))};
         }
     }
-    bool sameRungTile(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor const& cursor) const
+    bool sameRungTile(Place const& p, Cursor const& cursor) const
     {
         if constexpr (Tr::branching == 2)
-            return ((x ^ cursor.x) | (y ^ cursor.y) | (z ^ cursor.z)) >> finest_.shift == 0;
+            return ((p.x ^ cursor.x) | (p.y ^ cursor.y) | (p.z ^ cursor.z)) >> finest_.shift == 0;
         else
-            return x - cursor.x < finest_.width && y - cursor.y < finest_.width && z - cursor.z < finest_.width;
+            return p.x - cursor.x < finest_.width && p.y - cursor.y < finest_.width && p.z - cursor.z < finest_.width;
+    }
+    /// Cell of a place in the cursor's rung tile.
+    int cellNear(Place const& p, Cursor const& cursor) const
+    {
+        if constexpr (Tr::branching == 2)
+            return interleaved(p.x, p.y, p.z, finest_.shift - Shape::span);
+        else
+            return int(finest_.byCell(p.x - cursor.x) + 5 * finest_.byCell(p.y - cursor.y) + 25 * finest_.byCell(p.z - cursor.z));
     }
     static TreeIndex decoded(std::uint32_t code, int rungDepth) { return lookup::decoded<Tr>(code, rungDepth); }
-    /// The first visit, where the top grid leads straight to the finest rung.
-    TreeIndex locate(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
+    std::int32_t topCell(Split const& at) const
     {
-        const std::int32_t top = topCell(rungCell(finest_, x), rungCell(finest_, y), rungCell(finest_, z));
-        return top < 0 ? coarseTile(top) : visit(top, x, y, z, cursor);
-    }
-    TreeIndex locateThroughRungs(std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const;
-    std::int32_t topCell(std::uint32_t cx, std::uint32_t cy, std::uint32_t cz) const
-    {
-        cx -= top_.low[0], cy -= top_.low[1], cz -= top_.low[2];
+        const std::uint32_t cx = at.x - top_.low[0], cy = at.y - top_.low[1], cz = at.z - top_.low[2];
         if (cx >= top_.size[0] || cy >= top_.size[1] || cz >= top_.size[2]) return kOutside;
         return top_.cells[(std::size_t(cz) * top_.size[1] + cy) * top_.size[0] + cx];
     }
@@ -202,21 +208,27 @@ private:
         const auto packed = std::uint32_t(~top);
         return top == kOutside ? TreeIndex{} : TreeIndex{int64(packed & ((1u << 26) - 1)), int(packed >> 26)};
     }
+    /// The first visit, where the top grid leads straight to the finest rung.
+    TreeIndex locate(Place const& place, Cursor& cursor) const
+    {
+        const Split at = split(finest_, place);
+        const std::int32_t top = topCell(at);
+        return top < 0 ? coarseTile(top) : visit(top, place, at, cursor);
+    }
+    TreeIndex locateThroughRungs(Place const& place, Cursor& cursor) const;
     /// The deepest tile in the brick of finest rung tile `index`; the cursor moves there.
-    TreeIndex visit(int64 index, std::uint32_t x, std::uint32_t y, std::uint32_t z, Cursor& cursor) const
+    TreeIndex visit(int64 index, Place const& place, Split const& at, Cursor& cursor) const
     {
         Brick<Tr> const& brick = finest_.bricks[std::size_t(index)];
-        const int cell = brickCell(finest_, x, y, z);
         if (brick.codes >= 0) {
             cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
             // Any place of the rung tile serves where only high bits are compared; the other structure needs its corner.
             if constexpr (Tr::branching == 2)
-                cursor.x = x, cursor.y = y, cursor.z = z;
+                cursor.x = place.x, cursor.y = place.y, cursor.z = place.z;
             else
-                cursor.x = finest_.byWidth(x) * finest_.width, cursor.y = finest_.byWidth(y) * finest_.width,
-                cursor.z = finest_.byWidth(z) * finest_.width;
+                cursor.x = at.x * finest_.width, cursor.y = at.y * finest_.width, cursor.z = at.z * finest_.width;
         }
-        return descend(finest_, index, cell);
+        return descend(finest_, index, at.cell);
     }
     static TreeIndex descend(Rung const& rung, int64 index, int cell)
     {
@@ -232,10 +244,11 @@ private:
     void fillTopBox(Rung const& rung, std::uint32_t const low[3], std::uint32_t width, std::int32_t value);
     void buildBricks(Container<Tr> const& container, Rung& rung);
 
+    Rung finest_;
     TopGrid top_;
     /// Rungs above the finest one, coarsest first; the top grid leads to the first of all.
     std::vector<Rung> coarser_;
-    Rung finest_;
+    bool topIsFinest_ = true;
     bool built_ = false;
 };
 

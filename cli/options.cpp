@@ -1,0 +1,127 @@
+#include "cli/options.h"
+
+#include "graph/error.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <optional>
+
+namespace tilegrid::cli {
+
+namespace {
+
+std::uint64_t threeQuartersOfTheMachine()
+{
+    const long pages = sysconf(_SC_PHYS_PAGES), bytes = sysconf(_SC_PAGESIZE);
+    return pages > 0 && bytes > 0 ? std::uint64_t(pages) * std::uint64_t(bytes) / 4 * 3 : std::numeric_limits<std::uint64_t>::max();
+}
+
+int parseThreads(std::string const& text)
+{
+    constexpr int kMostThreads = 1024;
+    int threads = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), threads);
+    if (error != std::errc() || end != text.data() + text.size() || threads < 1 || threads > kMostThreads)
+        throw graph::UsageError("--threads " + text + ": give a number from 1 to " + std::to_string(kMostThreads) + ".");
+    return threads;
+}
+
+ProgressForm parseProgress(std::string const& text, bool barWanted)
+{
+    if (text == "none") return ProgressForm::kNone;
+    if (text == "json") return ProgressForm::kJson;
+    // A bar redraws its line, which only a terminal can show.
+    if (text == "bar") return barWanted ? ProgressForm::kBar : ProgressForm::kNone;
+    throw graph::UsageError("--progress=" + text + ": choose bar, json or none.");
+}
+
+/// The value of `--name VALUE` or `--name=VALUE` at word `n`, which moves on to the word of the value. Nothing if word `n` is
+/// another one.
+std::optional<std::string> optionValue(std::vector<std::string> const& words, std::size_t& n, std::string const& name)
+{
+    std::string const& word = words[n];
+    if (word.rfind(name + "=", 0) == 0) return word.substr(name.size() + 1);
+    if (word != name) return {};
+    if (n + 1 >= words.size()) throw graph::UsageError(name + ": a value must follow.");
+    return words[++n];
+}
+
+}  // namespace
+
+std::uint64_t parseBytes(std::string const& text)
+{
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    std::string unit(end, text.data() + text.size());
+    for (char& c : unit) c = char(std::toupper(static_cast<unsigned char>(c)));
+    double factor = 0;
+    if (unit.empty() || unit == "B") factor = 1;
+    if (unit == "K" || unit == "KB" || unit == "KIB") factor = 1024.0;
+    if (unit == "M" || unit == "MB" || unit == "MIB") factor = 1024.0 * 1024;
+    if (unit == "G" || unit == "GB" || unit == "GIB") factor = 1024.0 * 1024 * 1024;
+    if (error != std::errc() || factor == 0 || !(number * factor >= 1) || !(number * factor < 1e18))
+        throw graph::UsageError("--max-memory " + text + ": give bytes, or a number with K, M or G, such as 4G.");
+    return std::uint64_t(number * factor);
+}
+
+Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
+{
+    Options options;
+    options.maxMemory = threeQuartersOfTheMachine();
+    options.progress = barWanted ? ProgressForm::kBar : ProgressForm::kNone;
+    for (std::size_t n = 0; n < arguments.size(); ++n) {
+        std::string const& word = arguments[n];
+        if (word == "--help" || word == "-h")
+            options.help = true;
+        else if (word == "--version")
+            options.version = true;
+        else if (word == "-v" || word == "-vv" || word == "-vvv")
+            options.verbose += int(word.size()) - 1;
+        else if (const auto threads = optionValue(arguments, n, "--threads"))
+            options.threads = parseThreads(*threads);
+        else if (const auto bytes = optionValue(arguments, n, "--max-memory"))
+            options.maxMemory = parseBytes(*bytes);
+        else if (const auto form = optionValue(arguments, n, "--progress"))
+            options.progress = parseProgress(*form, barWanted);
+        else if (const auto file = optionValue(arguments, n, "--save"))
+            options.save = *file;
+        else if (const auto setting = optionValue(arguments, n, "--set"))
+            options.settings.push_back(*setting);
+        else
+            options.words.push_back(word);
+    }
+    return options;
+}
+
+std::string usageText()
+{
+    return R"(usage: tilegrid STEP [! STEP]...           run a chain of steps
+       tilegrid run GRAPH.json [--set NAME=VALUE]...
+       tilegrid nodes [NAME] [--json]         what steps there are, or one of them in full
+
+A step is NODE [INPUT...] [FILE] [key=value...] [as=NAME]. `!` ends a step (`then` does the same, for shells that take `!`
+for themselves), as=NAME names its result, _ is the last result, and an input that is left out is the last result too.
+Lengths are world units; 3vx means three finest voxels.
+
+  tilegrid read bunny.obj voxel=0.0387 as=bunny ! info bunny ! slice bunny bunny.png ! write bunny bunny.vdb
+  tilegrid info bunny.vdb --json
+  tilegrid read bunny.obj voxel=0.0387 ! write bunny.vdb --save graph.json
+  tilegrid run graph.json --set voxel=0.02
+
+options:
+  --save FILE           write the chain as JSON and run nothing
+  --set NAME=VALUE      with run: give every step that has it this parameter; STEP.NAME=VALUE for one step
+  --threads N           work on N threads (default: all cores)
+  --max-memory SIZE     refuse results that need more, such as 4G (default: three quarters of the machine)
+  --progress=FORM       bar, json or none (default: bar on a terminal), on standard error
+  -v, -vv, -vvv         tell more and more, on standard error
+  --help, --version
+
+exit status: 0 done, 1 usage, 2 input or file, 3 a node reported an error, 130 cancelled
+)";
+}
+
+}  // namespace tilegrid::cli

@@ -1,0 +1,35 @@
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tilegrid::cli {
+
+enum class ProgressForm { kNone, kBar, kJson };
+
+/// The words of a command line, sorted: options of the command itself, and the rest.
+struct Options {
+    bool help = false, version = false;
+    int verbose = 0;
+    /// 0: as many as the machine has.
+    int threads = 0;
+    std::uint64_t maxMemory = 0;
+    ProgressForm progress = ProgressForm::kNone;
+    /// File for the chain as JSON; empty: run it.
+    std::string save;
+    /// For `run`: assignments in their order.
+    std::vector<std::string> settings;
+    std::vector<std::string> words;
+};
+
+/// Options may stand anywhere; flags that belong to steps (`info b --json`) stay among the words.
+/// \param barWanted  whether a progress bar is the default (standard error is a terminal)
+/// \throws graph::UsageError for an option without its value, or with one that makes no sense
+Options parseOptions(std::vector<std::string> const& arguments, bool barWanted);
+
+/// "4G", "512M", "1.5g", "1000000": bytes. \throws graph::UsageError
+std::uint64_t parseBytes(std::string const& text);
+
+std::string usageText();
+
+}  // namespace tilegrid::cli

@@ -1,0 +1,104 @@
+#include "graph/files.h"
+#include "graph/node_families.h"
+#include "graph/suggest.h"
+#include "io/error.h"
+#include "io/level_set_from_mesh.h"
+#include "io/mesh.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace tilegrid::graph {
+
+namespace {
+
+const std::vector<std::string> kMeshEndings = {".obj", ".ply", ".stl"};
+const std::vector<std::string> kVolumeEndings = {".vdb"};
+
+io::Structure structureOf(Arguments const& arguments)
+{
+    return arguments.choice("structure") == 0 ? io::Structure::kBinary : io::Structure::kQuinary;
+}
+
+Result readMeshFile(StepContext& step)
+{
+    std::string const& file = step.arguments.text("file");
+    const Length voxel = step.arguments.length("voxel"), band = step.arguments.length("band");
+    io::LevelSetOptions options;
+    options.voxelSize = float(voxel.value);
+    options.bandVoxels = float(band.unit == LengthUnit::kVoxels ? band.value : band.value / voxel.value);
+    options.structure = structureOf(step.arguments);
+    options.maxBytes = step.maxBytes;
+    const io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
+    return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, options, step.services)}};
+}
+
+Result readVolumeFile(StepContext& step)
+{
+    Result volumes = io::readVdb(step.arguments.text("file"), {structureOf(step.arguments), step.maxBytes}, step.services);
+    std::string const& wanted = step.arguments.text("volume");
+    if (wanted.empty()) return volumes;
+    std::vector<std::string> names;
+    for (io::NamedVolume& volume : volumes) {
+        if (volume.name == wanted) return {std::move(volume)};
+        names.push_back(volume.name);
+    }
+    throw io::InputError("the file has no volume '" + wanted + "'." + suggestion(wanted, names) + " It has " + listed(names) + ".");
+}
+
+Result runRead(StepContext& step)
+{
+    return contains(kVolumeEndings, endingOf(step.arguments.text("file"))) ? readVolumeFile(step) : readMeshFile(step);
+}
+
+Result runWrite(StepContext& step)
+{
+    std::string const& file = step.arguments.text("file");
+    Ostara::Object const& volume = *step.volume().volume;
+    if (contains(kVolumeEndings, endingOf(file))) {
+        createParentFolders(file);
+        io::writeVdb(file, volume, step.services);
+    } else {
+        const io::TriangleMesh surface = io::extractSurface(volume);
+        createParentFolders(file);
+        io::writeMesh(file, surface);
+    }
+    return {};
+}
+
+NodeInfo readNode()
+{
+    NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, or makes a level set of a closed mesh", .run = runRead};
+    node.parameters = {
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl"}},
+        {.name = "voxel", .type = ParameterType::kLength, .help = "size of a finest voxel", .unit = "world units",
+         .range = {.min = 0, .aboveMin = true}, .onlyFor = kMeshEndings, .voxelsAllowed = false},
+        {.name = "band", .type = ParameterType::kLength, .help = "half width of the band of finest voxels around the surface",
+         .unit = "voxels, or world units as in 0.1wu", .defaultText = "3", .range = {.min = 0, .aboveMin = true}, .onlyFor = kMeshEndings,
+         .bareUnit = LengthUnit::kVoxels},
+        {.name = "structure", .type = ParameterType::kEnum, .help = "how tiles divide: 2 or 5 children per axis", .defaultText = "binary",
+         .choices = {"binary", "quinary"}},
+        {.name = "volume", .help = "name of the volume to take, where the file holds several", .defaultText = "", .onlyFor = kVolumeEndings},
+    };
+    return node;
+}
+
+NodeInfo writeNode()
+{
+    NodeInfo node{.name = "write", .help = "writes a volume as .vdb, or its surface as a mesh; creates missing folders", .hasResult = false, .run = runWrite};
+    node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh"}};
+    node.parameters = {
+        {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete", .positional = true,
+         .endings = {".vdb", ".obj", ".ply"}},
+    };
+    return node;
+}
+
+}  // namespace
+
+std::vector<NodeInfo> fileNodes()
+{
+    return {readNode(), writeNode()};
+}
+
+}  // namespace tilegrid::graph

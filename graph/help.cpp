@@ -1,0 +1,118 @@
+#include "graph/help.h"
+
+#include "graph/registry.h"
+#include "graph/suggest.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace tilegrid::graph {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string padded(std::string text, std::size_t width)
+{
+    text.resize(std::max(width, text.size()), ' ');
+    return text;
+}
+
+std::string useLine(NodeInfo const& node)
+{
+    std::string line = node.name;
+    for (InputInfo const& input : node.inputs) line += " [" + input.name + "]";
+    for (ParameterInfo const& parameter : node.parameters)
+        if (parameter.positional) line += " " + parameter.name;
+    for (ParameterInfo const& parameter : node.parameters)
+        if (!parameter.positional)
+            line += parameter.type == ParameterType::kBool ? " [--" + parameter.name + "]"
+                    : parameter.defaultText                ? " [" + parameter.name + "=...]"
+                                                           : " " + parameter.name + "=...";
+    return line + (node.hasResult ? " [as=NAME]" : "");
+}
+
+/// What a value may be, behind the line of help.
+std::string detailOf(ParameterInfo const& parameter)
+{
+    std::vector<std::string> details;
+    if (!parameter.choices.empty())
+        details.push_back(listed(parameter.choices));
+    else if (!parameter.endings.empty())
+        details.push_back(listed(parameter.endings));
+    else
+        details.push_back(typeName(parameter.type));
+    if (!parameter.unit.empty()) details.push_back("in " + parameter.unit);
+    if (const std::string range = rangeText(parameter.range); !range.empty()) details.push_back(range);
+    if (!parameter.onlyFor.empty()) details.push_back("only for " + listed(parameter.onlyFor));
+    if (!parameter.defaultText)
+        details.push_back("must be given");
+    else if (!parameter.defaultText->empty())
+        details.push_back("default " + *parameter.defaultText);
+    std::string text;
+    for (std::string const& detail : details) text += (text.empty() ? "" : "; ") + detail;
+    return text;
+}
+
+Json inputToJson(InputInfo const& input)
+{
+    return {{"name", input.name}, {"help", input.help}, {"several", input.several}};
+}
+
+Json parameterToJson(ParameterInfo const& parameter)
+{
+    Json object = {{"name", parameter.name}, {"type", typeName(parameter.type)}, {"help", parameter.help}};
+    if (!parameter.unit.empty()) object["unit"] = parameter.unit;
+    if (parameter.defaultText) object["default"] = *parameter.defaultText;
+    object["required"] = !parameter.defaultText;
+    if (parameter.positional) object["positional"] = true;
+    if (std::isfinite(parameter.range.min)) object[parameter.range.aboveMin ? "above" : "min"] = parameter.range.min;
+    if (std::isfinite(parameter.range.max)) object["max"] = parameter.range.max;
+    if (!parameter.choices.empty()) object["choices"] = parameter.choices;
+    if (!parameter.endings.empty()) object["endings"] = parameter.endings;
+    if (!parameter.onlyFor.empty()) object["only_for"] = parameter.onlyFor;
+    return object;
+}
+
+}  // namespace
+
+std::string nodeList()
+{
+    std::size_t width = 0;
+    for (NodeInfo const& node : nodes()) width = std::max(width, node.name.size());
+    std::string text;
+    for (NodeInfo const& node : nodes()) text += padded(node.name, width + 2) + node.help + "\n";
+    return text;
+}
+
+std::string nodeHelp(NodeInfo const& node)
+{
+    std::size_t width = 0;
+    for (InputInfo const& input : node.inputs) width = std::max(width, input.name.size());
+    for (ParameterInfo const& parameter : node.parameters) width = std::max(width, parameter.name.size());
+    width += 4;
+
+    std::string text = node.name + ": " + node.help + "\n\n  " + useLine(node) + "\n";
+    if (!node.inputs.empty()) text += "\nInputs: a result by its name, a file, or nothing for the last result\n";
+    for (InputInfo const& input : node.inputs) text += padded("  " + input.name, width) + input.help + "\n";
+    if (!node.parameters.empty()) text += "\nParameters\n";
+    for (ParameterInfo const& parameter : node.parameters)
+        text += padded("  " + parameter.name, width) + parameter.help + "\n" + padded("", width) + "(" + detailOf(parameter) + ")\n";
+    return text;
+}
+
+std::string nodesToJson(std::vector<NodeInfo> const& nodes)
+{
+    Json list = Json::array();
+    for (NodeInfo const& node : nodes) {
+        Json inputs = Json::array(), parameters = Json::array();
+        for (InputInfo const& input : node.inputs) inputs.push_back(inputToJson(input));
+        for (ParameterInfo const& parameter : node.parameters) parameters.push_back(parameterToJson(parameter));
+        list.push_back({{"name", node.name}, {"help", node.help}, {"inputs", inputs}, {"parameters", parameters}, {"has_result", node.hasResult}});
+    }
+    return list.dump(2) + "\n";
+}
+
+}  // namespace tilegrid::graph

@@ -1,0 +1,71 @@
+#pragma once
+#include "TilegridOps/host/runtime.h"
+#include "graph/value.h"
+#include "io/vdb.h"
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+/// What a node of a graph is: one description from which help, schema, checks and both forms of a graph are made.
+namespace tilegrid::graph {
+
+/// What a step leaves: volumes with the names they have in their file. All nodes but `read` leave one.
+using Result = std::vector<io::NamedVolume>;
+
+struct InputInfo {
+    std::string name;
+    std::string help;
+    /// Whether it takes a result of several volumes.
+    bool several = false;
+};
+
+/// What a running step works with.
+struct StepContext {
+    Arguments const& arguments;
+    /// One for each input of the node. A result that no later step reads is held by nobody else, so that a node may change
+    /// it in place.
+    std::vector<Result> inputs;
+    Corvid::RuntimeServices const& services;
+    /// What the user asked to see. Diagnostics do not belong here.
+    std::ostream& results;
+    /// Refuse work that needs more.
+    std::uint64_t maxBytes = 0;
+
+    /// The volume of an input that takes one.
+    io::NamedVolume& volume(std::size_t input = 0) { return inputs[input].front(); }
+    /// A length in world units. Voxels are those of the first input.
+    float worldLength(std::string const& parameter);
+};
+
+struct NodeInfo {
+    std::string name;
+    /// One line for people.
+    std::string help;
+    std::vector<InputInfo> inputs = {};
+    std::vector<ParameterInfo> parameters = {};
+    /// Whether later steps can use what it leaves.
+    bool hasResult = true;
+    /// \throws io::InputError for what cannot be served, UsageError for parameters that do not fit what the inputs turned out
+    ///         to be. Errors of the node itself come as messages.
+    Result (*run)(StepContext& step) = nullptr;
+
+    ParameterInfo const* parameter(std::string_view parameterName) const
+    {
+        for (ParameterInfo const& candidate : parameters)
+            if (candidate.name == parameterName) return &candidate;
+        return nullptr;
+    }
+    std::vector<std::string> parameterNames() const
+    {
+        std::vector<std::string> names;
+        for (ParameterInfo const& candidate : parameters) names.push_back(candidate.name);
+        return names;
+    }
+};
+
+/// Whether the parameter means something in a step that reads or writes `file`; null, where that is not known, stands for any.
+bool applies(ParameterInfo const& parameter, std::string const* file);
+
+}  // namespace tilegrid::graph

@@ -1,0 +1,21 @@
+#pragma once
+#include "graph/node.h"
+
+/// The families of nodes that the registry joins; each stands in a source of its own.
+namespace tilegrid::graph {
+
+std::vector<NodeInfo> fileNodes();
+std::vector<NodeInfo> reportNodes();
+std::vector<NodeInfo> queryNodes();
+std::vector<NodeInfo> constructionNodes();
+std::vector<NodeInfo> propertyNodes();
+
+/// Names of the properties of a volume, in the order of their texts.
+std::vector<std::string> propertyNames(Ostara::Object const& volume);
+/// \throws io::InputError if the volume has no property of that name; says which it has
+void requireProperty(io::NamedVolume const& volume, std::string const& property);
+
+/// The parameter by which nodes that report choose their form.
+ParameterInfo jsonParameter();
+
+}  // namespace tilegrid::graph

@@ -1,0 +1,195 @@
+#include "io/vdb.h"
+
+#include "TilegridOps/host/property_names.h"
+#include "io/atomic_file.h"
+#include "io/error.h"
+#include "io/text.h"
+#include "io/vdb_grids.h"
+
+#include <openvdb/io/Stream.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+
+namespace tilegrid::io {
+
+namespace {
+
+/// Rounding that a translation may carry, in voxels; files in which a program computed it in float reach this.
+constexpr double kTranslationSlack = 1e-3;
+/// No lattice is shifted further than tile space is wide.
+constexpr double kLargestShift = 1 << 30;
+
+[[noreturn]] void fail(std::string const& path, std::string const& why)
+{
+    throw InputError("cannot read '" + path + "': " + why);
+}
+
+[[noreturn]] void refuse(openvdb::GridBase const& grid, std::string const& why)
+{
+    throw InputError("grid '" + grid.getName() + "' " + why);
+}
+
+openvdb::GridPtrVecPtr gridsOf(std::string const& path)
+{
+    namespace fs = std::filesystem;
+    std::error_code error;
+    if (!fs::exists(path, error)) fail(path, "there is no such file");
+    if (!fs::is_regular_file(path, error)) fail(path, "it is no regular file");
+    openvdb::initialize();
+    std::ifstream in(path, std::ios::binary);
+    if (!in) fail(path, "there is no right to read it");
+    // The reader of grids does not look at the stream between its reads: at the end of a file that was cut off it would go on
+    // with what is in its buffers. So the stream itself ends it.
+    in.exceptions(std::ios::failbit | std::ios::badbit);
+    try {
+        return openvdb::io::Stream(in, /*delayLoad*/ false).getGrids();
+    } catch (std::bad_alloc const&) {
+        fail(path, "it asks for more memory than there is; the file is damaged, or too large for this machine");
+    } catch (std::ios_base::failure const&) {
+        fail(path, "it ends too early; the file is cut off or damaged, or no .vdb file");
+    } catch (std::exception const& problem) {
+        fail(path, std::string(problem.what()) + "; the file is damaged, or no .vdb file");
+    }
+}
+
+/// Every writing draws a random identifier for the file. In its place goes one made from the content, so that equal volumes give
+/// equal files.
+void setIdentifierFromContent(std::string const& path)
+{
+    constexpr std::size_t kAt = 8 + 3 * 4 + 1, kLength = 36;  // behind magic number, three versions and a flag
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    std::string content(std::filesystem::file_size(path), '\0');
+    if (!file.read(content.data(), static_cast<std::streamsize>(content.size())) || content.size() < kAt + kLength) return;
+    for (const std::size_t dash : {8, 13, 18, 23})
+        if (content[kAt + dash] != '-') return;
+    content.replace(kAt, kLength, kLength, '0');
+    std::uint64_t hash[2] = {0xcbf29ce484222325ull, 0x84222325cbf29ce4ull};
+    for (const unsigned char byte : content)
+        for (std::uint64_t& h : hash) h = (h ^ byte) * 0x100000001b3ull, h ^= h >> 29;
+    char text[kLength + 1];
+    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", unsigned(hash[0] >> 32), unsigned(hash[0] >> 16 & 0xffff),
+                  unsigned(hash[0] & 0xffff), unsigned(hash[1] >> 48), static_cast<unsigned long long>(hash[1] & 0xffffffffffffull));
+    file.seekp(kAt);
+    file.write(text, kLength);
+    file.close();
+    if (!file) throw InputError("the disk took not all of it");
+}
+
+/// A name for the property that does not hide a component of the volume.
+std::string propertyNameOf(openvdb::GridBase const& grid, bool isLevelSet)
+{
+    if (isLevelSet) return Ostara::Geometry::sVoxelSignedDistance.str();
+    const std::string name = grid.getName().empty() ? "grid" : grid.getName();
+    if (name == Ostara::Geometry::sVoxelTileTree.str() || name == Ostara::Geometry::sVoxelComp.str() ||
+        name == Ostara::Geometry::sPointComp.str())
+        refuse(grid, "has a name that volumes need for themselves: rename it");
+    if (name == Ostara::Geometry::sVoxelSignedDistance.str())
+        refuse(grid, "has the name of the signed distance, but is no float grid of class level set: change the class or the name");
+    return name;
+}
+
+/// Grids that fit into one volume, in the order of the file.
+std::vector<std::vector<PlacedGrid>> grouped(std::vector<PlacedGrid> const& grids)
+{
+    std::vector<std::vector<PlacedGrid>> groups;
+    for (PlacedGrid const& grid : grids) {
+        const auto fits = [&grid](std::vector<PlacedGrid> const& group) {
+            GridPlacement const& first = group.front().placement;
+            if (first.voxelSize != grid.placement.voxelSize || first.centre != grid.placement.centre) return false;
+            for (PlacedGrid const& other : group)
+                if (other.property == grid.property) return false;
+            return true;
+        };
+        const auto found = std::find_if(groups.begin(), groups.end(), fits);
+        if (found != groups.end()) found->push_back(grid);
+        else groups.push_back({grid});
+    }
+    return groups;
+}
+
+std::string describe(std::vector<PlacedGrid> const& group)
+{
+    std::string text;
+    for (PlacedGrid const& grid : group) text += (text.empty() ? "'" : ", '") + grid.grid->getName() + "'";
+    return text + " (voxel size " + number(group.front().placement.voxelSize) + (group.front().placement.centre ? ", at centres)" : ")");
+}
+
+}  // namespace
+
+GridPlacement placementOf(openvdb::GridBase const& grid)
+{
+    auto const& transform = grid.constTransform();
+    if (!transform.isLinear()) refuse(grid, "has a frustum transform: resample it to a uniform scale");
+    const openvdb::Mat4d m = transform.baseMap()->getAffineMap()->getMat4();
+    const double h = m(0, 0);
+    for (int row = 0; row < 3; ++row)
+        for (int column = 0; column < 3; ++column)
+            if (!(std::abs(m(row, column) - (row == column ? h : 0.0)) <= 1e-6 * std::abs(h)))
+                refuse(grid, "is rotated, sheared or scaled by axes: resample it to a uniform scale along the axes");
+    if (!(h > 0.0) || !std::isfinite(static_cast<float>(h)) || static_cast<float>(h) == 0.0f)
+        refuse(grid, "has the voxel size " + number(h) + ": resample it to a positive one");
+    GridPlacement placement;
+    placement.voxelSize = static_cast<float>(h);
+    int halves = 0;
+    for (int axis = 0; axis < 3; ++axis) {
+        const double t = m(3, axis) / h;
+        if (!(std::abs(t) <= kLargestShift)) refuse(grid, "lies too far from the origin for its voxel size");
+        const double half = std::round(2.0 * t);
+        if (std::abs(2.0 * t - half) > 2.0 * kTranslationSlack)
+            refuse(grid, "is shifted by " + number(t) + " voxels along an axis: resample it to a shift by whole voxels, or by a half "
+                         "voxel on all axes");
+        placement.shift[axis] = static_cast<int>(std::floor(0.5 * half));
+        halves += 0.5 * half != std::floor(0.5 * half);
+    }
+    if (halves != 0 && halves != 3) refuse(grid, "is shifted by half a voxel on some axes only: resample it to all of them or none");
+    placement.centre = halves == 3;
+    return placement;
+}
+
+std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options, Corvid::RuntimeServices const& services)
+{
+    const openvdb::GridPtrVecPtr all = gridsOf(path);
+    std::vector<PlacedGrid> grids;
+    for (openvdb::GridBase::Ptr const& grid : *all) {
+        if (!grid) continue;
+        if (!withGrid(*grid, [](auto const&) {})) {
+            services.message(Severity::kWarning, "grid '" + grid->getName() + "' is left out: nothing reads the type " + grid->type());
+            continue;
+        }
+        const bool isLevelSet = grid->getGridClass() == openvdb::GRID_LEVEL_SET && grid->isType<openvdb::FloatGrid>();
+        grids.push_back({grid, placementOf(*grid), propertyNameOf(*grid, isLevelSet), isLevelSet});
+    }
+    if (grids.empty()) fail(path, "it holds no float, double, vector or integer grid");
+    const auto groups = grouped(grids);
+    std::vector<NamedVolume> volumes;
+    std::string list;
+    for (auto const& group : groups) {
+        volumes.push_back({group.front().grid->getName(), volumeFromGrids(group, options, services)});
+        list += (list.empty() ? "" : "; ") + describe(group);
+    }
+    if (groups.size() > 1)
+        services.message(Severity::kInfo, "'" + path + "' becomes " + std::to_string(groups.size()) +
+                                              " volumes, since its grids differ in voxel size or offset, or have the same name: " + list);
+    return volumes;
+}
+
+void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services)
+{
+    openvdb::initialize();
+    const auto grids = gridsFromVolume(volume, services);
+    if (grids.empty()) throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
+    AtomicFile file(path);
+    try {
+        openvdb::io::File out(file.workingPath());
+        out.write(openvdb::GridCPtrVec(grids.begin(), grids.end()));
+        out.close();
+        setIdentifierFromContent(file.workingPath());
+    } catch (std::exception const& problem) {
+        throw InputError("cannot write '" + path + "': " + problem.what());
+    }
+    file.commit();
+}
+
+}  // namespace tilegrid::io

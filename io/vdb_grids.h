@@ -1,0 +1,114 @@
+#pragma once
+// OpenVDB is slow to compile: only the vdb_*.cpp sources include this.
+#include "TilegridOps/host/math.h"
+#include "TilegridOps/substrate/traits.h"
+#include "io/vdb.h"
+
+#include <openvdb/openvdb.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace tilegrid::io {
+
+/// How the lattice of a grid lies in tile space: voxel `index + shift` of the finest depth, sampled at its corner or its centre.
+struct GridPlacement {
+    float voxelSize = 0.0f;
+    bool centre = false;
+    openvdb::Coord shift;
+};
+
+/// \throws InputError with a hint for a transform that is no uniform scale, or has a translation by parts of a voxel
+GridPlacement placementOf(openvdb::GridBase const& grid);
+
+/// A grid of a file with where it goes.
+struct PlacedGrid {
+    openvdb::GridBase::ConstPtr grid;
+    GridPlacement placement;
+    /// The property that it becomes.
+    std::string property;
+    bool isLevelSet = false;
+};
+
+/// Element of a property for a value of a grid, and back.
+template <class V> struct GridValue {
+    using Element = V;
+};
+template <> struct GridValue<openvdb::Vec3s> {
+    using Element = Ostara::Math::float3;
+};
+template <> struct GridValue<openvdb::Vec3d> {
+    using Element = Ostara::Math::double3;
+};
+template <> struct GridValue<std::int64_t> {
+    using Element = OST::int64;
+};
+template <class V> using ElementOf = typename GridValue<V>::Element;
+
+template <class V> ElementOf<V> toElement(V const& value)
+{
+    if constexpr (std::is_arithmetic_v<V>) return value;
+    else return {value[0], value[1], value[2]};
+}
+template <class V> V toGridValue(ElementOf<V> const& element)
+{
+    if constexpr (std::is_arithmetic_v<V>) return element;
+    else return V(element.x, element.y, element.z);
+}
+
+/// The grid types that properties have, as a list for folds.
+template <class... Grids> struct GridTypes {};
+using PropertyGrids = GridTypes<openvdb::FloatGrid, openvdb::DoubleGrid, openvdb::Vec3SGrid, openvdb::Vec3DGrid, openvdb::Int32Grid,
+                                openvdb::Int64Grid>;
+
+/// Calls `op(grid)` with the grid as its own type; false if that is none of the list.
+template <class Op> bool withGrid(openvdb::GridBase const& grid, Op const& op)
+{
+    const auto attempt = [&]<class G>(G const*) {
+        if (!grid.isType<G>()) return false;
+        op(static_cast<G const&>(grid));
+        return true;
+    };
+    return [&]<class... Gs>(GridTypes<Gs...>) { return (attempt(static_cast<Gs const*>(nullptr)) || ...); }(PropertyGrids());
+}
+
+/// A grid that is being filled, behind plain calls: the code of grids is slow to compile, so there is one copy per element type.
+template <class T> class GridSink {
+public:
+    virtual ~GridSink() = default;
+    /// Sets n^3 voxels, i fastest, and makes them active.
+    virtual void setCube(openvdb::Coord const& low, int n, T const* values) = 0;
+    /// Sets a cube of one value, as constant nodes where it fits them, and makes it active.
+    virtual void fillCube(openvdb::Coord const& low, int n, T const& value) = 0;
+    virtual openvdb::GridBase::Ptr grid() = 0;
+    /// The grid as a level set: what is inactive becomes the background, negative inside. Null but for float.
+    virtual openvdb::FloatGrid::Ptr levelSet() = 0;
+};
+template <class T>
+inline constexpr bool hasGridType = std::is_same_v<T, float> || std::is_same_v<T, double> || std::is_same_v<T, Ostara::Math::float3> ||
+                                    std::is_same_v<T, Ostara::Math::double3> || std::is_same_v<T, int> || std::is_same_v<T, OST::int64>;
+/// For those types.
+template <class T> std::unique_ptr<GridSink<T>> makeGridSink(T const& background);
+
+/// A surface in double, before it is put into world space or a tree of triangles.
+struct IndexSurface {
+    std::vector<Ostara::Math::double3> vertices;
+    std::vector<Ostara::Math::int3> triangles;
+};
+
+/// The zero surface of a level set in index space (samples at integers), outward. Empty if it has none.
+IndexSurface surfaceInIndexSpace(openvdb::FloatGrid const& grid);
+
+/// The volume of one group of grids: same voxel size and offset, at most one level set, no property twice.
+Corvid::Ptr<Ostara::Object> volumeFromGrids(std::vector<PlacedGrid> const& grids, VdbOptions const& options,
+                                            Corvid::RuntimeServices const& services);
+
+/// All properties that have a grid type, flattened, in the order of their names.
+std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume, Corvid::RuntimeServices const& services);
+/// The signed distance alone. \throws InputError if there is none
+openvdb::FloatGrid::Ptr levelSetGrid(Ostara::Object const& volume);
+
+}  // namespace tilegrid::io

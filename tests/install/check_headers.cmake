@@ -1,0 +1,13 @@
+# Every installed header compiles alone, from the installed folder; so none needs an internal one, or another one before it.
+include("${CMAKE_CURRENT_LIST_DIR}/support.cmake")
+file(GLOB_RECURSE headers RELATIVE "${include}" "${include}/*.h")
+list(LENGTH headers count)
+if(NOT "TilegridOps/TilegridOps.h" IN_LIST headers OR count LESS 10)
+  message(FATAL_ERROR "Too few headers were installed: ${headers}")
+endif()
+foreach(header IN LISTS headers)
+  run("${compiler}" -std=c++20 -fsyntax-only -Wall -Wextra -Werror "-I${include}" -x c++ -include "${header}" /dev/null)
+  if(header MATCHES "embedded|frame|node_table|algorithms")
+    message(FATAL_ERROR "An internal header was installed: ${header}")
+  endif()
+endforeach()

@@ -1,0 +1,28 @@
+# The library exports what is ours, and templates of the standard library; nothing of what it uses itself.
+include("${CMAKE_CURRENT_LIST_DIR}/support.cmake")
+set(ours "OST|Ostara|Corvid|CoreGL|Core|Geometry|VolumeGL|Numerics|tilegrid")
+file(GLOB library "${lib}/lib${library_${component}}.so")
+run("${nm}" -D -C --defined-only "${library}")
+# Names hold brackets and semicolons, which lists of CMake do not take well.
+string(REGEX REPLACE "[][;]" "." output "${output}")
+string(REPLACE "\n" ";" lines "${output}")
+set(count 0)
+foreach(line IN LISTS lines)
+  if(NOT line MATCHES "^[0-9a-f]+ ([A-Za-z]) (.*)$")
+    continue()
+  endif()
+  set(kind "${CMAKE_MATCH_1}")
+  set(name "${CMAKE_MATCH_2}")
+  # "vtable for X", "guard variable for X": X says whose it is.
+  string(REGEX REPLACE "^(vtable|VTT|typeinfo|typeinfo name|construction vtable|guard variable|non-virtual thunk|virtual thunk) (for|to) " "" name "${name}")
+  math(EXPR count "${count} + 1")
+  if(name MATCHES "tbb::|openvdb::|Assimp::|nlohmann::")
+    message(SEND_ERROR "Of another library: ${name}")
+  elseif(NOT name MATCHES "^(${ours})::|^(std::[^(]*|[a-z ]+)[ *&]+(${ours})::" AND NOT (kind MATCHES "[WVu]" AND name MATCHES "^([a-z ]+ )?(std|__gnu_cxx)::"))
+    # In front of a function template's name stands its result, of a type of the language or the standard library.
+    message(SEND_ERROR "Not of the library's own namespaces: ${kind} ${name}")
+  endif()
+endforeach()
+if(count LESS 20)
+  message(FATAL_ERROR "Only ${count} symbols are exported from ${library}")
+endif()

@@ -1,0 +1,10 @@
+# A user without CMake: the compiler and what pkg-config says.
+include("${CMAKE_CURRENT_LIST_DIR}/support.cmake")
+file(REMOVE_RECURSE "${work}")
+file(MAKE_DIRECTORY "${work}")
+set(ENV{PKG_CONFIG_PATH} "${lib}/pkgconfig")
+run("${pkg_config}" --cflags --libs ${library_${component}})
+separate_arguments(flags UNIX_COMMAND "${output}")
+run("${compiler}" -std=c++20 "${consumer}/${component}.cpp" -o "${work}/consumer" ${flags})
+set(ENV{LD_LIBRARY_PATH} "${lib}")
+expect_output(${component} "${work}/consumer")

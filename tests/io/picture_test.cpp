@@ -1,0 +1,178 @@
+#include "io/error.h"
+#include "io/picture.h"
+#include "io/volume_builder.h"
+#include "support/files.h"
+#include "support/jobs.h"
+#include "support/level_sets.h"
+#include "support/meshes.h"
+#include "support/structures.h"
+
+#include <png.h>
+
+namespace tilegrid::test {
+namespace {
+
+using io::Image;
+using io::InputError;
+using io::sliceImage;
+using io::SliceOptions;
+using io::writePng;
+using namespace OST::TileTree3D;
+
+/// Decodes a file with the library's own reader.
+Image decoded(std::string const& path)
+{
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    EXPECT_TRUE(png_image_begin_read_from_file(&png, path.c_str())) << png.message;
+    png.format = PNG_FORMAT_RGB;
+    Image image{static_cast<int>(png.width), static_cast<int>(png.height), std::vector<std::uint8_t>(PNG_IMAGE_SIZE(png))};
+    EXPECT_TRUE(png_image_finish_read(&png, nullptr, image.rgb.data(), 0, nullptr)) << png.message;
+    return image;
+}
+
+std::array<int, 3> pixel(Image const& image, int x, int y)
+{
+    const std::size_t at = 3 * (static_cast<std::size_t>(y) * image.width + x);
+    return {image.rgb[at], image.rgb[at + 1], image.rgb[at + 2]};
+}
+bool isBluish(std::array<int, 3> const& c) { return c[2] > c[0] + 10; }
+bool isReddish(std::array<int, 3> const& c) { return c[0] > c[2] + 10; }
+bool isDark(std::array<int, 3> const& c) { return c[0] < 60 && c[1] < 60 && c[2] < 60; }
+
+TEST(PngWriter, writes_what_a_reader_reads)
+{
+    const TestFolder folder;
+    Image image{37, 11, std::vector<std::uint8_t>(3 * 37 * 11)};
+    Random random(5);
+    for (std::uint8_t& byte : image.rgb) byte = static_cast<std::uint8_t>(random.below(256));
+    image.set(36, 10, {1, 2, 3});
+    writePng(folder.file("a.png"), image);
+    const Image back = decoded(folder.file("a.png"));
+    EXPECT_EQ(back.width, 37);
+    EXPECT_EQ(back.height, 11);
+    EXPECT_EQ(back.rgb, image.rgb);
+    EXPECT_EQ(pixel(back, 36, 10), (std::array{1, 2, 3}));
+}
+
+TEST(PngWriter, leaves_the_old_file_when_there_is_no_picture)
+{
+    const TestFolder folder;
+    folder.write("a.png", "old");
+    EXPECT_TRUE(contains(errorOf<InputError>([&] { writePng(folder.file("a.png"), Image()); }), "empty"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] { writePng(folder.file("a.png"), Image{2, 2, {1, 2, 3}}); }), "not of the size"));
+    EXPECT_EQ(folder.read("a.png"), "old");
+}
+
+template <class Tr> class Slice : public ::testing::Test {};
+TYPED_TEST_SUITE(Slice, Structures, StructureNames);
+
+TYPED_TEST(Slice, of_a_sphere_is_blue_inside_red_outside_and_dark_on_the_circle)
+{
+    const auto volume = levelSetOf<TypeParam>(sphereMesh(1.0f, 5), 0.02f);
+    SliceOptions options;
+    options.size = 400;
+    for (options.axis = 0; options.axis < 3; ++options.axis) {
+        const Image image = sliceImage(*volume, options);
+        ASSERT_EQ(image.width, 400);
+        ASSERT_EQ(image.height, 400);
+        // The sphere is centred, with 6 % of its diameter as margin on each side.
+        const double radius = 200.0 / 1.12;
+        int rim = 0, dark = 0;
+        for (int y = 0; y < 400; ++y)
+            for (int x = 0; x < 400; ++x) {
+                const double away = std::hypot(x + 0.5 - 200.0, y + 0.5 - 200.0) - radius;
+                // Half a voxel is about two pixels here; colours near the rim fade to white within the first ones.
+                rim += std::abs(away) < 0.7;
+                dark += std::abs(away) < 0.7 && isDark(pixel(image, x, y));
+                ASSERT_FALSE(away < -12.0 && isReddish(pixel(image, x, y))) << x << ", " << y;
+                ASSERT_FALSE(away > 12.0 && isBluish(pixel(image, x, y))) << x << ", " << y;
+            }
+        EXPECT_GT(dark, 0.9 * rim);
+        EXPECT_TRUE(isBluish(pixel(image, 201, 203)));
+        EXPECT_TRUE(isReddish(pixel(image, 3, 5)));
+    }
+}
+
+TYPED_TEST(Slice, draws_borders_where_tiles_of_different_depth_meet)
+{
+    using Tr = TypeParam;
+    // A tile of the finest depth at the origin of its parent: the picture of a constant shows nothing but borders.
+    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth)}, 1.0f, kCorner);
+    io::addChannel<Tr>(*native, "density", 0.0f, [](auto const&, auto&) {});
+    const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
+    SliceOptions options;
+    options.size = 300;
+    const Image image = sliceImage(*volume, options);
+    const auto blank = pixel(image, image.width / 2, image.height / 2);
+    EXPECT_FALSE(isDark(blank));
+    int dark = 0;
+    for (int x = 0; x < image.width; ++x) dark += pixel(image, x, image.height / 2) != blank;
+    EXPECT_GE(dark, 2);   // both sides of the tile
+    EXPECT_LE(dark, 24);  // lines, not areas: at most twelve borders of two pixels fit
+}
+
+TYPED_TEST(Slice, is_the_same_on_any_number_of_threads)
+{
+    const auto volume = levelSetOf<TypeParam>(sphereMesh(1.0f, 3), 0.05f);
+    SliceOptions options;
+    options.size = 200;
+    options.at = 0.3;
+    Image first;
+    for (int threads : kThreadCounts)
+        parallel::runJob(nullptr, threads, [&] {
+            const Image image = sliceImage(*volume, options);
+            if (first.rgb.empty()) first = image;
+            EXPECT_EQ(image.rgb, first.rgb) << threads << " threads";
+        });
+}
+
+TYPED_TEST(Slice, shows_every_kind_of_property_and_survives_values_that_are_not_finite)
+{
+    using Tr = TypeParam;
+    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(64, 0, 0, Tr::maxDepth)}, 1.0f, kCenter);
+    io::addChannel<Tr>(*native, "velocity", float3(0, 0, 0), [](auto const&, auto& channel) { channel.tileData(0, Tr::maxDepth)(0) = {3, 0, 4}; });
+    io::addChannel<Tr>(*native, "wild", 0.0f, [](auto const&, auto& channel) {
+        channel.tileData(0, Tr::maxDepth)(0) = std::numeric_limits<float>::quiet_NaN();
+        channel.tileData(0, Tr::maxDepth)(1) = std::numeric_limits<float>::infinity();
+        channel.tileData(0, Tr::maxDepth)(2) = -std::numeric_limits<float>::infinity();
+    });
+    io::addChannel<Tr>(*native, "mark", static_cast<unsigned char>(1), [](auto const&, auto&) {});
+    const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
+    SliceOptions options;
+    options.size = 64;
+    options.at = 0.0;
+    for (const std::string name : {"velocity", "wild", "mark", ""}) {
+        options.property = name;
+        EXPECT_EQ(sliceImage(*volume, options).width, 64) << name;
+    }
+}
+
+TEST(SliceOptionsCheck, names_the_properties_when_one_is_missing)
+{
+    const auto volume = levelSetOf<BinaryTraits>(boxMesh({0, 0, 0}, {1, 1, 1}), 0.1f);
+    SliceOptions options;
+    options.property = "temperature";
+    const std::string text = errorOf<InputError>([&] { sliceImage(*volume, options); });
+    EXPECT_TRUE(contains(text, "'temperature'") && contains(text, "voxel_signed_distance")) << text;
+}
+
+TEST(SliceOptionsCheck, refuses_options_out_of_range)
+{
+    const auto volume = levelSetOf<BinaryTraits>(boxMesh({0, 0, 0}, {1, 1, 1}), 0.1f);
+    const auto complaint = [&](int axis, double at, int size) {
+        SliceOptions options;
+        options.axis = axis, options.at = at, options.size = size;
+        return errorOf<InputError>([&] { sliceImage(*volume, options); });
+    };
+    EXPECT_TRUE(contains(complaint(3, 0.5, 100), "axis"));
+    EXPECT_TRUE(contains(complaint(-1, 0.5, 100), "axis"));
+    EXPECT_TRUE(contains(complaint(0, -0.1, 100), "place"));
+    EXPECT_TRUE(contains(complaint(0, std::numeric_limits<double>::quiet_NaN(), 100), "place"));
+    EXPECT_TRUE(contains(complaint(0, 0.5, 0), "size"));
+    EXPECT_TRUE(contains(complaint(0, 0.5, 1 << 30), "size"));
+    EXPECT_TRUE(contains(errorOf<InputError>([] { sliceImage(Ostara::Object(), {}); }), "no volume"));
+}
+
+}  // namespace
+}  // namespace tilegrid::test

@@ -7,8 +7,8 @@
 namespace tilegrid::io {
 
 /// A file under a temporary name beside its place, which it takes only when it is complete: until then, and after any
-/// failure, the old file stays. Where the place is no regular file (a pipe, a device), it is written to as it is. A link keeps
-/// its name and its target is replaced.
+/// failure, the old file stays. Where the place is no regular file (a pipe, a device), it is written to as it is. A
+/// link keeps its name and its target is replaced.
 class AtomicFile {
 public:
     explicit AtomicFile(std::string const& path);

@@ -1,42 +1,108 @@
 #include "io/distance_tiles.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <numbers>
 
 namespace tilegrid::io {
 
 namespace {
 
-/// Two places are on one side of a closed surface if their distances to it add up to more than the way between them. The slack
-/// covers the rounding of a sum of two distances.
+constexpr int kLargest = 5 * 5 * 5;
+/// Two places are on one side of a closed surface if their distances to it add up to more than the way between them.
+/// The slack covers the rounding of a sum of two distances.
 constexpr double kSameSideSlack = 1.0 + 1e-9;
+/// Up to so many triangles it is faster to try all of them at every sample than to search the tree for each (measured).
+constexpr int kFewTriangles = 48;
 
 }  // namespace
 
+/// The samples of one tile.
+class DistanceTiles::Lattice {
+public:
+    Lattice(double3 const& first, double spacing, int n) : first_(first), spacing_(spacing), n_(n) {}
+
+    void findDistances(TriangleTree const& tree)
+    {
+        // A triangle nearest to some sample is no further from the middle than the nearest one there and twice the way
+        // to a sample.
+        const double half = 0.5 * (n_ - 1) * spacing_;
+        const double3 middle{first_.x + half, first_.y + half, first_.z + half};
+        auto nearest = tree.nearest(middle);
+        const double radius = (std::sqrt(nearest.squaredDistance) + 2.0 * std::numbers::sqrt3 * half) * kSameSideSlack;
+        std::array<std::int32_t, kFewTriangles> list;
+        const int count = tree.listNear(middle, radius, list.data(), kFewTriangles);
+        for (int at = 0; at < n_ * n_ * n_; ++at) {
+            double squared;
+            if (count <= kFewTriangles) {
+                squared = tree.squaredDistanceTo(placeOf(at), list.data(), count);
+            } else {
+                nearest = tree.nearest(placeOf(at), nearest.triangle);
+                squared = nearest.squaredDistance;
+            }
+            distance_[at] = std::sqrt(squared);
+        }
+    }
+
+    void findSides(TriangleTree const& tree, bool watertight)
+    {
+        std::array<bool, kLargest> known{};
+        const int count = n_ * n_ * n_;
+        while (true) {
+            // The unknown sample furthest from the surface has the surest answer.
+            int seed = -1;
+            for (int at = 0; at < count; ++at)
+                if (!known[at] && (seed < 0 || distance_[at] > distance_[seed])) seed = at;
+            if (seed < 0) return;
+            known[seed] = true;
+            inside_[seed] = tree.inside(placeOf(seed));
+            if (watertight) spread(seed, known);
+        }
+    }
+
+    double at(int n) const { return inside_[n] ? -distance_[n] : distance_[n]; }
+
+private:
+    double3 placeOf(int at) const
+    {
+        return {first_.x + at % n_ * spacing_, first_.y + at / n_ % n_ * spacing_,
+                first_.z + at / (n_ * n_) * spacing_};
+    }
+    /// Hands the side of a sample to all that are linked to it by neighbours whom the surface cannot part.
+    void spread(int from, std::array<bool, kLargest>& known)
+    {
+        std::array<int, kLargest> waiting;
+        int size = 0;
+        waiting[size++] = from;
+        while (size > 0) {
+            const int at = waiting[--size];
+            const int ijk[3] = {at % n_, at / n_ % n_, at / (n_ * n_)}, stride[3] = {1, n_, n_ * n_};
+            for (int axis = 0; axis < 3; ++axis)
+                for (int step = -1; step <= 1; step += 2) {
+                    if (ijk[axis] + step < 0 || ijk[axis] + step >= n_) continue;
+                    const int other = at + step * stride[axis];
+                    if (known[other] || distance_[at] + distance_[other] <= spacing_ * kSameSideSlack) continue;
+                    known[other] = true;
+                    inside_[other] = inside_[at];
+                    waiting[size++] = other;
+                }
+        }
+    }
+
+    double3 first_;
+    double spacing_;
+    int n_;
+    std::array<double, kLargest> distance_;
+    std::array<bool, kLargest> inside_;
+};
+
 void DistanceTiles::fill(double3 const& first, double spacing, int n, double unit, float* values) const
 {
-    constexpr int kLargest = 5 * 5 * 5;
-    std::array<double, kLargest> distance;
-    std::array<bool, kLargest> inside;
-    const int stride[3] = {1, n, n * n};
-    std::int32_t guess = 0, rowGuess = 0;
-    for (int k = 0, at = 0; k < n; ++k)
-        for (int j = 0; j < n; ++j)
-            for (int i = 0; i < n; ++i, ++at) {
-                const double3 place{first.x + i * spacing, first.y + j * spacing, first.z + k * spacing};
-                const auto nearest = tree_.nearest(place, i == 0 ? rowGuess : guess);
-                guess = nearest.triangle;
-                if (i == 0) rowGuess = guess;
-                distance[at] = std::sqrt(nearest.squaredDistance);
-
-                const int ijk[3] = {i, j, k};
-                int sameSide = -1;
-                for (int axis = 0; axis < 3 && watertight_ && sameSide < 0; ++axis)
-                    if (ijk[axis] > 0 && distance[at] + distance[at - stride[axis]] > spacing * kSameSideSlack)
-                        sameSide = at - stride[axis];
-                inside[at] = sameSide >= 0 ? inside[sameSide] : tree_.inside(place);
-                values[at] = static_cast<float>((inside[at] ? -distance[at] : distance[at]) * unit);
-            }
+    Lattice lattice(first, spacing, n);
+    lattice.findDistances(tree_);
+    lattice.findSides(tree_, watertight_);
+    for (int at = 0; at < n * n * n; ++at) values[at] = static_cast<float>(lattice.at(at) * unit);
 }
 
 }  // namespace tilegrid::io

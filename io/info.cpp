@@ -29,8 +29,10 @@ template <class T> void appendNumber(std::string& text, T value)
         }
     char buffer[64];
     const auto end = [&] {
-        if constexpr (sizeof(T) == 1) return std::to_chars(buffer, buffer + sizeof buffer, static_cast<int>(value)).ptr;
-        else return std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+        if constexpr (sizeof(T) == 1)
+            return std::to_chars(buffer, buffer + sizeof buffer, static_cast<int>(value)).ptr;
+        else
+            return std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
     }();
     text.append(buffer, end);
 }
@@ -61,7 +63,8 @@ template <class Tile, class Visit> void forEachLeafVoxel(Tile const& tile, Visit
 }
 
 /// Least and greatest of each component over the leaf voxels. A NaN is passed over.
-template <class Tr, class C> PropertyInfo describeProperty(Container<Tr> const& tree, C const& channel, std::string const& name)
+template <class Tr, class C>
+PropertyInfo describeProperty(Container<Tr> const& tree, C const& channel, std::string const& name)
 {
     using T = typename C::Element;
     using Traits = Ostara::Math::ElementTraits<T>;
@@ -88,10 +91,11 @@ template <class Tr, class C> PropertyInfo describeProperty(Container<Tr> const& 
     return info;
 }
 
-/// Volume and area in tile space of the surface in the leaf cells of one tile. `origin` is near the surface, so that the terms
-/// of the volume do not cancel.
+/// Volume and area in tile space of the surface in the leaf cells of one tile. `origin` is near the surface, so that
+/// the terms of the volume do not cancel.
 template <class Tr, class C, class Tile>
-SurfaceMeasure measureTile(VolumeReader<Tr, C> const& reader, Tile const& tile, VoxelOffsetType offset, double3 const& origin)
+SurfaceMeasure measureTile(VolumeReader<Tr, C> const& reader, Tile const& tile, VoxelOffsetType offset,
+                           double3 const& origin)
 {
     constexpr int N = Tr::width + 1;
     std::array<double, N * N * N> values;
@@ -107,16 +111,19 @@ SurfaceMeasure measureTile(VolumeReader<Tr, C> const& reader, Tile const& tile, 
     forEachLeafVoxel(tile, [&](int3 const& ijk) {
         std::array<double, 8> corners;
         for (int corner = 0; corner < 8; ++corner)
-            corners[corner] = values[flatIndex(N, ijk.x + (corner & 1), ijk.y + (corner >> 1 & 1), ijk.z + (corner >> 2))];
+            corners[corner] =
+                values[flatIndex(N, ijk.x + (corner & 1), ijk.y + (corner >> 1 & 1), ijk.z + (corner >> 2))];
         double3 low;
-        for (int axis = 0; axis < 3; ++axis) low[axis] = tile.tijk()[axis] + (ijk[axis] + shift[axis]) * width - origin[axis];
+        for (int axis = 0; axis < 3; ++axis)
+            low[axis] = tile.tijk()[axis] + (ijk[axis] + shift[axis]) * width - origin[axis];
         sum += measureCell(low, width, corners);
     });
     return sum;
 }
 
 template <class Tr, class C>
-SurfaceMeasure measureSurface(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset, double3 const& origin)
+SurfaceMeasure measureSurface(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
+                              double3 const& origin)
 {
     // Parts of a fixed size, added in their order: the same bits for any number of threads.
     constexpr OST::int64 kPart = 64;
@@ -136,8 +143,8 @@ SurfaceMeasure measureSurface(Container<Tr> const& tree, C const& channel, Voxel
 }
 
 template <class Tr>
-std::optional<LevelSetInfo> describeLevelSet(Ostara::Object const& volume, OST::Object const& native, Container<Tr> const& tree,
-                                             VoxelOffsetType offset)
+std::optional<LevelSetInfo> describeLevelSet(Ostara::Object const& volume, OST::Object const& native,
+                                             Container<Tr> const& tree, VoxelOffsetType offset)
 {
     std::optional<LevelSetInfo> info;
     const auto measure = [&]<class C>() {
@@ -145,7 +152,8 @@ std::optional<LevelSetInfo> describeLevelSet(Ostara::Object const& volume, OST::
         Ostara::GeometryAlgorithms::getVolumeBounds(volume, box);
         const double h = tree.voxelSize();
         const double3 middle = (0.5 / h) * (double3(box.min) + double3(box.max));
-        const SurfaceMeasure sum = measureSurface<Tr>(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance), offset, middle);
+        const SurfaceMeasure sum =
+            measureSurface<Tr>(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance), offset, middle);
         info = LevelSetInfo{box.min, box.max, sum.volume * h * h * h, sum.area * h * h};
     };
     tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, measure);
@@ -153,10 +161,7 @@ std::optional<LevelSetInfo> describeLevelSet(Ostara::Object const& volume, OST::
 }
 
 /// A float as JSON shows it best: with as many digits as a float has.
-template <class T> Json jsonOf(T const& value)
-{
-    return Json::parse(valueText(value));
-}
+template <class T> Json jsonOf(T const& value) { return Json::parse(valueText(value)); }
 
 /// A count with a comma before every three digits from the end.
 std::string grouped(std::int64_t count)
@@ -174,25 +179,26 @@ std::string grouped(std::int64_t count)
 
 VolumeInfo describeVolume(Ostara::Object const& volume)
 {
-    return withTree(volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-        VolumeInfo info;
-        info.structure = Tr::branching == 2 ? "binary" : "quinary";
-        info.voxelSize = tree.voxelSize();
-        for (int depth = 0; depth <= Tr::maxDepth; ++depth) {
-            info.tilesByDepth.push_back(tree.tileCount(depth));
-            info.leafVoxelsByDepth.push_back(tree.voxelCount(depth));
-        }
-        for (Corvid::String const& name : native.componentRange()) {
-            std::size_t used = 0, reserved = 0;
-            native.component<OST::Component>(name)->memUse(used, reserved, /*withLookup*/ false);
-            info.bytes += used;
-            tryElements<Tr>(native, name, [&]<class C>() {
-                info.properties.push_back(describeProperty<Tr>(tree, *native.component<C>(name), name.str()));
-            });
-        }
-        info.levelSet = describeLevelSet<Tr>(volume, native, tree, topology.offsetType());
-        return info;
-    });
+    return withTree(
+        volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
+            VolumeInfo info;
+            info.structure = Tr::branching == 2 ? "binary" : "quinary";
+            info.voxelSize = tree.voxelSize();
+            for (int depth = 0; depth <= Tr::maxDepth; ++depth) {
+                info.tilesByDepth.push_back(tree.tileCount(depth));
+                info.leafVoxelsByDepth.push_back(tree.voxelCount(depth));
+            }
+            for (Corvid::String const& name : native.componentRange()) {
+                std::size_t used = 0, reserved = 0;
+                native.component<OST::Component>(name)->memUse(used, reserved, /*withLookup*/ false);
+                info.bytes += used;
+                tryElements<Tr>(native, name, [&]<class C>() {
+                    info.properties.push_back(describeProperty<Tr>(tree, *native.component<C>(name), name.str()));
+                });
+            }
+            info.levelSet = describeLevelSet<Tr>(volume, native, tree, topology.offsetType());
+            return info;
+        });
 }
 
 std::string toJson(VolumeInfo const& info)
@@ -233,8 +239,8 @@ std::string toText(VolumeInfo const& info)
             out << std::setw(5) << depth << std::setw(16) << grouped(info.tilesByDepth[depth]) << std::setw(18)
                 << grouped(info.leafVoxelsByDepth[depth]) << "\n";
     for (PropertyInfo const& property : info.properties)
-        out << "property    " << property.name << " (" << property.type << "), default " << property.defaultValue << ", from "
-            << property.min << " to " << property.max << "\n";
+        out << "property    " << property.name << " (" << property.type << "), default " << property.defaultValue
+            << ", from " << property.min << " to " << property.max << "\n";
     if (info.levelSet) {
         LevelSetInfo const& set = *info.levelSet;
         out << "surface     from " << set.boundsMin << " to " << set.boundsMax << "\n";

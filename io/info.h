@@ -29,7 +29,8 @@ struct VolumeInfo {
     std::optional<LevelSetInfo> levelSet;
 };
 
-/// Measures a volume. Enclosed volume and area come from marching the leaf cells' corner values, in double, in index order.
+/// Measures a volume. Enclosed volume and area come from marching the leaf cells' corner values, in double, in index
+/// order.
 /// \throws InputError for an object without a tile tree
 VolumeInfo describeVolume(Ostara::Object const& volume);
 

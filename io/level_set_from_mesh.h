@@ -17,10 +17,12 @@ struct LevelSetOptions {
     std::uint64_t maxBytes = 0;
 };
 
-/// A level set of a closed mesh: finest tiles within the band, and their ancestors. Every voxel of every depth holds the signed
-/// distance to the surface, negative inside, in world units, to within half a voxel of its own depth; finest voxels to within
-/// the accuracy of the mesh conversion. The default value is the band's half width in world units. Samples lie at voxel corners.
-/// \throws InputError for a voxel size that is not positive and finite, larger than the mesh, or too small for tile space or
+/// A level set of a closed mesh: finest tiles within the band, and their ancestors. Every voxel of every depth holds
+/// the signed distance to the surface, negative inside, in world units, to within half a voxel of its own depth; finest
+/// voxels to within the accuracy of the mesh conversion. The default value is the band's half width in world units.
+/// Samples lie at voxel corners.
+/// \throws InputError for a voxel size that is not positive and finite, larger than the mesh, or too small for tile
+///        space or
 ///         `maxBytes`, with the estimate
 Corvid::Ptr<Ostara::Object> levelSetFromMesh(TriangleMesh const& mesh, LevelSetOptions const& options,
                                              Corvid::RuntimeServices const& services);

@@ -19,7 +19,8 @@ struct Candidate {
     std::int32_t nearest;
 };
 
-/// Middle of the finest samples that a tile and all its descendants may have: their box is one finest voxel short of the tile.
+/// Middle of the finest samples that a tile and all its descendants may have: their box is one finest voxel short of
+/// the tile.
 double3 middleOf(int3 const& corner, int tileWidth)
 {
     const double half = 0.5 * (tileWidth - 1);
@@ -27,7 +28,8 @@ double3 middleOf(int3 const& corner, int tileWidth)
 }
 
 /// Whether a finest tile has a voxel within the band. `middle` is what is known about the middle of its samples.
-template <class Tr> bool hasVoxelInBand(TriangleTree const& tree, int3 const& corner, TriangleTree::Nearest middle, double band)
+template <class Tr>
+bool hasVoxelInBand(TriangleTree const& tree, int3 const& corner, TriangleTree::Nearest middle, double band)
 {
     const auto within = [&](int i, int j, int k) {
         const double3 place(corner.x + i, corner.y + j, corner.z + k);
@@ -47,7 +49,8 @@ template <class Tr> bool hasVoxelInBand(TriangleTree const& tree, int3 const& co
 
 /// Appends the children of `parent` that may, or at the finest depth do, hold a voxel within the band.
 template <class Tr>
-void appendChildren(TriangleTree const& tree, Candidate const& parent, int childDepth, double band, std::vector<Candidate>& out)
+void appendChildren(TriangleTree const& tree, Candidate const& parent, int childDepth, double band,
+                    std::vector<Candidate>& out)
 {
     const int childWidth = Tr::tileVoxelWidth(childDepth);
     const double reach = band + 0.5 * std::numbers::sqrt3 * (childWidth - 1);
@@ -58,7 +61,8 @@ void appendChildren(TriangleTree const& tree, Candidate const& parent, int child
         guess = nearest.triangle;
         // The slack keeps a tile whose voxel lies just on the rim of the band whatever the rounding here.
         if (nearest.squaredDistance > reach * reach * (1.0 + 1e-12)) continue;
-        if (childDepth < Tr::maxDepth || hasVoxelInBand<Tr>(tree, corner, nearest, band)) out.push_back({corner, nearest.triangle});
+        if (childDepth < Tr::maxDepth || hasVoxelInBand<Tr>(tree, corner, nearest, band))
+            out.push_back({corner, nearest.triangle});
     }
 }
 
@@ -88,7 +92,8 @@ template <class Tr> std::vector<int3> tilesNearSurface(TriangleTree const& tree,
 template <class Tr> double estimatedLevelSetBytes(double area, double size, double band)
 {
     // A layer of tiles around a surface is as thick as the band on both sides and the mean width of the box of a tile's
-    // samples, 3/2 of its side. Where the body is small against a voxel, a depth has no more than the 8 tiles that meet at a corner.
+    // samples, 3/2 of its side. Where the body is small against a voxel, a depth has no more than the 8 tiles that meet
+    // at a corner.
     constexpr double kTileBytes = 48.0, kFewest = 8.0;
     const double tableBytes = sizeof(OST::int64) * Tr::childCount;
     double bytes = 0.0;

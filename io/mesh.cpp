@@ -64,7 +64,8 @@ private:
         std::size_t operator()(float3 const& v) const
         {
             std::uint64_t h = 0;
-            for (int axis = 0; axis < 3; ++axis) h = (h ^ std::bit_cast<std::uint32_t>(v[axis])) * 0x9e3779b97f4a7c15ull;
+            for (int axis = 0; axis < 3; ++axis)
+                h = (h ^ std::bit_cast<std::uint32_t>(v[axis])) * 0x9e3779b97f4a7c15ull;
             return h ^ h >> 32;
         }
     };
@@ -72,10 +73,7 @@ private:
     std::unordered_map<float3, std::int32_t, Hash> known_;
 };
 
-bool isFinite(aiVector3D const& v)
-{
-    return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
-}
+bool isFinite(aiVector3D const& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
 /// What must hold before anything is computed from an imported scene. \return its number of faces
 std::uint64_t checkScene(aiScene const& scene, std::string const& path)
@@ -106,18 +104,21 @@ TriangleMesh weldedTriangles(aiScene const& scene)
                 triangle[corner] = welder.add({v.x, v.y, v.z});
             }
             // Without two equal corners a triangle stays, even with no area: its neighbours need its edges.
-            if (triangle.x != triangle.y && triangle.y != triangle.z && triangle.z != triangle.x) result.triangles.push_back(triangle);
+            if (triangle.x != triangle.y && triangle.y != triangle.z && triangle.z != triangle.x)
+                result.triangles.push_back(triangle);
         }
     return result;
 }
 
-TriangleMesh imported(std::string const& path, std::string const& content, std::string const& ending, MeshCounts const& counts)
+TriangleMesh imported(std::string const& path, std::string const& content, std::string const& ending,
+                      MeshCounts const& counts)
 {
     Assimp::Importer importer;
     aiScene const* scene = importer.ReadFileFromMemory(content.data(), content.size(), 0, ending.c_str());
     if (!scene) fail(path, importer.GetErrorString());
     if (const std::uint64_t faces = checkScene(*scene, path); faces != counts.faces)
-        fail(path, "it has " + std::to_string(counts.faces) + " faces, and " + std::to_string(faces) + " could be read");
+        fail(path,
+             "it has " + std::to_string(counts.faces) + " faces, and " + std::to_string(faces) + " could be read");
     scene = importer.ApplyPostProcessing(aiProcess_Triangulate);
     if (!scene) fail(path, "its polygons cannot be divided into triangles");
     return weldedTriangles(*scene);
@@ -126,11 +127,12 @@ TriangleMesh imported(std::string const& path, std::string const& content, std::
 void warnOfDefects(std::string const& path, MeshTopology const& edges, Corvid::RuntimeServices const& services)
 {
     if (edges.closed() && edges.flippedEdges == 0) return;
-    services.message(Severity::kWarning, "the mesh '" + path + "' has " + std::to_string(edges.openEdges) + " open edges, " +
-                                             std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles and " +
-                                             std::to_string(edges.flippedEdges) +
-                                             " edges where the orientation flips. Assumed: what it winds around by more than one "
-                                             "half is inside, so holes count as covered");
+    services.message(Severity::kWarning,
+                     "the mesh '" + path + "' has " + std::to_string(edges.openEdges) + " open edges, "
+                         + std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles and "
+                         + std::to_string(edges.flippedEdges)
+                         + " edges where the orientation flips. Assumed: what it winds around by more than one "
+                           "half is inside, so holes count as covered");
 }
 
 }  // namespace
@@ -138,7 +140,8 @@ void warnOfDefects(std::string const& path, MeshTopology const& edges, Corvid::R
 TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services)
 {
     const std::string ending = endingOf(path);
-    if (ending != "obj" && ending != "ply" && ending != "stl") fail(path, "the ending tells the form, and only .obj, .ply and .stl are known");
+    if (ending != "obj" && ending != "ply" && ending != "stl")
+        fail(path, "the ending tells the form, and only .obj, .ply and .stl are known");
     const std::string content = contentOf(path, maxBytes);
     MeshCounts counts;
     try {
@@ -174,7 +177,9 @@ MeshTopology meshTopology(TriangleMesh const& mesh)
     std::sort(edges.begin(), edges.end());
     MeshTopology result;
     for (std::size_t begin = 0, end; begin < edges.size(); begin = end) {
-        for (end = begin; end < edges.size() && edges[end].low == edges[begin].low && edges[end].high == edges[begin].high;) ++end;
+        for (end = begin;
+             end < edges.size() && edges[end].low == edges[begin].low && edges[end].high == edges[begin].high;)
+            ++end;
         if (end - begin == 1) ++result.openEdges;
         if (end - begin > 2) ++result.nonManifoldEdges;
         if (end - begin == 2 && edges[begin].forward == edges[begin + 1].forward) ++result.flippedEdges;

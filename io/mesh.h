@@ -14,7 +14,8 @@ struct TriangleMesh {
     std::vector<Ostara::Math::int3> triangles;
 };
 
-/// What is known about the edges of a mesh. Closed and manifold: every edge lies in two triangles, in opposite directions.
+/// What is known about the edges of a mesh. Closed and manifold: every edge lies in two triangles, in opposite
+/// directions.
 struct MeshTopology {
     std::int64_t openEdges = 0;
     std::int64_t nonManifoldEdges = 0;
@@ -22,9 +23,10 @@ struct MeshTopology {
     bool closed() const { return openEdges == 0 && nonManifoldEdges == 0; }
 };
 
-/// Reads OBJ, PLY or STL. Polygons are triangulated, identical vertices joined, degenerate triangles dropped. Warns about
-/// open and non-manifold meshes and says what is assumed.
-/// \throws InputError for files that are missing, empty, truncated, hold no triangle, an index out of range, a coordinate that
+/// Reads OBJ, PLY or STL. Polygons are triangulated, identical vertices joined, degenerate triangles dropped. Warns
+/// about open and non-manifold meshes and says what is assumed.
+/// \throws InputError for files that are missing, empty, truncated, hold no triangle, an index out of range, a
+///        coordinate that
 ///         is NaN or infinite, or more than `maxBytes` would hold
 TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services);
 

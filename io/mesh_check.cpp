@@ -21,7 +21,8 @@ void checkCoordinates(std::string_view& words, std::uint64_t line)
         if (word.empty()) failAt(line, "a vertex with fewer than three coordinates; the file may be cut off");
         const auto value = realFrom(word);
         if (!value) failAt(line, quoted(word) + " is no number");
-        if (!isFiniteFloat(*value)) failAt(line, "the coordinate " + std::string(word.substr(0, 40)) + " is not a finite number");
+        if (!isFiniteFloat(*value))
+            failAt(line, "the coordinate " + std::string(word.substr(0, 40)) + " is not a finite number");
     }
 }
 
@@ -36,12 +37,15 @@ public:
             ++line_;
             std::string_view line = takeLine(rest_);
             std::string joined;
-            for (; continues(line); line = takeLine(rest_), ++line_) joined.append(line.substr(0, line.find_last_of('\\'))).append(" ");
+            for (; continues(line); line = takeLine(rest_), ++line_)
+                joined.append(line.substr(0, line.find_last_of('\\'))).append(" ");
             if (!joined.empty()) line = joined.append(line);
             scan(line);
         }
         if (largest_ > counts_.vertices)
-            failAt(largestLine_, "a face names vertex " + std::to_string(largest_) + ", and the file has " + std::to_string(counts_.vertices));
+            failAt(largestLine_,
+                   "a face names vertex " + std::to_string(largest_) + ", and the file has "
+                       + std::to_string(counts_.vertices));
         return counts_;
     }
 
@@ -64,13 +68,17 @@ private:
     void scanFace(std::string_view line)
     {
         std::uint64_t corners = 0;
-        for (std::string_view word = takeWord(line); !word.empty() && word.front() != '#'; word = takeWord(line), ++corners) {
+        for (std::string_view word = takeWord(line); !word.empty() && word.front() != '#';
+             word = takeWord(line), ++corners) {
             const auto index = integerFrom(word.substr(0, word.find('/')));
             if (!index) failAt(line_, quoted(word) + " is no corner of a face");
             const bool backwards = *index < 0;
-            const std::uint64_t size = backwards ? 0 - static_cast<std::uint64_t>(*index) : static_cast<std::uint64_t>(*index);
+            const std::uint64_t size =
+                backwards ? 0 - static_cast<std::uint64_t>(*index) : static_cast<std::uint64_t>(*index);
             if (size == 0 || (backwards && size > counts_.vertices))
-                failAt(line_, "a face names vertex " + std::to_string(*index) + ", and there are " + std::to_string(counts_.vertices) + " before it");
+                failAt(line_,
+                       "a face names vertex " + std::to_string(*index) + ", and there are "
+                           + std::to_string(counts_.vertices) + " before it");
             if (!backwards && size > largest_) largest_ = size, largestLine_ = line_;
         }
         if (corners < 3) failAt(line_, "a face with fewer than three corners; the file may be cut off");
@@ -106,10 +114,7 @@ MeshCounts checkTextStl(std::string_view content)
 
 }  // namespace
 
-MeshCounts checkObj(std::string_view content)
-{
-    return ObjScan(content).run();
-}
+MeshCounts checkObj(std::string_view content) { return ObjScan(content).run(); }
 
 MeshCounts checkStl(std::string_view content)
 {
@@ -120,11 +125,13 @@ MeshCounts checkStl(std::string_view content)
         const std::uint64_t needed = kStlHeader + std::uint64_t(triangles) * kStlTriangle;
         if (needed == content.size()) return {3ull * triangles, triangles, triangles};
         if (content.substr(0, 5) != "solid" && needed > content.size())
-            throw InputError("its header counts " + std::to_string(triangles) + " triangles, which take " + std::to_string(needed) +
-                             " bytes; the file has " + std::to_string(content.size()) + ": cut off, or no STL file");
+            throw InputError("its header counts " + std::to_string(triangles) + " triangles, which take "
+                             + std::to_string(needed) + " bytes; the file has " + std::to_string(content.size())
+                             + ": cut off, or no STL file");
         if (content.substr(0, 5) != "solid") return {3ull * triangles, triangles, triangles};
     }
-    if (content.substr(0, 5) != "solid") throw InputError("neither the text form (it begins with 'solid') nor the binary form of STL");
+    if (content.substr(0, 5) != "solid")
+        throw InputError("neither the text form (it begins with 'solid') nor the binary form of STL");
     return checkTextStl(content);
 }
 

@@ -14,8 +14,8 @@ struct MeshCounts {
     std::uint64_t triangles = 0;
 };
 
-/// Walks the content of a file: everything that its numbers promise must be there. OBJ and text forms: coordinates must be finite
-/// and indices in range as well; binary forms: the reader of the result looks at those.
+/// Walks the content of a file: everything that its numbers promise must be there. OBJ and text forms: coordinates must
+/// be finite and indices in range as well; binary forms: the reader of the result looks at those.
 /// \param ending  "obj", "ply" or "stl"
 /// \throws InputError with what is wrong and where, without the name of the file
 MeshCounts checkMeshContent(std::string_view content, std::string const& ending);

@@ -87,7 +87,8 @@ PlyHeader takeHeader(std::string_view& content)
             const std::string_view count = takeWord(line);
             const auto value = integerFrom(count);
             if (!value || *value < 0)
-                throw InputError("the header has " + quoted(count) + " for the number of elements '" + element.name + "'");
+                throw InputError("the header has " + quoted(count) + " for the number of elements '" + element.name
+                                 + "'");
             element.count = static_cast<std::uint64_t>(*value);
             header.elements.push_back(std::move(element));
         }
@@ -101,8 +102,8 @@ PlyHeader takeHeader(std::string_view& content)
 
 [[noreturn]] void cutOff(PlyElement const& element, std::uint64_t at)
 {
-    throw InputError("the header counts " + std::to_string(element.count) + " elements '" + element.name + "', and the file ends in number " +
-                     std::to_string(at + 1) + ": cut off, or a wrong count");
+    throw InputError("the header counts " + std::to_string(element.count) + " elements '" + element.name
+                     + "', and the file ends in number " + std::to_string(at + 1) + ": cut off, or a wrong count");
 }
 
 bool isVertexIndices(PlyElement const& element, PlyProperty const& property)
@@ -147,7 +148,9 @@ public:
 private:
     static double decoded(PlyType const& type, std::uint64_t bits)
     {
-        if (type.isReal) return type.bytes == 4 ? std::bit_cast<float>(static_cast<std::uint32_t>(bits)) : std::bit_cast<double>(bits);
+        if (type.isReal)
+            return type.bytes == 4 ? std::bit_cast<float>(static_cast<std::uint32_t>(bits))
+                                   : std::bit_cast<double>(bits);
         if (!type.isSigned) return static_cast<double>(bits);
         const int unused = 64 - 8 * type.bytes;
         return static_cast<double>(static_cast<std::int64_t>(bits << unused) >> unused);
@@ -162,8 +165,7 @@ class PlyElementWalk {
 public:
     PlyElementWalk(PlyElement const& element, std::uint64_t vertices, MeshCounts& counts)
         : element_(element), vertices_(vertices), counts_(counts)
-    {
-    }
+    {}
     void run(PlyValues& values)
     {
         for (at_ = 0; at_ < element_.count; ++at_)
@@ -175,14 +177,17 @@ private:
     {
         double length = 1.0;
         if (property.isList() && !values.take(property.length, length)) cutOff(element_, at_);
-        if (!(length >= 0.0)) throw InputError("a list with a negative length in element '" + element_.name + "' " + std::to_string(at_ + 1));
+        if (!(length >= 0.0))
+            throw InputError("a list with a negative length in element '" + element_.name + "' "
+                             + std::to_string(at_ + 1));
         const bool corners = property.isList() && isVertexIndices(element_, property);
         // Ends at the end of the file, however long the list says it is.
         for (double n = 0.0; n < length; n += 1.0) {
             double value = 0.0;
             if (!values.take(property.value, value)) cutOff(element_, at_);
             if (corners && !(value >= 0.0 && value < double(vertices_)))
-                throw InputError("face " + std::to_string(at_ + 1) + " names a vertex that is not there (there are " + std::to_string(vertices_) + ")");
+                throw InputError("face " + std::to_string(at_ + 1) + " names a vertex that is not there (there are "
+                                 + std::to_string(vertices_) + ")");
             if (isCoordinate(element_, property) && !isFiniteFloat(value))
                 throw InputError("vertex " + std::to_string(at_ + 1) + " has a coordinate that is not a finite number");
         }
@@ -207,8 +212,8 @@ MeshCounts checkPly(std::string_view content)
         if (element.name == "vertex") counts.vertices = element.count;
         // Every element takes a byte at least: no count above the size of the file is walked, or believed.
         if (element.count > content.size() || (element.properties.empty() && element.count > 0))
-            throw InputError("the header counts " + std::to_string(element.count) + " elements '" + element.name + "', and only " +
-                             std::to_string(content.size()) + " bytes follow");
+            throw InputError("the header counts " + std::to_string(element.count) + " elements '" + element.name
+                             + "', and only " + std::to_string(content.size()) + " bytes follow");
     }
     PlyValues values(content, header.format);
     for (PlyElement const& element : header.elements) PlyElementWalk(element, counts.vertices, counts).run(values);

@@ -60,7 +60,8 @@ Window windowAround(double3 const& low, double3 const& high, SliceOptions const&
     return window;
 }
 
-/// The value of the voxel whose sample is nearest in the finest tile at the place, and the value between samples for the zero line.
+/// The value of the voxel whose sample is nearest in the finest tile at the place, and the value between samples for
+/// the zero line.
 template <class Tr, class C>
 std::vector<Pixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset, Window const& window)
 {
@@ -83,7 +84,8 @@ std::vector<Pixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOf
                     nearest[axis] = tile.tijk()[axis] + (std::round(q) + shift[axis]) * tile.voxelDataWidth();
                 }
                 Pixel& pixel = pixels[static_cast<std::size_t>(y) * window.width + x];
-                pixel = {static_cast<float>(reader.at(nearest, found.depth)), static_cast<float>(reader.at(place, found.depth)), found.depth};
+                pixel = {static_cast<float>(reader.at(nearest, found.depth)),
+                         static_cast<float>(reader.at(place, found.depth)), found.depth};
             }
     });
     return pixels;
@@ -138,7 +140,8 @@ public:
                 for (int x = 0; x < window_.width; ++x) {
                     const Colour colour = colourAt(x, y);
                     std::array<std::uint8_t, 3> bytes;
-                    for (std::size_t c = 0; c < 3; ++c) bytes[c] = static_cast<std::uint8_t>(std::lround(std::clamp(colour[c], 0.0, 255.0)));
+                    for (std::size_t c = 0; c < 3; ++c)
+                        bytes[c] = static_cast<std::uint8_t>(std::lround(std::clamp(colour[c], 0.0, 255.0)));
                     image.set(x, y, bytes);
                 }
         });
@@ -148,7 +151,8 @@ public:
 private:
     Pixel const& pixel(int x, int y) const
     {
-        return pixels_[static_cast<std::size_t>(std::clamp(y, 0, window_.height - 1)) * window_.width + std::clamp(x, 0, window_.width - 1)];
+        return pixels_[static_cast<std::size_t>(std::clamp(y, 0, window_.height - 1)) * window_.width
+                       + std::clamp(x, 0, window_.width - 1)];
     }
 
     Colour colourAt(int x, int y) const
@@ -183,8 +187,8 @@ private:
         return std::clamp(kHalfWidth + 0.5 - away, 0.0, 1.0);
     }
 
-    /// Borders of tiles, one tone for each depth: finest ones light and thin, coarser ones darker, then thicker. A depth whose
-    /// tiles are only some pixels wide fades out.
+    /// Borders of tiles, one tone for each depth: finest ones light and thin, coarser ones darker, then thicker. A
+    /// depth whose tiles are only some pixels wide fades out.
     void paintBorder(Colour& colour, int x, int y) const
     {
         static constexpr Colour kInk{28, 30, 44};
@@ -201,7 +205,8 @@ private:
         blend(colour, kInk, alpha);
     }
 
-    /// Depth of the coarsest tiles that the step from the pixel to its neighbour leads across; -1 if it stays in one tile.
+    /// Depth of the coarsest tiles that the step from the pixel to its neighbour leads across; -1 if it stays in one
+    /// tile.
     int borderDepth(int x, int y, int dx, int dy) const
     {
         if (x < 0 || y < 0 || x + dx >= window_.width || y + dy >= window_.height) return -1;
@@ -225,7 +230,9 @@ private:
 template <class Tr> std::string propertyToShow(OST::Object const& native, std::string const& asked)
 {
     const std::vector<std::string> names = propertyNames<Tr>(native);
-    const auto has = [&names](std::string const& name) { return std::find(names.begin(), names.end(), name) != names.end(); };
+    const auto has = [&names](std::string const& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    };
     if (asked.empty()) {
         for (auto const& name : {Ostara::Geometry::sVoxelSignedDistance, Ostara::Geometry::sVoxelFogDensity})
             if (has(name.str())) return name.str();
@@ -251,18 +258,19 @@ void checkOptions(SliceOptions const& options)
 Image sliceImage(Ostara::Object const& volume, SliceOptions const& options)
 {
     checkOptions(options);
-    return withTree(volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-        const Corvid::String name(propertyToShow<Tr>(native, options.property));
-        Ostara::Math::bbox<float3, float> box;
-        Ostara::GeometryAlgorithms::getVolumeBounds(volume, box);
-        const double unit = 1.0 / tree.voxelSize();
-        const Window window = windowAround(double3(box.min) * unit, double3(box.max) * unit, options);
-        std::vector<Pixel> pixels;
-        tryElements<Tr>(native, name, [&]<class C>() {
-            pixels = pixelsOf<Tr, C>(tree, *native.component<C>(name), topology.offsetType(), window);
+    return withTree(
+        volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
+            const Corvid::String name(propertyToShow<Tr>(native, options.property));
+            Ostara::Math::bbox<float3, float> box;
+            Ostara::GeometryAlgorithms::getVolumeBounds(volume, box);
+            const double unit = 1.0 / tree.voxelSize();
+            const Window window = windowAround(double3(box.min) * unit, double3(box.max) * unit, options);
+            std::vector<Pixel> pixels;
+            tryElements<Tr>(native, name, [&]<class C>() {
+                pixels = pixelsOf<Tr, C>(tree, *native.component<C>(name), topology.offsetType(), window);
+            });
+            return SlicePainter<Tr>(window, pixels).paint();
         });
-        return SlicePainter<Tr>(window, pixels).paint();
-    });
 }
 
 }  // namespace tilegrid::io

@@ -9,10 +9,7 @@
 
 namespace tilegrid::io {
 
-inline bool isBlank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
-}
+inline bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
 
 /// Takes the first line off `text`, without its end.
 inline std::string_view takeLine(std::string_view& text)
@@ -53,7 +50,8 @@ inline std::optional<double> realFrom(std::string_view word)
     double value = 0.0;
     const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
     if (error == std::errc::result_out_of_range && end == word.data() + word.size())
-        return word.find("e-") != word.npos || word.find("E-") != word.npos ? 0.0 : std::numeric_limits<double>::infinity();
+        return word.find("e-") != word.npos || word.find("E-") != word.npos ? 0.0
+                                                                            : std::numeric_limits<double>::infinity();
     if (error != std::errc() || end != word.data() + word.size() || word.empty()) return {};
     return value;
 }

@@ -13,8 +13,8 @@ using Ostara::Math::int3;
 namespace {
 
 constexpr std::int32_t kLeafTriangles = 4;
-/// A node is far if it is this many times its reach away. Farther costs more triangles; 2 leaves errors of some hundredths in
-/// a winding number, and only a half decides.
+/// A node is far if it is this many times its reach away. Farther costs more triangles; 2 leaves errors of some
+/// hundredths in a winding number, and only a half decides.
 constexpr double kFarFactor = 2.0;
 /// sin^2 of the smallest angle below which a triangle counts as its edges: its height is lost in rounding.
 constexpr double kFlatSquaredSine = 1e-24;
@@ -29,7 +29,10 @@ inline double3 cross3(double3 const& a, double3 const& b)
 {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
-inline double3 along(double3 const& a, double t, double3 const& d) { return {a.x + t * d.x, a.y + t * d.y, a.z + t * d.z}; }
+inline double3 along(double3 const& a, double t, double3 const& d)
+{
+    return {a.x + t * d.x, a.y + t * d.y, a.z + t * d.z};
+}
 
 void extend(double3& low, double3& high, double3 const& p)
 {
@@ -71,7 +74,8 @@ TriangleTree::TriangleTree(std::vector<double3> const& vertices, std::vector<int
     triangles_.reserve(triangles.size());
     for (const std::int32_t t : order) {
         double3 const& a = vertices[triangles[t].x];
-        const double3 ab = minus(vertices[triangles[t].y], a), ac = minus(vertices[triangles[t].z], a), n = cross3(ab, ac);
+        const double3 ab = minus(vertices[triangles[t].y], a), ac = minus(vertices[triangles[t].z], a),
+                      n = cross3(ab, ac);
         const double nn = dot3(n, n);
         const bool flat = !(nn > kFlatSquaredSine * dot3(ab, ab) * dot3(ac, ac));
         triangles_.push_back({a, ab, ac, n, flat ? 0.0 : 1.0 / nn});
@@ -81,7 +85,8 @@ TriangleTree::TriangleTree(std::vector<double3> const& vertices, std::vector<int
     high_ = nodes_[0].high;
 }
 
-/// Halves the range at the median of the widest axis. `centroids` are three times the centroids: only their order counts.
+/// Halves the range at the median of the widest axis. `centroids` are three times the centroids: only their order
+/// counts.
 void TriangleTree::build(std::int32_t node, std::vector<double3> const& centroids, std::vector<std::int32_t>& order,
                          std::int32_t begin, std::int32_t end)
 {
@@ -95,9 +100,10 @@ void TriangleTree::build(std::int32_t node, std::vector<double3> const& centroid
     const double3 size = minus(high, low);
     const int axis = size.x >= size.y && size.x >= size.z ? 0 : size.y >= size.z ? 1 : 2;
     const std::int32_t middle = begin + (end - begin) / 2;
-    std::nth_element(order.begin() + begin, order.begin() + middle, order.begin() + end, [&](std::int32_t s, std::int32_t t) {
-        return centroids[s][axis] != centroids[t][axis] ? centroids[s][axis] < centroids[t][axis] : s < t;
-    });
+    std::nth_element(
+        order.begin() + begin, order.begin() + middle, order.begin() + end, [&](std::int32_t s, std::int32_t t) {
+            return centroids[s][axis] != centroids[t][axis] ? centroids[s][axis] < centroids[t][axis] : s < t;
+        });
     const auto first = static_cast<std::int32_t>(nodes_.size());
     nodes_[node].first = first;
     nodes_[node].count = 0;
@@ -134,7 +140,8 @@ void TriangleTree::describeFar()
             weighted = along(weighted, areas[node.first + child], far_[node.first + child].centre);
             areas[n] += areas[node.first + child];
         }
-        far.centre = areas[n] > 0.0 ? along({}, 1.0 / areas[n], weighted) : along(along({}, 0.5, node.low), 0.5, node.high);
+        far.centre =
+            areas[n] > 0.0 ? along({}, 1.0 / areas[n], weighted) : along(along({}, 0.5, node.low), 0.5, node.high);
         const double3 reach{std::max(node.high.x - far.centre.x, far.centre.x - node.low.x),
                             std::max(node.high.y - far.centre.y, far.centre.y - node.low.y),
                             std::max(node.high.z - far.centre.z, far.centre.z - node.low.z)};
@@ -142,9 +149,9 @@ void TriangleTree::describeFar()
     }
 }
 
-/// Plane distance where the foot lies inside the three edges, else the nearest of those edges that it lies beyond. Sides are
-/// triple products with vectors from a corner, so that a far place (its rounding is relative to its distance, not to the
-/// square of it) is still told apart.
+/// Plane distance where the foot lies inside the three edges, else the nearest of those edges that it lies beyond.
+/// Sides are triple products with vectors from a corner, so that a far place (its rounding is relative to its distance,
+/// not to the square of it) is still told apart.
 double TriangleTree::squaredDistance(Triangle const& triangle, double3 const& place)
 {
     const double3 ap = minus(place, triangle.a);
@@ -172,8 +179,8 @@ double3 TriangleTree::nearestPoint(Triangle const& triangle, double3 const& plac
 {
     const double3 ap = minus(place, triangle.a), bc = minus(triangle.ac, triangle.ab), bp = minus(ap, triangle.ab);
     const bool flat = triangle.inverseSquaredNormal == 0.0;
-    if (!flat && dot3(triangle.normal, cross3(triangle.ab, ap)) >= 0.0 && dot3(triangle.normal, cross3(ap, triangle.ac)) >= 0.0 &&
-        dot3(triangle.normal, cross3(bc, bp)) >= 0.0)
+    if (!flat && dot3(triangle.normal, cross3(triangle.ab, ap)) >= 0.0
+        && dot3(triangle.normal, cross3(ap, triangle.ac)) >= 0.0 && dot3(triangle.normal, cross3(bc, bp)) >= 0.0)
         return along(place, -dot3(ap, triangle.normal) * triangle.inverseSquaredNormal, triangle.normal);
     double3 best = fromSegment(ap, triangle.ab);
     for (double3 const& v : {fromSegment(ap, triangle.ac), fromSegment(bp, bc)})
@@ -212,6 +219,34 @@ TriangleTree::Nearest TriangleTree::nearest(double3 const& place, std::int32_t g
         if (far.bound * kSkipSlack <= best.squaredDistance) stack[size++] = far;
         if (near.bound * kSkipSlack <= best.squaredDistance) stack[size++] = near;
     }
+    return best;
+}
+
+int TriangleTree::listNear(double3 const& place, double radius, std::int32_t* list, int capacity) const
+{
+    const double limit = radius * radius;
+    int count = 0, size = 0;
+    std::int32_t stack[kStack];
+    stack[size++] = 0;
+    while (size > 0) {
+        Node const& node = nodes_[stack[--size]];
+        if (boxSquaredDistance(node.low, node.high, place) * kSkipSlack > limit) continue;
+        for (std::int32_t t = node.first; t < node.first + node.count; ++t) {
+            if (squaredDistance(triangles_[t], place) * kSkipSlack > limit) continue;
+            if (count == capacity) return capacity + 1;
+            list[count++] = t;
+        }
+        if (node.count > 0) continue;
+        stack[size++] = node.first + 1;
+        stack[size++] = node.first;
+    }
+    return count;
+}
+
+double TriangleTree::squaredDistanceTo(double3 const& place, std::int32_t const* list, int count) const
+{
+    double best = std::numeric_limits<double>::infinity();
+    for (int n = 0; n < count; ++n) best = std::min(best, squaredDistance(triangles_[list[n]], place));
     return best;
 }
 

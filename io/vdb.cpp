@@ -40,8 +40,8 @@ openvdb::GridPtrVecPtr gridsOf(std::string const& path)
     openvdb::initialize();
     std::ifstream in(path, std::ios::binary);
     if (!in) fail(path, "there is no right to read it");
-    // The reader of grids does not look at the stream between its reads: at the end of a file that was cut off it would go on
-    // with what is in its buffers. So the stream itself ends it.
+    // The reader of grids does not look at the stream between its reads: at the end of a file that was cut off it would
+    // go on with what is in its buffers. So the stream itself ends it.
     in.exceptions(std::ios::failbit | std::ios::badbit);
     try {
         return openvdb::io::Stream(in, /*delayLoad*/ false).getGrids();
@@ -54,14 +54,15 @@ openvdb::GridPtrVecPtr gridsOf(std::string const& path)
     }
 }
 
-/// Every writing draws a random identifier for the file. In its place goes one made from the content, so that equal volumes give
-/// equal files.
+/// Every writing draws a random identifier for the file. In its place goes one made from the content, so that equal
+/// volumes give equal files.
 void setIdentifierFromContent(std::string const& path)
 {
     constexpr std::size_t kAt = 8 + 3 * 4 + 1, kLength = 36;  // behind magic number, three versions and a flag
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
     std::string content(std::filesystem::file_size(path), '\0');
-    if (!file.read(content.data(), static_cast<std::streamsize>(content.size())) || content.size() < kAt + kLength) return;
+    if (!file.read(content.data(), static_cast<std::streamsize>(content.size())) || content.size() < kAt + kLength)
+        return;
     for (const std::size_t dash : {8, 13, 18, 23})
         if (content[kAt + dash] != '-') return;
     content.replace(kAt, kLength, kLength, '0');
@@ -69,8 +70,9 @@ void setIdentifierFromContent(std::string const& path)
     for (const unsigned char byte : content)
         for (std::uint64_t& h : hash) h = (h ^ byte) * 0x100000001b3ull, h ^= h >> 29;
     char text[kLength + 1];
-    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", unsigned(hash[0] >> 32), unsigned(hash[0] >> 16 & 0xffff),
-                  unsigned(hash[0] & 0xffff), unsigned(hash[1] >> 48), static_cast<unsigned long long>(hash[1] & 0xffffffffffffull));
+    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", unsigned(hash[0] >> 32),
+                  unsigned(hash[0] >> 16 & 0xffff), unsigned(hash[0] & 0xffff), unsigned(hash[1] >> 48),
+                  static_cast<unsigned long long>(hash[1] & 0xffffffffffffull));
     file.seekp(kAt);
     file.write(text, kLength);
     file.close();
@@ -82,11 +84,13 @@ std::string propertyNameOf(openvdb::GridBase const& grid, bool isLevelSet)
 {
     if (isLevelSet) return Ostara::Geometry::sVoxelSignedDistance.str();
     const std::string name = grid.getName().empty() ? "grid" : grid.getName();
-    if (name == Ostara::Geometry::sVoxelTileTree.str() || name == Ostara::Geometry::sVoxelComp.str() ||
-        name == Ostara::Geometry::sPointComp.str())
+    if (name == Ostara::Geometry::sVoxelTileTree.str() || name == Ostara::Geometry::sVoxelComp.str()
+        || name == Ostara::Geometry::sPointComp.str())
         refuse(grid, "has a name that volumes need for themselves: rename it");
     if (name == Ostara::Geometry::sVoxelSignedDistance.str())
-        refuse(grid, "has the name of the signed distance, but is no float grid of class level set: change the class or the name");
+        refuse(grid,
+               "has the name of the signed distance, but is no float grid of class level set: change the class or the "
+               "name");
     return name;
 }
 
@@ -103,8 +107,10 @@ std::vector<std::vector<PlacedGrid>> grouped(std::vector<PlacedGrid> const& grid
             return true;
         };
         const auto found = std::find_if(groups.begin(), groups.end(), fits);
-        if (found != groups.end()) found->push_back(grid);
-        else groups.push_back({grid});
+        if (found != groups.end())
+            found->push_back(grid);
+        else
+            groups.push_back({grid});
     }
     return groups;
 }
@@ -113,7 +119,8 @@ std::string describe(std::vector<PlacedGrid> const& group)
 {
     std::string text;
     for (PlacedGrid const& grid : group) text += (text.empty() ? "'" : ", '") + grid.grid->getName() + "'";
-    return text + " (voxel size " + number(group.front().placement.voxelSize) + (group.front().placement.centre ? ", at centres)" : ")");
+    return text + " (voxel size " + number(group.front().placement.voxelSize)
+        + (group.front().placement.centre ? ", at centres)" : ")");
 }
 
 }  // namespace
@@ -138,24 +145,29 @@ GridPlacement placementOf(openvdb::GridBase const& grid)
         if (!(std::abs(t) <= kLargestShift)) refuse(grid, "lies too far from the origin for its voxel size");
         const double half = std::round(2.0 * t);
         if (std::abs(2.0 * t - half) > 2.0 * kTranslationSlack)
-            refuse(grid, "is shifted by " + number(t) + " voxels along an axis: resample it to a shift by whole voxels, or by a half "
+            refuse(grid,
+                   "is shifted by " + number(t)
+                       + " voxels along an axis: resample it to a shift by whole voxels, or by a half "
                          "voxel on all axes");
         placement.shift[axis] = static_cast<int>(std::floor(0.5 * half));
         halves += 0.5 * half != std::floor(0.5 * half);
     }
-    if (halves != 0 && halves != 3) refuse(grid, "is shifted by half a voxel on some axes only: resample it to all of them or none");
+    if (halves != 0 && halves != 3)
+        refuse(grid, "is shifted by half a voxel on some axes only: resample it to all of them or none");
     placement.centre = halves == 3;
     return placement;
 }
 
-std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options, Corvid::RuntimeServices const& services)
+std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options,
+                                 Corvid::RuntimeServices const& services)
 {
     const openvdb::GridPtrVecPtr all = gridsOf(path);
     std::vector<PlacedGrid> grids;
     for (openvdb::GridBase::Ptr const& grid : *all) {
         if (!grid) continue;
         if (!withGrid(*grid, [](auto const&) {})) {
-            services.message(Severity::kWarning, "grid '" + grid->getName() + "' is left out: nothing reads the type " + grid->type());
+            services.message(Severity::kWarning,
+                             "grid '" + grid->getName() + "' is left out: nothing reads the type " + grid->type());
             continue;
         }
         const bool isLevelSet = grid->getGridClass() == openvdb::GRID_LEVEL_SET && grid->isType<openvdb::FloatGrid>();
@@ -170,8 +182,10 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
         list += (list.empty() ? "" : "; ") + describe(group);
     }
     if (groups.size() > 1)
-        services.message(Severity::kInfo, "'" + path + "' becomes " + std::to_string(groups.size()) +
-                                              " volumes, since its grids differ in voxel size or offset, or have the same name: " + list);
+        services.message(Severity::kInfo,
+                         "'" + path + "' becomes " + std::to_string(groups.size())
+                             + " volumes, since its grids differ in voxel size or offset, or have the same name: "
+                             + list);
     return volumes;
 }
 
@@ -179,7 +193,8 @@ void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::Run
 {
     openvdb::initialize();
     const auto grids = gridsFromVolume(volume, services);
-    if (grids.empty()) throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
+    if (grids.empty())
+        throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
     AtomicFile file(path);
     try {
         openvdb::io::File out(file.workingPath());

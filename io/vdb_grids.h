@@ -14,7 +14,8 @@
 
 namespace tilegrid::io {
 
-/// How the lattice of a grid lies in tile space: voxel `index + shift` of the finest depth, sampled at its corner or its centre.
+/// How the lattice of a grid lies in tile space: voxel `index + shift` of the finest depth, sampled at its corner or
+/// its centre.
 struct GridPlacement {
     float voxelSize = 0.0f;
     bool centre = false;
@@ -50,19 +51,23 @@ template <class V> using ElementOf = typename GridValue<V>::Element;
 
 template <class V> ElementOf<V> toElement(V const& value)
 {
-    if constexpr (std::is_arithmetic_v<V>) return value;
-    else return {value[0], value[1], value[2]};
+    if constexpr (std::is_arithmetic_v<V>)
+        return value;
+    else
+        return {value[0], value[1], value[2]};
 }
 template <class V> V toGridValue(ElementOf<V> const& element)
 {
-    if constexpr (std::is_arithmetic_v<V>) return element;
-    else return V(element.x, element.y, element.z);
+    if constexpr (std::is_arithmetic_v<V>)
+        return element;
+    else
+        return V(element.x, element.y, element.z);
 }
 
 /// The grid types that properties have, as a list for folds.
 template <class... Grids> struct GridTypes {};
-using PropertyGrids = GridTypes<openvdb::FloatGrid, openvdb::DoubleGrid, openvdb::Vec3SGrid, openvdb::Vec3DGrid, openvdb::Int32Grid,
-                                openvdb::Int64Grid>;
+using PropertyGrids = GridTypes<openvdb::FloatGrid, openvdb::DoubleGrid, openvdb::Vec3SGrid, openvdb::Vec3DGrid,
+                                openvdb::Int32Grid, openvdb::Int64Grid>;
 
 /// Calls `op(grid)` with the grid as its own type; false if that is none of the list.
 template <class Op> bool withGrid(openvdb::GridBase const& grid, Op const& op)
@@ -72,10 +77,13 @@ template <class Op> bool withGrid(openvdb::GridBase const& grid, Op const& op)
         op(static_cast<G const&>(grid));
         return true;
     };
-    return [&]<class... Gs>(GridTypes<Gs...>) { return (attempt(static_cast<Gs const*>(nullptr)) || ...); }(PropertyGrids());
+    return [&]<class... Gs>(GridTypes<Gs...>) {
+        return (attempt(static_cast<Gs const*>(nullptr)) || ...);
+    }(PropertyGrids());
 }
 
-/// A grid that is being filled, behind plain calls: the code of grids is slow to compile, so there is one copy per element type.
+/// A grid that is being filled, behind plain calls: the code of grids is slow to compile, so there is one copy per
+/// element type.
 template <class T> class GridSink {
 public:
     virtual ~GridSink() = default;
@@ -88,8 +96,10 @@ public:
     virtual openvdb::FloatGrid::Ptr levelSet() = 0;
 };
 template <class T>
-inline constexpr bool hasGridType = std::is_same_v<T, float> || std::is_same_v<T, double> || std::is_same_v<T, Ostara::Math::float3> ||
-                                    std::is_same_v<T, Ostara::Math::double3> || std::is_same_v<T, int> || std::is_same_v<T, OST::int64>;
+inline constexpr bool hasGridType =
+    std::is_same_v<
+        T,
+        float> || std::is_same_v<T, double> || std::is_same_v<T, Ostara::Math::float3> || std::is_same_v<T, Ostara::Math::double3> || std::is_same_v<T, int> || std::is_same_v<T, OST::int64>;
 /// For those types.
 template <class T> std::unique_ptr<GridSink<T>> makeGridSink(T const& background);
 
@@ -107,7 +117,8 @@ Corvid::Ptr<Ostara::Object> volumeFromGrids(std::vector<PlacedGrid> const& grids
                                             Corvid::RuntimeServices const& services);
 
 /// All properties that have a grid type, flattened, in the order of their names.
-std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume, Corvid::RuntimeServices const& services);
+std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
+                                                    Corvid::RuntimeServices const& services);
 /// The signed distance alone. \throws InputError if there is none
 openvdb::FloatGrid::Ptr levelSetGrid(Ostara::Object const& volume);
 

@@ -35,7 +35,8 @@ public:
         const OST::int64 width = Tr::tileVoxelWidth(depth);
         int3 corner;
         for (int axis = 0; axis < 3; ++axis)
-            corner[axis] = static_cast<std::int32_t>(Tr::rangeMin + (OST::int64(place[axis]) - Tr::rangeMin) / width * width);
+            corner[axis] =
+                static_cast<std::int32_t>(Tr::rangeMin + (OST::int64(place[axis]) - Tr::rangeMin) / width * width);
         return corner;
     }
     /// Adds the tiles for a box of one value: the largest that lie inside, and finest ones along its faces.
@@ -68,8 +69,9 @@ private:
         waiting_ = std::max(waiting_, 2 * tiles_.size());
         const double bytes = static_cast<double>(tiles_.size()) * bytesPerTile_;
         if (maxBytes_ > 0 && bytes > double(maxBytes_))
-            throw InputError("the grids would take more than " + byteText(bytes) + " as a volume, and the limit is " +
-                             byteText(double(maxBytes_)) + ": raise the limit, or make the constant regions of the grids smaller");
+            throw InputError("the grids would take more than " + byteText(bytes) + " as a volume, and the limit is "
+                             + byteText(double(maxBytes_))
+                             + ": raise the limit, or make the constant regions of the grids smaller");
     }
 
     std::vector<VoxelCoord> tiles_;
@@ -93,12 +95,14 @@ template <class Tr> void checkRange(PlacedGrid const& placed)
     }
 }
 
-/// Tiles that hold an active voxel. Constant active regions count for other grids than level sets: in those they hold no distance.
+/// Tiles that hold an active voxel. Constant active regions count for other grids than level sets: in those they hold
+/// no distance.
 template <class Tr, class G> void collectTiles(G const& grid, PlacedGrid const& placed, TileCollector<Tr>& tiles)
 {
     for (auto leaf = grid.tree().cbeginLeaf(); leaf; ++leaf)
         for (auto voxel = leaf->cbeginValueOn(); voxel; ++voxel)
-            tiles.add(TileCollector<Tr>::cornerAt(tileSpace(voxel.getCoord(), placed.placement), Tr::maxDepth), Tr::maxDepth);
+            tiles.add(TileCollector<Tr>::cornerAt(tileSpace(voxel.getCoord(), placed.placement), Tr::maxDepth),
+                      Tr::maxDepth);
     if (placed.isLevelSet) return;
     auto region = grid.tree().cbeginValueOn();
     region.setMaxDepth(decltype(region)::LEAF_DEPTH - 1);
@@ -109,8 +113,8 @@ template <class Tr, class G> void collectTiles(G const& grid, PlacedGrid const& 
     }
 }
 
-/// Signed distances at places of tile space: the grid's own values at its active voxels, else the distance to its surface with
-/// the sign that the grid has there.
+/// Signed distances at places of tile space: the grid's own values at its active voxels, else the distance to its
+/// surface with the sign that the grid has there.
 class LevelSetSource {
 public:
     LevelSetSource(openvdb::FloatGrid const& grid, GridPlacement const& placement) : grid_(grid), placement_(placement)
@@ -132,7 +136,8 @@ public:
         for (int k = 0; k < n; ++k)
             for (int j = 0; j < n; ++j)
                 for (int i = 0; i < n; ++i)
-                    *values++ = value(accessor, {first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
+                    *values++ =
+                        value(accessor, {first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
     }
 
 private:
@@ -179,11 +184,14 @@ template <class Tr, class Work> void forTiles(Container<Tr> const& tree, int dep
 }
 
 template <class Tr>
-void addLevelSet(OST::Object& native, PlacedGrid const& placed, openvdb::FloatGrid const& grid, Corvid::RuntimeServices const& services)
+void addLevelSet(OST::Object& native, PlacedGrid const& placed, openvdb::FloatGrid const& grid,
+                 Corvid::RuntimeServices const& services)
 {
     const LevelSetSource source(grid, placed.placement);
     if (!source.hasSurface())
-        services.message(Severity::kWarning, "grid '" + grid.getName() + "' has no surface: outside its active voxels it gets its background");
+        services.message(Severity::kWarning,
+                         "grid '" + grid.getName()
+                             + "' has no surface: outside its active voxels it gets its background");
     const double half = placed.placement.centre ? 0.5 : 0.0;
     addChannel<Tr>(native, placed.property, std::abs(grid.background()), [&](Container<Tr> const& tree, auto& channel) {
         for (int depth = 0; depth <= Tr::maxDepth; ++depth)
@@ -213,35 +221,39 @@ template <class Tr, class T, class Data> T meanOfChildren(Data const& child, int
     return mean;
 }
 
-/// Every voxel gets the grid's value at its place. Where samples lie at centres, a voxel with children gets their mean instead.
+/// Every voxel gets the grid's value at its place. Where samples lie at centres, a voxel with children gets their mean
+/// instead.
 template <class Tr, class G> void addProperty(OST::Object& native, PlacedGrid const& placed, G const& grid)
 {
     using T = ElementOf<typename G::ValueType>;
     const bool centre = placed.placement.centre;
     const openvdb::Coord shift = placed.placement.shift;
-    addChannel<Tr>(native, placed.property, toElement(grid.background()), [&](Container<Tr> const& tree, auto& channel) {
-        for (int depth = Tr::maxDepth; depth >= 0; --depth)
-            forTiles(tree, depth, [&](OST::int64 begin, OST::int64 end) {
-                const auto accessor = grid.getConstAccessor();
-                const int width = Tr::voxelDataWidth(depth), middle = centre ? width / 2 : 0;
-                for (OST::int64 n = begin; n < end; ++n) {
-                    auto const& tile = tree.tile(n, depth);
-                    const auto values = channel.tileData(n, depth);
-                    for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                        const int3 ijk = cubeIndex(Tr::width, flat), cell = tile.voxelChildIJK(ijk.x, ijk.y, ijk.z);
-                        const int3 at = tile.tijk() + width * ijk + int3(middle);
-                        if (centre && !tile.isLeaf(cell))
-                            values(flat) = meanOfChildren<Tr, T>(channel.tileData(tile.childTreeIndex(cell)), tile.childDataIJK(ijk.x, ijk.y, ijk.z));
-                        else
-                            values(flat) = toElement(accessor.getValue(openvdb::Coord(at.x, at.y, at.z) - shift));
+    addChannel<Tr>(
+        native, placed.property, toElement(grid.background()), [&](Container<Tr> const& tree, auto& channel) {
+            for (int depth = Tr::maxDepth; depth >= 0; --depth)
+                forTiles(tree, depth, [&](OST::int64 begin, OST::int64 end) {
+                    const auto accessor = grid.getConstAccessor();
+                    const int width = Tr::voxelDataWidth(depth), middle = centre ? width / 2 : 0;
+                    for (OST::int64 n = begin; n < end; ++n) {
+                        auto const& tile = tree.tile(n, depth);
+                        const auto values = channel.tileData(n, depth);
+                        for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+                            const int3 ijk = cubeIndex(Tr::width, flat), cell = tile.voxelChildIJK(ijk.x, ijk.y, ijk.z);
+                            const int3 at = tile.tijk() + width * ijk + int3(middle);
+                            if (centre && !tile.isLeaf(cell))
+                                values(flat) = meanOfChildren<Tr, T>(channel.tileData(tile.childTreeIndex(cell)),
+                                                                     tile.childDataIJK(ijk.x, ijk.y, ijk.z));
+                            else
+                                values(flat) = toElement(accessor.getValue(openvdb::Coord(at.x, at.y, at.z) - shift));
+                        }
                     }
-                }
-            });
-    });
+                });
+        });
 }
 
 template <class Tr>
-Corvid::Ptr<Ostara::Object> volumeOf(std::vector<PlacedGrid> const& grids, VdbOptions const& options, Corvid::RuntimeServices const& services)
+Corvid::Ptr<Ostara::Object> volumeOf(std::vector<PlacedGrid> const& grids, VdbOptions const& options,
+                                     Corvid::RuntimeServices const& services)
 {
     // Tile record and child table; the ancestors of a layer of tiles add up to less than a half of it.
     double bytesPerTile = 48.0 + sizeof(OST::int64) * Tr::childCount / 4.0;

@@ -11,7 +11,8 @@ template <class G> class Sink final : public GridSink<ElementOf<typename G::Valu
     using T = ElementOf<V>;
 
 public:
-    explicit Sink(T const& background) : grid_(G::create(toGridValue<V>(background))), accessor_(grid_->getAccessor()) {}
+    explicit Sink(T const& background) : grid_(G::create(toGridValue<V>(background))), accessor_(grid_->getAccessor())
+    {}
 
     void setCube(openvdb::Coord const& low, int n, T const* values) override
     {

@@ -46,7 +46,8 @@ IndexSurface surfaceInIndexSpace(openvdb::FloatGrid const& grid)
     openvdb::tools::volumeToMesh(*local, points, triangles, quads, /*isovalue*/ 0.0, /*adaptivity*/ 0.0);
 
     const openvdb::Vec3d origin = box.min().asVec3d();
-    for (openvdb::Vec3s const& p : points) surface.vertices.emplace_back(p[0] + origin[0], p[1] + origin[1], p[2] + origin[2]);
+    for (openvdb::Vec3s const& p : points)
+        surface.vertices.emplace_back(p[0] + origin[0], p[1] + origin[1], p[2] + origin[2]);
     // The mesher's faces look inward: their reverse looks outward.
     for (openvdb::Vec3I const& t : triangles) surface.triangles.push_back({int(t[2]), int(t[1]), int(t[0])});
     for (openvdb::Vec4I const& q : quads) appendQuad(surface, points, {q[3], q[2], q[1], q[0]});

@@ -13,21 +13,26 @@ using namespace OST::TileTree3D;
 
 namespace {
 
-/// A constant coarse voxel wider than this, in voxels of the flattened grid, is left out: a grid has no nodes that are wider.
+/// A constant coarse voxel wider than this, in voxels of the flattened grid, is left out: a grid has no nodes that are
+/// wider.
 constexpr int kWidestVoxel = 4096;
 
 /// The lattice of the deepest depth in use: where its samples lie in the grid that is written.
 template <class Tr> struct FlatLattice {
     int depth, width;
 
-    explicit FlatLattice(Container<Tr> const& tree) : depth(tree.deepestDepth()), width(Tr::voxelDataWidth(std::max(depth, 0))) {}
+    explicit FlatLattice(Container<Tr> const& tree)
+        : depth(tree.deepestDepth()), width(Tr::voxelDataWidth(std::max(depth, 0)))
+    {}
 
-    /// Index of the voxel with that low corner. Tiles of every depth lie on multiples of its width from the low end of tile space.
+    /// Index of the voxel with that low corner. Tiles of every depth lie on multiples of its width from the low end of
+    /// tile space.
     openvdb::Coord index(int3 const& corner) const { return {along(corner.x), along(corner.y), along(corner.z)}; }
     /// The low corner of a voxel in tile space.
     double3 corner(openvdb::Coord const& index) const
     {
-        return {origin() + double(index.x()) * width, origin() + double(index.y()) * width, origin() + double(index.z()) * width};
+        return {origin() + double(index.x()) * width, origin() + double(index.y()) * width,
+                origin() + double(index.z()) * width};
     }
     /// Uniform scale, and the shift of sample 0.
     openvdb::math::Transform::Ptr transform(float voxelSize, VoxelOffsetType offset) const
@@ -35,7 +40,8 @@ template <class Tr> struct FlatLattice {
         const double h = voxelSize;
         auto transform = openvdb::math::Transform::createLinearTransform(width * h);
         const float3 shift = voxelOffset(offset);
-        transform->postTranslate(h * openvdb::Vec3d(origin() + shift.x * width, origin() + shift.y * width, origin() + shift.z * width));
+        transform->postTranslate(
+            h * openvdb::Vec3d(origin() + shift.x * width, origin() + shift.y * width, origin() + shift.z * width));
         return transform;
     }
 
@@ -46,8 +52,8 @@ private:
     double origin() const { return double(Tr::rangeMin) - double(lowIndex()) * width; }
 };
 
-/// Copies the W^3 values of a tile, i fastest, out of a channel of any layout; false if it has none there. It stands between
-/// channels and grids so that code for grids is made once per element type.
+/// Copies the W^3 values of a tile, i fastest, out of a channel of any layout; false if it has none there. It stands
+/// between channels and grids so that code for grids is made once per element type.
 template <class T> using FetchTile = parallel::FunctionRef<bool(TreeIndex const&, T*)>;
 
 template <class Tr, class C> auto fetchFrom(C const& channel)
@@ -60,7 +66,8 @@ template <class Tr, class C> auto fetchFrom(C const& channel)
 }
 
 /// Writes the voxels of the deepest tiles, all active.
-template <class Tr, class T> void fillDeepest(Container<Tr> const& tree, FetchTile<T> fetch, FlatLattice<Tr> const& lattice, GridSink<T>& sink)
+template <class Tr, class T>
+void fillDeepest(Container<Tr> const& tree, FetchTile<T> fetch, FlatLattice<Tr> const& lattice, GridSink<T>& sink)
 {
     std::array<T, Tr::voxelCount> values;
     for (OST::int64 n = 0; n < tree.tileCount(lattice.depth); ++n)
@@ -81,9 +88,11 @@ template <class Tr, class Visit> void forEachCoarseLeafVoxel(Container<Tr> const
         }
 }
 
-/// Coarser leaf voxels that differ from the default become active boxes of their value. \return how many were too wide for that
+/// Coarser leaf voxels that differ from the default become active boxes of their value. \return how many were too wide
+/// for that
 template <class Tr, class T>
-OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& background, FlatLattice<Tr> const& lattice, GridSink<T>& sink)
+OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& background,
+                      FlatLattice<Tr> const& lattice, GridSink<T>& sink)
 {
     OST::int64 tooWide = 0;
     std::array<T, Tr::voxelCount> values;
@@ -103,9 +112,11 @@ OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& ba
 }
 
 /// A grid of the channel's element type, or null if none has it.
+/// \param bandOnly  only the deepest tiles: beside a level set the coarse tiles reach through all of tile space, and a
+///        reader would get that space back as tiles
 template <class Tr, class C>
-openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, FlatLattice<Tr> const& lattice, std::string const& name,
-                                 Corvid::RuntimeServices const& services)
+openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, FlatLattice<Tr> const& lattice,
+                                 std::string const& name, bool bandOnly, Corvid::RuntimeServices const& services)
 {
     using T = typename C::Element;
     if constexpr (!hasGridType<T>) {
@@ -113,10 +124,13 @@ openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, Fl
     } else {
         const auto sink = makeGridSink<T>(channel.defaultValue());
         const auto fetch = fetchFrom<Tr>(channel);
-        if (const OST::int64 tooWide = fillCoarse<Tr, T>(tree, fetch, channel.defaultValue(), lattice, *sink); tooWide > 0)
-            services.message(Severity::kWarning, "property '" + name + "': " + std::to_string(tooWide) +
-                                                     " coarse voxels are left out, they are wider than " +
-                                                     std::to_string(kWidestVoxel) + " voxels of the file");
+        const OST::int64 tooWide =
+            bandOnly ? 0 : fillCoarse<Tr, T>(tree, fetch, channel.defaultValue(), lattice, *sink);
+        if (tooWide > 0)
+            services.message(Severity::kWarning,
+                             "property '" + name + "': " + std::to_string(tooWide)
+                                 + " coarse voxels are left out, they are wider than " + std::to_string(kWidestVoxel)
+                                 + " voxels of the file");
         fillDeepest<Tr, T>(tree, fetch, lattice, *sink);
         return sink->grid();
     }
@@ -126,10 +140,12 @@ openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, Fl
 class CoarseCell {
 public:
     /// \param low  index of the cell's corner 0
-    CoarseCell(openvdb::Coord const& low, int width, std::array<double, 8> const& corners) : low_(low), width_(width), corners_(corners) {}
+    CoarseCell(openvdb::Coord const& low, int width, std::array<double, 8> const& corners)
+        : low_(low), width_(width), corners_(corners)
+    {}
 
-    /// Sets the samples of those fine cells that the surface passes through. A trilinear function lies between the values at the
-    /// corners of any box, so boxes of one sign are passed over.
+    /// Sets the samples of those fine cells that the surface passes through. A trilinear function lies between the
+    /// values at the corners of any box, so boxes of one sign are passed over.
     void resample(GridSink<float>& sink) const { resample(sink, {0, 0, 0}, {width_, width_, width_}); }
 
 private:
@@ -150,7 +166,10 @@ private:
     {
         bool below = false, above = false;
         for (int corner = 0; corner < 8; ++corner)
-            (value({corner & 1 ? to.x() : from.x(), corner & 2 ? to.y() : from.y(), corner & 4 ? to.z() : from.z()}) < 0.0 ? below : above) = true;
+            (value({corner & 1 ? to.x() : from.x(), corner & 2 ? to.y() : from.y(), corner & 4 ? to.z() : from.z()})
+                     < 0.0
+                 ? below
+                 : above) = true;
         if (!below || !above) return;
         const openvdb::Coord size = to - from;
         if (size == openvdb::Coord(1)) {
@@ -162,7 +181,8 @@ private:
             return;
         }
         // Halves per axis; an axis of one cell is not divided.
-        const openvdb::Coord middle(from.x() + (size.x() + 1) / 2, from.y() + (size.y() + 1) / 2, from.z() + (size.z() + 1) / 2);
+        const openvdb::Coord middle(from.x() + (size.x() + 1) / 2, from.y() + (size.y() + 1) / 2,
+                                    from.z() + (size.z() + 1) / 2);
         for (int part = 0; part < 8; ++part) {
             openvdb::Coord a = from, b = to;
             for (int axis = 0; axis < 3; ++axis) (part >> axis & 1 ? a : b)[axis] = middle[axis];
@@ -175,10 +195,11 @@ private:
     std::array<double, 8> corners_;
 };
 
-/// All voxels of the deepest tiles are active, so that a reader finds the same tiles again. Coarser leaf cells count where
-/// the surface passes through them; elsewhere inside and outside are told by the sign of the background.
+/// All voxels of the deepest tiles are active, so that a reader finds the same tiles again. Coarser leaf cells count
+/// where the surface passes through them; elsewhere inside and outside are told by the sign of the background.
 template <class Tr, class C>
-openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset, FlatLattice<Tr> const& lattice)
+openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
+                                          FlatLattice<Tr> const& lattice)
 {
     const float band = std::abs(channel.defaultValue());
     const auto sink = makeGridSink<float>(band > 0.0f ? band : 3.0f * tree.voxelSize());
@@ -187,12 +208,14 @@ openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& ch
         std::array<double, 8> corners;
         int inside = 0;
         for (int corner = 0; corner < 8; ++corner) {
-            corners[corner] = reader.sample(tile, {ijk.x + (corner & 1), ijk.y + (corner >> 1 & 1), ijk.z + (corner >> 2)});
+            corners[corner] =
+                reader.sample(tile, {ijk.x + (corner & 1), ijk.y + (corner >> 1 & 1), ijk.z + (corner >> 2)});
             inside += corners[corner] < 0.0;
         }
         if (inside == 0 || inside == 8) return;
         const int width = tile.voxelDataWidth() / lattice.width;
-        // Samples at centres lie half a coarse voxel up, which for an even width is between two fine ones: rounded down.
+        // Samples at centres lie half a coarse voxel up, which for an even width is between two fine ones: rounded
+        // down.
         const int shift = offset == kCorner ? 0 : (width - 1) / 2;
         const openvdb::Coord low = lattice.index(tile.tijk() + tile.voxelDataWidth() * ijk).offsetBy(shift);
         CoarseCell(low, width, corners).resample(*sink);
@@ -202,14 +225,17 @@ openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& ch
 }
 
 template <class Tr>
-openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology)
+openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> const& tree,
+                                   VoxelTopology<Tr> const& topology)
 {
     openvdb::FloatGrid::Ptr grid;
     const FlatLattice<Tr> lattice(tree);
     const auto flatten = [&]<class C>() {
-        grid = flattenedLevelSet(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance), topology.offsetType(), lattice);
+        grid = flattenedLevelSet(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance),
+                                 topology.offsetType(), lattice);
     };
-    if (tree.deepestDepth() < 0 || !tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, flatten)) return {};
+    if (tree.deepestDepth() < 0 || !tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, flatten))
+        return {};
     grid->setTransform(lattice.transform(tree.voxelSize(), topology.offsetType()));
     grid->setName(Ostara::Geometry::sVoxelSignedDistance.str());
     return grid;
@@ -219,36 +245,43 @@ openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> cons
 
 openvdb::FloatGrid::Ptr levelSetGrid(Ostara::Object const& volume)
 {
-    return withTree(volume, []<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-        auto grid = levelSetOf(native, tree, topology);
-        if (!grid) throw InputError("the volume has no signed distance (a float property '" + Ostara::Geometry::sVoxelSignedDistance.str() + "')");
-        return grid;
-    });
+    return withTree(
+        volume, []<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
+            auto grid = levelSetOf(native, tree, topology);
+            if (!grid)
+                throw InputError("the volume has no signed distance (a float property '"
+                                 + Ostara::Geometry::sVoxelSignedDistance.str() + "')");
+            return grid;
+        });
 }
 
-std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume, Corvid::RuntimeServices const& services)
+std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
+                                                    Corvid::RuntimeServices const& services)
 {
-    return withTree(volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-        std::vector<openvdb::GridBase::Ptr> grids;
-        if (tree.deepestDepth() < 0) return grids;
-        const FlatLattice<Tr> lattice(tree);
-        if (auto levelSet = levelSetOf(native, tree, topology)) grids.push_back(levelSet);
-        for (std::string const& name : propertyNames<Tr>(native)) {
-            if (!grids.empty() && grids.front()->getName() == name) continue;
-            openvdb::GridBase::Ptr grid;
-            tryElements<Tr>(native, Corvid::String(name), [&]<class C>() {
-                grid = plainGrid<Tr>(tree, *native.component<C>(Corvid::String(name)), lattice, name, services);
-            });
-            if (!grid) {
-                services.message(Severity::kWarning, "property '" + name + "' is left out: its type has no grid");
-                continue;
+    return withTree(
+        volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
+            std::vector<openvdb::GridBase::Ptr> grids;
+            if (tree.deepestDepth() < 0) return grids;
+            const FlatLattice<Tr> lattice(tree);
+            if (auto levelSet = levelSetOf(native, tree, topology)) grids.push_back(levelSet);
+            const bool bandOnly = !grids.empty();
+            for (std::string const& name : propertyNames<Tr>(native)) {
+                if (!grids.empty() && grids.front()->getName() == name) continue;
+                openvdb::GridBase::Ptr grid;
+                tryElements<Tr>(native, Corvid::String(name), [&]<class C>() {
+                    grid = plainGrid<Tr>(tree, *native.component<C>(Corvid::String(name)), lattice, name, bandOnly,
+                                         services);
+                });
+                if (!grid) {
+                    services.message(Severity::kWarning, "property '" + name + "' is left out: its type has no grid");
+                    continue;
+                }
+                grid->setName(name);
+                grid->setTransform(lattice.transform(tree.voxelSize(), topology.offsetType()));
+                grids.push_back(grid);
             }
-            grid->setName(name);
-            grid->setTransform(lattice.transform(tree.voxelSize(), topology.offsetType()));
-            grids.push_back(grid);
-        }
-        return grids;
-    });
+            return grids;
+        });
 }
 
 }  // namespace tilegrid::io

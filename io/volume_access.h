@@ -12,7 +12,8 @@
 
 namespace tilegrid::io {
 
-/// Calls `op.template operator()<Tr>(native, tree, topology)` for the structure of the volume, and returns what it returns.
+/// Calls `op.template operator()<Tr>(native, tree, topology)` for the structure of the volume, and returns what it
+/// returns.
 /// \throws InputError for an object without a tile tree
 template <class Op> auto withTree(Ostara::Object const& volume, Op&& op)
 {
@@ -48,7 +49,8 @@ template <class T> double magnitude(T const& value)
     return std::sqrt(sum);
 }
 
-/// The finest voxel's cell that holds a place of tile space. False, and nothing written, for NaN and places outside tile space.
+/// The finest voxel's cell that holds a place of tile space. False, and nothing written, for NaN and places outside
+/// tile space.
 template <class Tr> bool cellOf(Ostara::Math::double3 const& place, Ostara::Math::int3& cell)
 {
     Ostara::Math::int3 result;
@@ -68,13 +70,15 @@ public:
     using int3 = Ostara::Math::int3;
 
     VolumeReader(OST::TileTree3D::Container<Tr> const& tree, C const& channel, OST::TileTree3D::VoxelOffsetType offset)
-        : accessor_(tree), channel_(&channel), offset_(OST::TileTree3D::voxelOffset(offset)), outside_(magnitude(channel.defaultValue()))
-    {
-    }
+        : accessor_(tree),
+          channel_(&channel),
+          offset_(OST::TileTree3D::voxelOffset(offset)),
+          outside_(magnitude(channel.defaultValue()))
+    {}
 
-    /// Trilinear between the samples of the finest tile not deeper than `depth` that contains the place. A sample outside that
-    /// tile is read from its neighbour, or between the samples of a coarser one where there is no neighbour of that depth. At a
-    /// sample it is the sample's value. Outside every tile it is the default value.
+    /// Trilinear between the samples of the finest tile not deeper than `depth` that contains the place. A sample
+    /// outside that tile is read from its neighbour, or between the samples of a coarser one where there is no
+    /// neighbour of that depth. At a sample it is the sample's value. Outside every tile it is the default value.
     double at(double3 const& place, int depth) const
     {
         int3 cell;
@@ -94,8 +98,8 @@ public:
         double sum = 0.0;
         for (int corner = 0; corner < 8; ++corner) {
             const int3 ijk{base.x + (corner & 1), base.y + (corner >> 1 & 1), base.z + (corner >> 2)};
-            const double weight = (corner & 1 ? part.x : 1.0 - part.x) * (corner & 2 ? part.y : 1.0 - part.y) *
-                                  (corner & 4 ? part.z : 1.0 - part.z);
+            const double weight = (corner & 1 ? part.x : 1.0 - part.x) * (corner & 2 ? part.y : 1.0 - part.y)
+                * (corner & 4 ? part.z : 1.0 - part.z);
             if (weight > 0.0) sum += weight * sample(tile, ijk);
         }
         return sum;
@@ -110,7 +114,8 @@ public:
             return values ? magnitude(values(ijk)) : outside_;
         }
         const double width = tile.voxelDataWidth();
-        // The sample's own place. It lies on the lattice of this depth, so the search ends there or goes on in coarser tiles only.
+        // The sample's own place. It lies on the lattice of this depth, so the search ends there or goes on in coarser
+        // tiles only.
         double3 place;
         for (int axis = 0; axis < 3; ++axis) place[axis] = tile.tijk()[axis] + (ijk[axis] + offset_[axis]) * width;
         return at(place, tile.depth());

@@ -8,7 +8,8 @@
 
 namespace tilegrid::io {
 
-/// A new native volume with the given tiles and all their ancestors: tree and topology, no channel. Tiles lie in Morton order.
+/// A new native volume with the given tiles and all their ancestors: tree and topology, no channel. Tiles lie in Morton
+/// order.
 template <class Tr>
 Corvid::MutablePtr<OST::Object> makeVolume(std::vector<OST::TileTree3D::VoxelCoord> const& tiles, float voxelSize,
                                            OST::TileTree3D::VoxelOffsetType offset)

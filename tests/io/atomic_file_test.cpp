@@ -34,7 +34,8 @@ TEST(AtomicFile, leaves_the_old_content_and_nothing_else_after_a_failure)
                                      throw std::runtime_error("stop");
                                  }),
                  std::runtime_error);
-    EXPECT_THROW(writeAtomically(folder.file("a"), [](std::ostream& out) { out.setstate(std::ios::badbit); }), InputError);
+    EXPECT_THROW(writeAtomically(folder.file("a"), [](std::ostream& out) { out.setstate(std::ios::badbit); }),
+                 InputError);
     EXPECT_EQ(folder.read("a"), "old");
     EXPECT_EQ(folder.fileCount(), 1u);
 }

@@ -31,7 +31,8 @@ TYPED_TEST(VolumeDescription, measures_the_bunny_within_three_thousandths_of_its
     const VolumeInfo info = describeVolume(*levelSetOf<TypeParam>(bunny, 0.0387f));  // 256 voxels across
     ASSERT_TRUE(info.levelSet);
     EXPECT_NEAR(info.levelSet->volume / io::enclosedVolume(bunny), 1.0, 0.003);
-    // Every fold of the mesh is cut across by cells half a voxel from it on the mean; its folds lie about ten voxels apart.
+    // Every fold of the mesh is cut across by cells half a voxel from it on the mean; its folds lie about ten voxels
+    // apart.
     EXPECT_NEAR(info.levelSet->area / io::surfaceArea(bunny), 1.0, 0.01);
 }
 
@@ -42,7 +43,8 @@ TYPED_TEST(VolumeDescription, comes_closer_to_a_sphere_with_the_square_of_the_vo
     double lastVolume = 1.0, lastArea = 1.0;
     for (float h : {0.2f, 0.1f, 0.05f}) {
         const auto info = describeVolume(*levelSetOf<TypeParam>(sphere, h));
-        const double volumeError = std::abs(info.levelSet->volume / volume - 1.0), areaError = std::abs(info.levelSet->area / area - 1.0);
+        const double volumeError = std::abs(info.levelSet->volume / volume - 1.0),
+                     areaError = std::abs(info.levelSet->area / area - 1.0);
         // Linear pieces on a sphere of curvature k leave k^2 h^2 at most, times a constant below one.
         EXPECT_LT(volumeError, h * h);
         EXPECT_LT(areaError, h * h);
@@ -71,7 +73,8 @@ TYPED_TEST(VolumeDescription, counts_tiles_and_leaf_voxels_by_depth)
         EXPECT_EQ(info.tilesByDepth[depth], tree->tileCount(depth));
         // Each child takes the voxels of its cell out of its parent.
         const OST::int64 children = depth < Tr::maxDepth ? tree->tileCount(depth + 1) : 0;
-        EXPECT_EQ(info.leafVoxelsByDepth[depth], tree->tileCount(depth) * Tr::voxelCount - children * Tr::voxelCount / Tr::childCount);
+        EXPECT_EQ(info.leafVoxelsByDepth[depth],
+                  tree->tileCount(depth) * Tr::voxelCount - children * Tr::voxelCount / Tr::childCount);
     }
 }
 
@@ -84,7 +87,8 @@ TYPED_TEST(VolumeDescription, tells_type_default_and_range_of_each_property)
         channel.tileData(0, Tr::maxDepth)(0) = {-1.5f, 7, std::numeric_limits<float>::quiet_NaN()};
         channel.tileData(0, 0)(0) = {100, 100, 100};
     });
-    io::addChannel<Tr>(*native, "count", short(5), [](auto const&, auto& channel) { channel.tileData(0, Tr::maxDepth)(3) = -4; });
+    io::addChannel<Tr>(*native, "count", short(5),
+                       [](auto const&, auto& channel) { channel.tileData(0, Tr::maxDepth)(3) = -4; });
     const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     const VolumeInfo info = describeVolume(*volume);
     ASSERT_EQ(info.properties.size(), 2u);
@@ -99,7 +103,8 @@ TYPED_TEST(VolumeDescription, tells_type_default_and_range_of_each_property)
     EXPECT_EQ(info.properties[1].min, "[-1.5, 2, 3]");
     EXPECT_EQ(info.properties[1].max, "[100, 100, 100]");  // the first voxel of the root is a leaf
     EXPECT_FALSE(info.levelSet);
-    EXPECT_TRUE(contains(toText(info), "property    speed (float3), default [1, 2, 3], from [-1.5, 2, 3] to [100, 100, 100]"));
+    EXPECT_TRUE(
+        contains(toText(info), "property    speed (float3), default [1, 2, 3], from [-1.5, 2, 3] to [100, 100, 100]"));
 }
 
 TYPED_TEST(VolumeDescription, is_the_same_on_any_number_of_threads)
@@ -119,9 +124,11 @@ TEST(VolumeDescriptionText, has_the_keys_of_the_json_form_in_order)
     const auto volume = levelSetOf<BinaryTraits>(boxMesh({0, 0, 0}, {1, 1, 1}), 0.1f);
     const std::string json = toJson(describeVolume(*volume));
     std::size_t at = 0;
-    for (char const* key : {"\"structure\": \"binary\"", "\"voxel_size\": 0.1", "\"tiles_by_depth\": [", "\"leaf_voxels_by_depth\": [", "\"bytes\": ",
-                            "\"properties\": [", "\"name\": \"voxel_signed_distance\"", "\"type\": \"float\"", "\"default\": 0.3", "\"min\": ", "\"max\": ",
-                            "\"level_set\": {", "\"bounds_min\": [", "\"bounds_max\": [", "\"volume\": ", "\"area\": "}) {
+    for (char const* key :
+         {"\"structure\": \"binary\"", "\"voxel_size\": 0.1", "\"tiles_by_depth\": [", "\"leaf_voxels_by_depth\": [",
+          "\"bytes\": ", "\"properties\": [", "\"name\": \"voxel_signed_distance\"", "\"type\": \"float\"",
+          "\"default\": 0.3", "\"min\": ", "\"max\": ", "\"level_set\": {", "\"bounds_min\": [", "\"bounds_max\": [",
+          "\"volume\": ", "\"area\": "}) {
         const std::size_t found = json.find(key, at);
         ASSERT_NE(found, std::string::npos) << key << " is missing after byte " << at << " of\n" << json;
         at = found;
@@ -141,7 +148,8 @@ TEST(SurfaceMeasure, is_exact_for_a_plane_through_a_cell)
         std::array<double, 8> values;
         for (int n = 0; n < 8; ++n) values[n] = (n & 1) + (n >> 1 & 1) + (n >> 2) - s;
         const io::SurfaceMeasure measure = io::measureCell({0, 0, 0}, 1.0, values);
-        // Only the plane counts for the volume; the faces of the cube through the origin add nothing to the divergence sum.
+        // Only the plane counts for the volume; the faces of the cube through the origin add nothing to the divergence
+        // sum.
         EXPECT_NEAR(measure.volume, s * s * s / 6.0, 1e-15);
         EXPECT_NEAR(measure.area, std::numbers::sqrt3 * s * s / 2.0, 1e-15);
         for (double& v : values) v = -v;  // the other side

@@ -26,14 +26,17 @@ template <class Tr, class Tile> BruteSurface::Vec placeOf(Tile const& tile, int3
 {
     BruteSurface::Vec place;
     for (int axis = 0; axis < 3; ++axis)
-        place[axis] = (static_cast<long double>(tile.tijk()[axis]) + ijk[axis] * Tr::voxelDataWidth(tile.depth())) * voxelSize;
+        place[axis] =
+            (static_cast<long double>(tile.tijk()[axis]) + ijk[axis] * Tr::voxelDataWidth(tile.depth())) * voxelSize;
     return place;
 }
 
-/// The contract is half a voxel of the depth. Distances are exact up to the arithmetic: a float result (2^-24 of it), and places in
-/// double, whose rounding (2^-53) is relative to the coordinates; 2^-45 leaves room for the sums of a triangle's dozen products.
+/// The contract is half a voxel of the depth. Distances are exact up to the arithmetic: a float result (2^-24 of it),
+/// and places in double, whose rounding (2^-53) is relative to the coordinates; 2^-45 leaves room for the sums of a
+/// triangle's dozen products.
 template <class Tr>
-void expectTrueDistances(Ostara::Object const& volume, BruteSurface const& surface, int samplesPerDepth, std::uint64_t seed)
+void expectTrueDistances(Ostara::Object const& volume, BruteSurface const& surface, int samplesPerDepth,
+                         std::uint64_t seed)
 {
     const auto tree = treeOf<Tr>(volume);
     const auto values = channelOf<Tr>(volume);
@@ -45,7 +48,8 @@ void expectTrueDistances(Ostara::Object const& volume, BruteSurface const& surfa
             const auto place = placeOf<Tr>(tile, ijk, tree->voxelSize());
             const long double wanted = surface.signedDistance(place);
             const long double coordinates = std::abs(place[0]) + std::abs(place[1]) + std::abs(place[2]) + 100.0L;
-            ASSERT_NEAR(values->tileData(tile.treeIndex())(ijk), wanted, 0x1p-23L * std::abs(wanted) + 0x1p-45L * coordinates)
+            ASSERT_NEAR(values->tileData(tile.treeIndex())(ijk), wanted,
+                        0x1p-23L * std::abs(wanted) + 0x1p-45L * coordinates)
                 << "depth " << depth << ", tile " << tile.tijk() << ", voxel " << ijk << ", seed " << seed;
         }
 }
@@ -62,7 +66,8 @@ TYPED_TEST(LevelSetFromMesh, has_the_tiles_with_a_voxel_in_the_band_and_their_an
     using Tr = TypeParam;
     constexpr float kBand = 2.5f;
     // Rotated by nothing, but off the lattice, so that distances are no round numbers; thin, so that both sides meet.
-    const TriangleMesh mesh = joined(boxMesh({-0.513f, -0.307f, 0.211f}, {0.377f, 0.419f, 0.303f}), sphereMesh(0.2f, 1, {0.9f, 0.1f, -0.2f}));
+    const TriangleMesh mesh =
+        joined(boxMesh({-0.513f, -0.307f, 0.211f}, {0.377f, 0.419f, 0.303f}), sphereMesh(0.2f, 1, {0.9f, 0.1f, -0.2f}));
     const float h = 0.05f;
     const auto volume = levelSetOf<Tr>(mesh, h, kBand);
     const auto tree = treeOf<Tr>(*volume);
@@ -79,10 +84,12 @@ TYPED_TEST(LevelSetFromMesh, has_the_tiles_with_a_voxel_in_the_band_and_their_an
                 long double nearest = std::numeric_limits<long double>::infinity();
                 for (int n = 0; n < Tr::voxelCount; ++n) {
                     const int3 p = int3(i, j, k) + OST::TileTree3D::cubeIndex(W, n);
-                    nearest = std::min(nearest, surface.distance({p.x * (long double)h, p.y * (long double)h, p.z * (long double)h}));
+                    nearest = std::min(
+                        nearest, surface.distance({p.x * (long double)h, p.y * (long double)h, p.z * (long double)h}));
                 }
                 const bool has = accessor.find(i, j, k, Tr::maxDepth).depth == Tr::maxDepth;
-                ASSERT_EQ(has, nearest <= (long double)kBand * h) << "tile at " << int3(i, j, k) << ", " << (double)(nearest / h) << " voxels away";
+                ASSERT_EQ(has, nearest <= (long double)kBand * h)
+                    << "tile at " << int3(i, j, k) << ", " << (double)(nearest / h) << " voxels away";
                 found += has;
             }
     EXPECT_EQ(tree->tileCount(Tr::maxDepth), found);
@@ -96,7 +103,8 @@ TYPED_TEST(LevelSetFromMesh, is_a_level_set_with_the_band_as_default_and_samples
     const auto volume = levelSetOf<Tr>(sphereMesh(1.0f, 2), 0.125f, 4.0f);
     EXPECT_TRUE(Ostara::Object::isA(*volume, *Ostara::Geometry::getLevelSetPrototype()));
     EXPECT_EQ(channelOf<Tr>(*volume)->defaultValue(), 0.5f);
-    const auto topology = volume->native()->template component<OST::TileTree3D::VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp);
+    const auto topology =
+        volume->native()->template component<OST::TileTree3D::VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp);
     ASSERT_TRUE(topology);
     EXPECT_EQ(topology->offsetType(), OST::TileTree3D::kCorner);
     EXPECT_EQ(treeOf<Tr>(*volume)->voxelSize(), 0.125f);
@@ -119,7 +127,8 @@ TYPED_TEST(LevelSetFromMesh, gives_the_same_bytes_on_any_number_of_threads)
 TYPED_TEST(LevelSetFromMesh, takes_what_parts_overlap_for_inside)
 {
     using Tr = TypeParam;
-    // Two boxes: the middle of their overlap is wound around twice, and the face of one inside the other is no surface of the whole.
+    // Two boxes: the middle of their overlap is wound around twice, and the face of one inside the other is no surface
+    // of the whole.
     const TriangleMesh mesh = joined(boxMesh({0.01f, 0, 0}, {1.01f, 1, 1}), boxMesh({0.51f, 0, 0}, {1.51f, 1, 1}));
     const float h = 0.05f;
     const auto volume = levelSetOf<Tr>(mesh, h);
@@ -131,8 +140,10 @@ TYPED_TEST(LevelSetFromMesh, takes_what_parts_overlap_for_inside)
             const int3 p = tree->tile(n, Tr::maxDepth).tijk() + OST::TileTree3D::cubeIndex(Tr::width, flat);
             const float3 world = h * float3(p);
             const float margin = 1e-3f;  // a place on a face has no side
-            const bool within = world > float3(0.01f + margin, margin, margin) && world < float3(1.51f - margin, 1 - margin, 1 - margin);
-            const bool beyond = !(world >= float3(0.01f - margin, -margin, -margin) && world <= float3(1.51f + margin, 1 + margin, 1 + margin));
+            const bool within = world > float3(0.01f + margin, margin, margin)
+                && world < float3(1.51f - margin, 1 - margin, 1 - margin);
+            const bool beyond = !(world >= float3(0.01f - margin, -margin, -margin)
+                                  && world <= float3(1.51f + margin, 1 + margin, 1 + margin));
             const float value = values->tileData(n, Tr::maxDepth)(flat);
             ASSERT_FALSE(within && value > 0.0f) << world;
             ASSERT_FALSE(beyond && value <= 0.0f) << world;
@@ -202,7 +213,8 @@ TYPED_TEST(LevelSetFromMesh, refuses_voxel_sizes_that_make_no_sense)
         return errorOf<InputError>([&] { io::levelSetFromMesh(mesh, options, {}); });
     };
     constexpr float kNan = std::numeric_limits<float>::quiet_NaN(), kInfinity = std::numeric_limits<float>::infinity();
-    for (float bad : {0.0f, -0.0f, -1.0f, kNan, kInfinity, -kInfinity}) EXPECT_TRUE(contains(complaint(bad), "positive number")) << bad;
+    for (float bad : {0.0f, -0.0f, -1.0f, kNan, kInfinity, -kInfinity})
+        EXPECT_TRUE(contains(complaint(bad), "positive number")) << bad;
     EXPECT_TRUE(contains(complaint(2.1f), "larger than the mesh"));
     EXPECT_TRUE(contains(complaint(1e-12f), "the tree reaches"));
     EXPECT_TRUE(contains(complaint(1e-40f), "the tree reaches"));
@@ -218,7 +230,8 @@ TYPED_TEST(LevelSetFromMesh, refuses_a_mesh_outside_tile_space_and_names_the_rea
     LevelSetOptions options;
     options.structure = structureOf<TypeParam>();
     options.voxelSize = 1e-3f;
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { io::levelSetFromMesh(mesh, options, {}); }), "move the mesh to the origin"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { io::levelSetFromMesh(mesh, options, {}); }), "move the mesh to the origin"));
     options.voxelSize = 0.1f;
     EXPECT_NO_THROW(io::levelSetFromMesh(mesh, options, {}));
 }
@@ -275,7 +288,8 @@ TYPED_TEST(LevelSetFromMesh, survives_triangles_without_area)
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat) {
                 const float wanted = channelOf<Tr>(*whole)->tileData(n, depth)(flat);
-                ASSERT_NEAR(channelOf<Tr>(*volume)->tileData(n, depth)(flat), wanted, 0x1p-23f * std::abs(wanted) + 1e-12f);
+                ASSERT_NEAR(channelOf<Tr>(*volume)->tileData(n, depth)(flat), wanted,
+                            0x1p-23f * std::abs(wanted) + 1e-12f);
             }
 }
 

@@ -43,9 +43,9 @@ std::string binaryStl(TriangleMesh const& mesh)
 
 std::string textPly(std::string const& vertices, int vertexCount, std::string const& faces, int faceCount)
 {
-    return "ply\nformat ascii 1.0\nelement vertex " + std::to_string(vertexCount) +
-        "\nproperty float x\nproperty float y\nproperty float z\nelement face " + std::to_string(faceCount) +
-        "\nproperty list uchar int vertex_indices\nend_header\n" + vertices + faces;
+    return "ply\nformat ascii 1.0\nelement vertex " + std::to_string(vertexCount)
+        + "\nproperty float x\nproperty float y\nproperty float z\nelement face " + std::to_string(faceCount)
+        + "\nproperty list uchar int vertex_indices\nend_header\n" + vertices + faces;
 }
 
 bool sameMesh(TriangleMesh const& a, TriangleMesh const& b)
@@ -59,7 +59,8 @@ bool sameMesh(TriangleMesh const& a, TriangleMesh const& b)
 }
 
 /// What reading a file with that content says.
-std::string complaintAbout(TestFolder const& folder, std::string const& name, std::string const& content, std::uint64_t maxBytes = 0)
+std::string complaintAbout(TestFolder const& folder, std::string const& name, std::string const& content,
+                           std::uint64_t maxBytes = 0)
 {
     const std::string path = folder.write(name, content);
     const std::string text = errorOf<InputError>([&] { readMesh(path, maxBytes, {}); });
@@ -92,22 +93,25 @@ TEST(MeshReader, gives_one_mesh_for_the_three_formats)
     EXPECT_TRUE(sameMesh(stl, sphere));
     EXPECT_EQ(stl.vertices.size(), sphere.vertices.size());  // joined again
 
-    // Text keeps every digit, but its reader adds up digits in float: one unit in the last place per operation, of which there are two.
+    // Text keeps every digit, but its reader adds up digits in float: one unit in the last place per operation, of
+    // which there are two.
     const TriangleMesh obj = readMesh(folder.file("a.OBJ"), 0, {});
     ASSERT_EQ(obj.triangles.size(), sphere.triangles.size());
     for (std::size_t t = 0; t < sphere.triangles.size(); ++t)
         for (int c = 0; c < 3; ++c)
             for (int axis = 0; axis < 3; ++axis) {
                 const float wanted = sphere.vertices[sphere.triangles[t][c]][axis];
-                EXPECT_NEAR(obj.vertices[obj.triangles[t][c]][axis], wanted, 2 * 0x1p-23f * std::max(1.0f, std::abs(wanted)));
+                EXPECT_NEAR(obj.vertices[obj.triangles[t][c]][axis], wanted,
+                            2 * 0x1p-23f * std::max(1.0f, std::abs(wanted)));
             }
 }
 
 TEST(MeshReader, divides_polygons_and_drops_triangles_that_use_a_vertex_twice)
 {
     const TestFolder folder;
-    const std::string cube = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\nv 0 0 1\nv 1 0 1\nv 0 1 1\nv 1 1 1\nf 1 3 4 2\nf 5 6 8 7\nf 1 2 6 5\n"
-                             "f 3 7 8 4\nf 1 5 7 3\nf 2 4 8 6\nf 1 1 2\n";
+    const std::string cube =
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\nv 0 0 1\nv 1 0 1\nv 0 1 1\nv 1 1 1\nf 1 3 4 2\nf 5 6 8 7\nf 1 2 6 5\n"
+        "f 3 7 8 4\nf 1 5 7 3\nf 2 4 8 6\nf 1 1 2\n";
     const TriangleMesh mesh = readMesh(folder.write("cube.obj", cube), 0, {});
     EXPECT_EQ(mesh.triangles.size(), 12u);
     EXPECT_EQ(mesh.vertices.size(), 8u);
@@ -119,8 +123,9 @@ TEST(MeshReader, divides_polygons_and_drops_triangles_that_use_a_vertex_twice)
 TEST(MeshReader, understands_relative_indices_and_corners_with_normals)
 {
     const TestFolder folder;
-    const std::string text = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nvn 0 0 1\nvt 0 0\nusemtl a\nf -4/1/1 -2/1/1 -3/1/1\nusemtl b\n"
-                             "f 1//1 2//1 4//1\ng other\nf 1 4 \\\n 3\nf 2 3 4\n";
+    const std::string text =
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nvn 0 0 1\nvt 0 0\nusemtl a\nf -4/1/1 -2/1/1 -3/1/1\nusemtl b\n"
+        "f 1//1 2//1 4//1\ng other\nf 1 4 \\\n 3\nf 2 3 4\n";
     const TriangleMesh mesh = readMesh(folder.write("t.obj", text), 0, {});
     EXPECT_EQ(mesh.vertices.size(), 4u);
     EXPECT_TRUE(io::meshTopology(mesh).closed());
@@ -154,7 +159,8 @@ TEST(MeshReader, counts_edges_that_are_not_manifold)
 TEST(MeshReader, refuses_files_that_are_no_mesh)
 {
     const TestFolder folder;
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { readMesh(folder.file("none.obj"), 0, {}); }), "there is no such file"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { readMesh(folder.file("none.obj"), 0, {}); }), "there is no such file"));
     EXPECT_TRUE(contains(errorOf<InputError>([&] { readMesh(folder.file(""), 0, {}); }), "ending"));
     std::filesystem::create_directory(folder.file("folder.obj"));
     EXPECT_TRUE(contains(errorOf<InputError>([&] { readMesh(folder.file("folder.obj"), 0, {}); }), "no regular file"));
@@ -175,10 +181,11 @@ TEST(MeshReader, refuses_coordinates_that_are_not_finite)
         SCOPED_TRACE(bad);
         const std::string obj = std::string(kTetrahedronObj).replace(2, 1, bad);
         EXPECT_TRUE(contains(complaintAbout(folder, "a.obj", obj), "line 1"));
-        const std::string ply = textPly("0 0 0\n1 0 " + bad + "\n0 1 0\n0 0 1\n", 4, "3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n", 4);
+        const std::string ply =
+            textPly("0 0 0\n1 0 " + bad + "\n0 1 0\n0 0 1\n", 4, "3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n", 4);
         EXPECT_TRUE(contains(complaintAbout(folder, "a.ply", ply), "vertex 2"));
-        const std::string stl = "solid a\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 " + bad +
-            "\nvertex 0 1 0\nendloop\nendfacet\nendsolid a\n";
+        const std::string stl = "solid a\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 " + bad
+            + "\nvertex 0 1 0\nendloop\nendfacet\nendsolid a\n";
         EXPECT_TRUE(contains(complaintAbout(folder, "a.stl", stl), "line 5"));
     }
     TriangleMesh box = boxMesh({0, 0, 0}, {1, 1, 1});
@@ -197,7 +204,8 @@ TEST(MeshReader, refuses_indices_out_of_range)
     }
     for (const std::string face : {"3 0 1 4\n", "3 0 1 -1\n", "3 0 1 2000000000\n"}) {
         SCOPED_TRACE(face);
-        EXPECT_TRUE(contains(complaintAbout(folder, "a.ply", textPly("0 0 0\n1 0 0\n0 1 0\n0 0 1\n", 4, face, 1)), "face 1"));
+        EXPECT_TRUE(
+            contains(complaintAbout(folder, "a.ply", textPly("0 0 0\n1 0 0\n0 1 0\n0 0 1\n", 4, face, 1)), "face 1"));
     }
     TriangleMesh box = boxMesh({0, 0, 0}, {1, 1, 1});
     box.triangles[5].z = 8;
@@ -256,7 +264,9 @@ TEST(MeshReader, notices_text_that_ends_inside_a_face_or_a_vertex)
     EXPECT_TRUE(contains(complaintAbout(folder, "a.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2"), "cut off"));
     EXPECT_TRUE(contains(complaintAbout(folder, "b.obj", "v 0 0 0\nv 1 0 0\nf 1 2 3\nv 0 1"), "cut off"));
     EXPECT_TRUE(contains(complaintAbout(folder, "c.ply", textPly("0 0 0\n1 0 0\n0 1 0\n", 3, "3 0 1", 1)), "cut off"));
-    EXPECT_TRUE(contains(complaintAbout(folder, "d.stl", "solid a\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\n"), "cut off"));
+    EXPECT_TRUE(contains(
+        complaintAbout(folder, "d.stl", "solid a\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\n"),
+        "cut off"));
 }
 
 /// Garbled files end in a mesh whose indices and coordinates are sound, or in an `InputError`.
@@ -275,16 +285,18 @@ TEST(MeshReader, survives_garbled_files)
             SCOPED_TRACE(ending + ", round " + std::to_string(round) + ", seed " + std::to_string(kSeed));
             std::string content = folder.read("whole." + ending);
             for (std::int64_t n = random.between(1, 4); n > 0; --n)
-                content[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(content.size())))] = static_cast<char>(random.below(256));
+                content[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(content.size())))] =
+                    static_cast<char>(random.below(256));
             KeptMessages messages;
             try {
-                const TriangleMesh mesh = readMesh(folder.write("garbled." + ending, content), 1 << 20, messages.services());
+                const TriangleMesh mesh =
+                    readMesh(folder.write("garbled." + ending, content), 1 << 20, messages.services());
                 ++readable;
                 for (int3 const& t : mesh.triangles)
                     for (int c = 0; c < 3; ++c) ASSERT_TRUE(t[c] >= 0 && t[c] < static_cast<int>(mesh.vertices.size()));
-                for (float3 const& v : mesh.vertices) ASSERT_TRUE(std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z));
-            } catch (InputError const&) {
-            }
+                for (float3 const& v : mesh.vertices)
+                    ASSERT_TRUE(std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z));
+            } catch (InputError const&) {}
         }
     EXPECT_GT(readable, 0);  // some damage does no harm, or nothing was tried
 }
@@ -294,7 +306,10 @@ TEST(MeshWriter, leaves_the_old_file_when_it_fails)
     const TestFolder folder;
     const std::string old = "old content";
     folder.write("a.xyz", old);
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeMesh(folder.file("a.xyz"), boxMesh({0, 0, 0}, {1, 1, 1})); }), ".ply or .obj"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             writeMesh(folder.file("a.xyz"), boxMesh({0, 0, 0}, {1, 1, 1}));
+                         }),
+                         ".ply or .obj"));
     EXPECT_EQ(folder.read("a.xyz"), old);
     EXPECT_TRUE(contains(errorOf<InputError>([&] { writeMesh(folder.file("no/such/a.ply"), {}); }), "no such folder"));
     std::filesystem::create_directory(folder.file("b.ply"));
@@ -307,7 +322,8 @@ TEST(MeshWriter, reports_a_full_disk)
     if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "this system has no device that is always full";
     const TestFolder folder;
     std::filesystem::create_symlink("/dev/full", folder.file("full.ply"));
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeMesh(folder.file("full.ply"), sphereMesh(1.0f, 2)); }), "not all"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { writeMesh(folder.file("full.ply"), sphereMesh(1.0f, 2)); }), "not all"));
 }
 
 TEST(MeshTopology, finds_the_edges_where_orientation_flips)

@@ -26,7 +26,8 @@ Image decoded(std::string const& path)
     png.version = PNG_IMAGE_VERSION;
     EXPECT_TRUE(png_image_begin_read_from_file(&png, path.c_str())) << png.message;
     png.format = PNG_FORMAT_RGB;
-    Image image{static_cast<int>(png.width), static_cast<int>(png.height), std::vector<std::uint8_t>(PNG_IMAGE_SIZE(png))};
+    Image image{static_cast<int>(png.width), static_cast<int>(png.height),
+                std::vector<std::uint8_t>(PNG_IMAGE_SIZE(png))};
     EXPECT_TRUE(png_image_finish_read(&png, nullptr, image.rgb.data(), 0, nullptr)) << png.message;
     return image;
 }
@@ -60,7 +61,10 @@ TEST(PngWriter, leaves_the_old_file_when_there_is_no_picture)
     const TestFolder folder;
     folder.write("a.png", "old");
     EXPECT_TRUE(contains(errorOf<InputError>([&] { writePng(folder.file("a.png"), Image()); }), "empty"));
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writePng(folder.file("a.png"), Image{2, 2, {1, 2, 3}}); }), "not of the size"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             writePng(folder.file("a.png"), Image{2, 2, {1, 2, 3}});
+                         }),
+                         "not of the size"));
     EXPECT_EQ(folder.read("a.png"), "old");
 }
 
@@ -130,8 +134,11 @@ TYPED_TEST(Slice, is_the_same_on_any_number_of_threads)
 TYPED_TEST(Slice, shows_every_kind_of_property_and_survives_values_that_are_not_finite)
 {
     using Tr = TypeParam;
-    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(64, 0, 0, Tr::maxDepth)}, 1.0f, kCenter);
-    io::addChannel<Tr>(*native, "velocity", float3(0, 0, 0), [](auto const&, auto& channel) { channel.tileData(0, Tr::maxDepth)(0) = {3, 0, 4}; });
+    auto native =
+        io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(64, 0, 0, Tr::maxDepth)}, 1.0f, kCenter);
+    io::addChannel<Tr>(*native, "velocity", float3(0, 0, 0), [](auto const&, auto& channel) {
+        channel.tileData(0, Tr::maxDepth)(0) = {3, 0, 4};
+    });
     io::addChannel<Tr>(*native, "wild", 0.0f, [](auto const&, auto& channel) {
         channel.tileData(0, Tr::maxDepth)(0) = std::numeric_limits<float>::quiet_NaN();
         channel.tileData(0, Tr::maxDepth)(1) = std::numeric_limits<float>::infinity();

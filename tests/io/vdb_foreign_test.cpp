@@ -25,7 +25,9 @@ void writeGrids(std::string const& path, std::vector<openvdb::GridBase::Ptr> con
     file.close();
 }
 
-template <class Tr> std::vector<io::NamedVolume> readAll(std::string const& path, Corvid::RuntimeServices const& services, std::uint64_t maxBytes = 0)
+template <class Tr>
+std::vector<io::NamedVolume> readAll(std::string const& path, Corvid::RuntimeServices const& services,
+                                     std::uint64_t maxBytes = 0)
 {
     VdbOptions options;
     options.structure = structureOf<Tr>();
@@ -45,7 +47,8 @@ openvdb::FloatGrid::Ptr fog(std::string const& name, double h, openvdb::Vec3d co
 }
 
 /// The value of a property in the finest tile at a place of tile space.
-template <class Tr, class T = float> T valueAt(Ostara::Object const& volume, Corvid::String const& name, int3 const& place)
+template <class Tr, class T = float>
+T valueAt(Ostara::Object const& volume, Corvid::String const& name, int3 const& place)
 {
     const auto tree = treeOf<Tr>(volume);
     const ConstTileAccessor<Tr> accessor(*tree);
@@ -91,10 +94,12 @@ TYPED_TEST(ForeignVdb, level_set_keeps_its_band_bit_for_bit_and_true_distances_b
     for (int depth = 0; depth <= Tr::maxDepth; ++depth)
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                const float3 p = h * float3(tree->tile(n, depth).tijk() + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat));
+                const float3 p =
+                    h * float3(tree->tile(n, depth).tijk() + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat));
                 const double wanted = length(double3(p) - double3(centre[0], centre[1], centre[2])) - radius;
                 // Half a finest voxel, the least that any depth may be off.
-                ASSERT_NEAR(channelOf<Tr>(volume)->tileData(n, depth)(flat), wanted, 0.5 * h + 0x1p-22 * std::abs(wanted));
+                ASSERT_NEAR(channelOf<Tr>(volume)->tileData(n, depth)(flat), wanted,
+                            0.5 * h + 0x1p-22 * std::abs(wanted));
             }
 }
 
@@ -108,15 +113,19 @@ TYPED_TEST(ForeignVdb, level_set_with_samples_at_centres_is_true_at_every_depth)
     writeGrids(folder.file("a.vdb"), {grid});
     const auto volumes = readAll<Tr>(folder.file("a.vdb"), {});
     Ostara::Object const& volume = *volumes.front().volume;
-    EXPECT_EQ(volume.native()->template component<VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp)->offsetType(), kCenter);
+    EXPECT_EQ(volume.native()->template component<VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp)->offsetType(),
+              kCenter);
     const auto tree = treeOf<Tr>(volume);
     for (int depth = 0; depth <= Tr::maxDepth; ++depth)
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat) {
                 const double w = Tr::voxelDataWidth(depth);
-                const double3 p = double(h) * (double3(tree->tile(n, depth).tijk()) + w * (double3(cubeIndex(Tr::width, flat)) + double3(0.5)));
+                const double3 p = double(h)
+                    * (double3(tree->tile(n, depth).tijk()) + w * (double3(cubeIndex(Tr::width, flat)) + double3(0.5)));
                 const double wanted = length(p - double3(0.5 * double(h))) - radius;
-                ASSERT_NEAR(channelOf<Tr>(volume)->tileData(n, depth)(flat), wanted, 0.5 * h + 0x1p-22 * std::abs(wanted)) << "depth " << depth;
+                ASSERT_NEAR(channelOf<Tr>(volume)->tileData(n, depth)(flat), wanted,
+                            0.5 * h + 0x1p-22 * std::abs(wanted))
+                    << "depth " << depth;
             }
 }
 
@@ -141,8 +150,9 @@ TYPED_TEST(ForeignVdb, grids_of_one_lattice_share_a_volume_and_others_are_named)
     velocity->tree().setValueOn({-5, 0, 9}, openvdb::Vec3s(1, 2, 3));
     auto mask = openvdb::MaskGrid::create();
     mask->setName("mask");
-    writeGrids(folder.file("a.vdb"), {fog("density", 0.5, {0, 0, 0}), fog("heat", 0.5, {0.25, 0.25, 0.25}), velocity,
-                                      fog("coarse", 1.0, {0, 0, 0}), mask, fog("density", 0.5, {0, 0, 0})});
+    writeGrids(folder.file("a.vdb"),
+               {fog("density", 0.5, {0, 0, 0}), fog("heat", 0.5, {0.25, 0.25, 0.25}), velocity,
+                fog("coarse", 1.0, {0, 0, 0}), mask, fog("density", 0.5, {0, 0, 0})});
     KeptMessages messages;
     const auto volumes = readAll<Tr>(folder.file("a.vdb"), messages.services());
     ASSERT_EQ(volumes.size(), 4u);
@@ -236,9 +246,11 @@ TYPED_TEST(ForeignVdb, grids_beyond_tile_space_are_refused)
 {
     const TestFolder folder;
     writeGrids(folder.file("a.vdb"), {fog("density", 1.0, {700e6, 0, 0})});
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { readAll<TypeParam>(folder.file("a.vdb"), {}); }), "reaches beyond the tree"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] { readAll<TypeParam>(folder.file("a.vdb"), {}); }),
+                         "reaches beyond the tree"));
     writeGrids(folder.file("b.vdb"), {fog("density", 0.01, {7e8, 0, 0})});
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { readAll<TypeParam>(folder.file("b.vdb"), {}); }), "too far from the origin"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] { readAll<TypeParam>(folder.file("b.vdb"), {}); }),
+                         "too far from the origin"));
 }
 
 TEST(ForeignVdbTransform, is_refused_with_a_hint_unless_it_is_a_uniform_scale)
@@ -267,14 +279,16 @@ TEST(ForeignVdbTransform, is_refused_with_a_hint_unless_it_is_a_uniform_scale)
     auto staggered = openvdb::math::Transform::createLinearTransform(0.5);
     staggered->postTranslate(openvdb::Vec3d(0.25, 0, 0));
     EXPECT_TRUE(contains(complaint(staggered), "some axes only"));
-    EXPECT_TRUE(contains(complaint(openvdb::math::Transform::createFrustumTransform(openvdb::BBoxd(openvdb::Vec3d(0), openvdb::Vec3d(10)), 0.5, 5.0)),
+    EXPECT_TRUE(contains(complaint(openvdb::math::Transform::createFrustumTransform(
+                             openvdb::BBoxd(openvdb::Vec3d(0), openvdb::Vec3d(10)), 0.5, 5.0)),
                          "frustum"));
 }
 
 TEST(ForeignVdbNames, that_volumes_need_for_themselves_are_refused)
 {
     const TestFolder folder;
-    for (Corvid::String const& name : {Ostara::Geometry::sVoxelTileTree, Ostara::Geometry::sVoxelComp, sVoxelSignedDistance}) {
+    for (Corvid::String const& name :
+         {Ostara::Geometry::sVoxelTileTree, Ostara::Geometry::sVoxelComp, sVoxelSignedDistance}) {
         writeGrids(folder.file("a.vdb"), {fog(name.str(), 1.0, {0, 0, 0})});
         EXPECT_TRUE(contains(errorOf<InputError>([&] { readVdb(folder.file("a.vdb"), {}, {}); }), name.str()));
     }
@@ -296,7 +310,8 @@ TEST(ForeignVdbDamage, is_survived)
         SCOPED_TRACE("round " + std::to_string(round) + ", seed " + std::to_string(kSeed));
         std::string content = whole;
         for (int n = 0; n < 3; ++n)
-            content[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(content.size())))] = static_cast<char>(random.below(256));
+            content[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(content.size())))] =
+                static_cast<char>(random.below(256));
         KeptMessages messages;
         VdbOptions options;
         options.maxBytes = 64 << 20;

@@ -41,7 +41,8 @@ TYPED_TEST(VdbRoundTrip, restores_the_finest_tiles_of_the_bunny_bit_for_bit)
     writeVdb(folder.file("a.vdb"), *written, {});
     const auto read = readOne<Tr>(folder.file("a.vdb"));
     EXPECT_EQ(differencesAt<Tr>(Tr::maxDepth, *written, *read), "");
-    for (int depth = 0; depth < Tr::maxDepth; ++depth) EXPECT_EQ(treeOf<Tr>(*read)->tileCount(depth), treeOf<Tr>(*written)->tileCount(depth));
+    for (int depth = 0; depth < Tr::maxDepth; ++depth)
+        EXPECT_EQ(treeOf<Tr>(*read)->tileCount(depth), treeOf<Tr>(*written)->tileCount(depth));
     EXPECT_EQ(treeOf<Tr>(*read)->voxelSize(), 0.08f);
     EXPECT_EQ(channelOf<Tr>(*read)->defaultValue(), channelOf<Tr>(*written)->defaultValue());
     EXPECT_TRUE(Ostara::Object::isA(*read, *Ostara::Geometry::getLevelSetPrototype()));
@@ -62,10 +63,13 @@ TYPED_TEST(VdbRoundTrip, gives_true_distances_at_every_depth)
     for (int depth = 0; depth <= Tr::maxDepth; ++depth)
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                const float3 place = h * float3(tree->tile(n, depth).tijk() + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat));
+                const float3 place =
+                    h * float3(tree->tile(n, depth).tijk() + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat));
                 const double wanted = length(double3(place) - double3(0.2, -0.1, 0.4)) - 1.0;
-                // Half a finest voxel for the surface that is found between samples; a float's rounding where distances are large.
-                ASSERT_NEAR(values->tileData(n, depth)(flat), wanted, 0.5 * h + facets + 0x1p-22 * std::abs(wanted)) << "depth " << depth;
+                // Half a finest voxel for the surface that is found between samples; a float's rounding where distances
+                // are large.
+                ASSERT_NEAR(values->tileData(n, depth)(flat), wanted, 0.5 * h + facets + 0x1p-22 * std::abs(wanted))
+                    << "depth " << depth;
             }
 }
 
@@ -86,17 +90,21 @@ TYPED_TEST(VdbRoundTrip, keeps_the_name_type_and_values_of_every_property)
     using Tr = TypeParam;
     using Ostara::Math::double3;
     const TestFolder folder;
-    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(-40, 7, 1000, Tr::maxDepth)}, 0.25f, kCorner);
+    auto native =
+        io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(-40, 7, 1000, Tr::maxDepth)}, 0.25f, kCorner);
     const auto fill = [](auto make) {
         return [make](auto const&, auto& channel) {
             for (OST::int64 n = 0; n < 2; ++n)
-                for (int flat = 0; flat < Tr::voxelCount; ++flat) channel.tileData(n, Tr::maxDepth)(flat) = make(n * 1000 + flat);
+                for (int flat = 0; flat < Tr::voxelCount; ++flat)
+                    channel.tileData(n, Tr::maxDepth)(flat) = make(n * 1000 + flat);
         };
     };
     io::addChannel<Tr>(*native, "density", 0.5f, fill([](auto v) { return 0.1f * static_cast<float>(v); }));
     io::addChannel<Tr>(*native, "exact", -1.0, fill([](auto v) { return 1.0 / (1.0 + static_cast<double>(v)); }));
-    io::addChannel<Tr>(*native, "velocity", float3(0, 0, 1), fill([](auto v) { return float3(float(v), -float(v), 0.5f); }));
-    io::addChannel<Tr>(*native, "place", double3(0, 0, 0), fill([](auto v) { return double3(double(v), 1e300, -0.0); }));
+    io::addChannel<Tr>(*native, "velocity", float3(0, 0, 1),
+                       fill([](auto v) { return float3(float(v), -float(v), 0.5f); }));
+    io::addChannel<Tr>(*native, "place", double3(0, 0, 0),
+                       fill([](auto v) { return double3(double(v), 1e300, -0.0); }));
     io::addChannel<Tr>(*native, "id", -7, fill([](auto v) { return static_cast<int>(v); }));
     io::addChannel<Tr>(*native, "wide", OST::int64(3), fill([](auto v) { return (OST::int64(1) << 40) + v; }));
     const auto written = Ostara::Geometry::move_ost_volume_to_object(*native);
@@ -119,20 +127,24 @@ TYPED_TEST(VdbRoundTrip, keeps_samples_at_centres)
     const TestFolder folder;
     auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth)}, 0.25f, kCenter);
     io::addChannel<Tr>(*native, "density", 0.0f, [](auto const&, auto& channel) {
-        for (int flat = 0; flat < Tr::voxelCount; ++flat) channel.tileData(0, Tr::maxDepth)(flat) = 1.0f + static_cast<float>(flat);
+        for (int flat = 0; flat < Tr::voxelCount; ++flat)
+            channel.tileData(0, Tr::maxDepth)(flat) = 1.0f + static_cast<float>(flat);
     });
     const auto written = Ostara::Geometry::move_ost_volume_to_object(*native);
     writeVdb(folder.file("a.vdb"), *written, {});
     const auto read = readOne<Tr>(folder.file("a.vdb"));
     EXPECT_EQ(differencesAt<Tr>(Tr::maxDepth, *written, *read, "density"), "");
-    EXPECT_EQ(read->native()->template component<VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp)->offsetType(), kCenter);
+    EXPECT_EQ(read->native()->template component<VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp)->offsetType(),
+              kCenter);
     // A voxel of the parent holds the mean of the children under it.
     double mean = 0.0;
-    for (int n = 0; n < Tr::childCount; ++n) mean += channelOf<Tr>(*read, "density")->tileData(0, Tr::maxDepth)(cubeIndex(Tr::branching, n));
+    for (int n = 0; n < Tr::childCount; ++n)
+        mean += channelOf<Tr>(*read, "density")->tileData(0, Tr::maxDepth)(cubeIndex(Tr::branching, n));
     auto const& child = treeOf<Tr>(*read)->tile(0, Tr::maxDepth);
     auto const& parent = treeOf<Tr>(*read)->tile(child.parentTreeIndex());
     const int3 voxel = Tr::cellVoxels * parent.childIJK(child);
-    EXPECT_FLOAT_EQ(channelOf<Tr>(*read, "density")->tileData(parent.treeIndex())(voxel), static_cast<float>(mean / Tr::childCount));
+    EXPECT_FLOAT_EQ(channelOf<Tr>(*read, "density")->tileData(parent.treeIndex())(voxel),
+                    static_cast<float>(mean / Tr::childCount));
 }
 
 TYPED_TEST(VdbRoundTrip, flattens_coarse_leaf_voxels_that_differ_from_the_default)
@@ -141,7 +153,8 @@ TYPED_TEST(VdbRoundTrip, flattens_coarse_leaf_voxels_that_differ_from_the_defaul
     const TestFolder folder;
     // A coarse tile beside a finest one, as adapted fog has them.
     const int coarse = Tr::maxDepth - 1;
-    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(Tr::tileVoxelWidth(coarse), 0, 0, coarse)}, 1.0f, kCorner);
+    auto native = io::makeVolume<Tr>(
+        {VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(Tr::tileVoxelWidth(coarse), 0, 0, coarse)}, 1.0f, kCorner);
     io::addChannel<Tr>(*native, "density", 0.0f, [&](Container<Tr> const& tree, auto& channel) {
         const ConstTileAccessor<Tr> accessor(tree);
         channel.tileData(accessor.find(Tr::tileVoxelWidth(coarse), 0, 0, coarse)).set(0.75f);
@@ -174,7 +187,8 @@ TYPED_TEST(VdbRoundTrip, says_what_it_leaves_out)
     const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     KeptMessages messages;
     folder.write("a.vdb", "old");
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeVdb(folder.file("a.vdb"), *volume, messages.services()); }), "no property"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeVdb(folder.file("a.vdb"), *volume, messages.services()); }),
+                         "no property"));
     EXPECT_TRUE(messages.mention("'flags' is left out"));
     EXPECT_EQ(folder.read("a.vdb"), "old");
     EXPECT_EQ(folder.fileCount(), 1u);
@@ -184,9 +198,11 @@ TYPED_TEST(VdbRoundTrip, fails_without_touching_anything_where_it_cannot_write)
 {
     const TestFolder folder;
     const auto volume = levelSetOf<TypeParam>(sphereMesh(1.0f, 2), 0.2f);
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeVdb(folder.file("no/such/a.vdb"), *volume, {}); }), "cannot write"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { writeVdb(folder.file("no/such/a.vdb"), *volume, {}); }), "cannot write"));
     EXPECT_EQ(folder.fileCount(), 0u);
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { writeVdb(folder.file("a.vdb"), Ostara::Object(), {}); }), "no volume"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { writeVdb(folder.file("a.vdb"), Ostara::Object(), {}); }), "no volume"));
 }
 
 template <class Tr> class ExtractedSurface : public ::testing::Test {};
@@ -204,7 +220,9 @@ TYPED_TEST(ExtractedSurface, of_the_bunny_is_closed_outward_and_near_the_mesh)
     const BruteSurface exact(bunny);
     Random random(3);
     for (int n = 0; n < 300; ++n) {
-        auto const& v = surface.vertices[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(surface.vertices.size())))];
+        auto const& v =
+            surface
+                .vertices[static_cast<std::size_t>(random.below(static_cast<std::int64_t>(surface.vertices.size())))];
         // A vertex lies in a cell that the surface crosses: no further from it than the cell's diagonal.
         ASSERT_LE(exact.distance({v.x, v.y, v.z}), std::sqrt(3.0) * h);
     }
@@ -219,27 +237,35 @@ TYPED_TEST(ExtractedSurface, includes_leaf_cells_of_several_depths)
     for (int j = 0; j < 2; ++j)
         for (int i = 0; i < 2; ++i)
             for (int k = -1; k < 2; ++k) tiles.emplace_back(i * w, j * w, k * w, coarse);
-    const auto tileCorner = [](int v) { return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / Tr::width) * Tr::width; };
+    const auto tileCorner = [](int v) {
+        return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / Tr::width) * Tr::width;
+    };
     for (int j = tileCorner(0); j < 2 * w; j += Tr::width)
         for (int k = tileCorner(-w); k < 2 * w; k += Tr::width) tiles.emplace_back(tileCorner(0), j, k, Tr::maxDepth);
     auto native = io::makeVolume<Tr>(tiles, 1.0f, kCorner);
     const float height = 1.3f;
-    io::addChannel<Tr>(*native, Ostara::Geometry::sVoxelSignedDistance, 3.0f, [&](Container<Tr> const& tree, auto& channel) {
-        for (int depth = 0; depth <= Tr::maxDepth; ++depth)
-            for (OST::int64 n = 0; n < tree.tileCount(depth); ++n)
-                for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                    const int z = tree.tile(n, depth).tijk().z + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat).z;
-                    // Above depth coarse the tree shows no surface: everything there is outside.
-                    channel.tileData(n, depth)(flat) = depth < coarse ? 1e3f : static_cast<float>(z) - height;
-                }
-    });
+    io::addChannel<Tr>(
+        *native, Ostara::Geometry::sVoxelSignedDistance, 3.0f, [&](Container<Tr> const& tree, auto& channel) {
+            for (int depth = 0; depth <= Tr::maxDepth; ++depth)
+                for (OST::int64 n = 0; n < tree.tileCount(depth); ++n)
+                    for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+                        const int z =
+                            tree.tile(n, depth).tijk().z + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat).z;
+                        // Above depth coarse the tree shows no surface: everything there is outside.
+                        channel.tileData(n, depth)(flat) = depth < coarse ? 1e3f : static_cast<float>(z) - height;
+                    }
+        });
     const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     const io::TriangleMesh surface = extractSurface(*volume);
-    // A linear field keeps its plane at every depth, so inside the block all vertices lie on it, in fine and in coarse cells.
+    // A linear field keeps its plane at every depth, so inside the block all vertices lie on it, in fine and in coarse
+    // cells.
     int fine = 0, wide = 0;
     // The block of coarse tiles, less two of their voxels at the rim, where the values from outside come in.
-    const auto coarseCorner = [w](int v) { return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / w) * w; };
-    const float low = static_cast<float>(coarseCorner(0)), high = static_cast<float>(coarseCorner(w) + w - 2 * Tr::branching);
+    const auto coarseCorner = [w](int v) {
+        return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / w) * w;
+    };
+    const float low = static_cast<float>(coarseCorner(0)),
+                high = static_cast<float>(coarseCorner(w) + w - 2 * Tr::branching);
     for (auto const& v : surface.vertices) {
         if (v.x < low || v.x > high || v.y < low || v.y > high || v.z < low - w / 2 || v.z > high) continue;
         ASSERT_NEAR(v.z, height, 1e-4f) << v;
@@ -260,10 +286,12 @@ TEST(ExtractedSurfaceErrors, name_what_is_missing)
 TEST(VdbReader, refuses_files_that_are_none)
 {
     const TestFolder folder;
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { readVdb(folder.file("none.vdb"), {}, {}); }), "there is no such file"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { readVdb(folder.file("none.vdb"), {}, {}); }), "there is no such file"));
     EXPECT_TRUE(contains(errorOf<InputError>([&] { readVdb(folder.file(""), {}, {}); }), "no regular file"));
     for (const std::string content : {"", "x", "this is no volume, but it is a text of some length"})
-        EXPECT_TRUE(contains(errorOf<InputError>([&] { readVdb(folder.write("a.vdb", content), {}, {}); }), "a.vdb")) << content;
+        EXPECT_TRUE(contains(errorOf<InputError>([&] { readVdb(folder.write("a.vdb", content), {}, {}); }), "a.vdb"))
+            << content;
 }
 
 TEST(VdbReader, notices_every_cut)

@@ -8,8 +8,8 @@
 
 namespace tilegrid::test {
 
-/// The slow, obvious answer about a surface of triangles: every triangle is asked, in long double. The nearest point is found
-/// by walking its barycentric coordinates; the side by counting crossings of three skew rays.
+/// The slow, obvious answer about a surface of triangles: every triangle is asked, in long double. The nearest point is
+/// found by walking its barycentric coordinates; the side by counting crossings of three skew rays.
 class BruteSurface {
 public:
     using Real = long double;
@@ -34,7 +34,8 @@ public:
     bool inside(Vec const& p) const
     {
         // Skew directions: no ray runs along an edge of a mesh that somebody made; a majority settles a graze.
-        static const Vec kDirections[3]{{0.7371L, 0.3113L, 0.5993L}, {-0.2917L, 0.8861L, 0.3607L}, {0.4139L, -0.5711L, -0.7089L}};
+        static const Vec kDirections[3]{
+            {0.7371L, 0.3113L, 0.5993L}, {-0.2917L, 0.8861L, 0.3607L}, {0.4139L, -0.5711L, -0.7089L}};
         int votes = 0;
         for (Vec const& direction : kDirections) {
             int crossings = 0;

@@ -44,7 +44,8 @@ public:
     }
     std::size_t fileCount() const
     {
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(path_), std::filesystem::directory_iterator()));
+        return static_cast<std::size_t>(
+            std::distance(std::filesystem::directory_iterator(path_), std::filesystem::directory_iterator()));
     }
 
 private:
@@ -57,8 +58,10 @@ public:
     Corvid::RuntimeServices services()
     {
         return Corvid::RuntimeServices(nullptr, [this](Severity severity, Corvid::StringView text) {
-            texts_.push_back((severity == Severity::kWarning ? "warning: " : severity == Severity::kError ? "error: " : "") +
-                             std::string(text.data(), text.size()));
+            texts_.push_back((severity == Severity::kWarning     ? "warning: "
+                                  : severity == Severity::kError ? "error: "
+                                                                 : "")
+                             + std::string(text.data(), text.size()));
         });
     }
     std::vector<std::string> const& texts() const { return texts_; }
@@ -88,9 +91,6 @@ template <class E, class Work> std::string errorOf(Work const& work)
     return {};
 }
 
-inline bool contains(std::string const& text, std::string const& part)
-{
-    return text.find(part) != std::string::npos;
-}
+inline bool contains(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
 }  // namespace tilegrid::test

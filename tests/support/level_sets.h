@@ -20,13 +20,14 @@ template <class Tr> Corvid::Ptr<OST::TileTree3D::Container<Tr>> treeOf(Ostara::O
     return volume.native()->template component<OST::TileTree3D::Container<Tr>>(Ostara::Geometry::sVoxelTileTree);
 }
 template <class Tr, class T = float>
-Corvid::Ptr<OST::TileTree3D::Channel<Tr, T, Tr::width, 0>> channelOf(Ostara::Object const& volume,
-                                                                      Corvid::String const& name = Ostara::Geometry::sVoxelSignedDistance)
+Corvid::Ptr<OST::TileTree3D::Channel<Tr, T, Tr::width, 0>>
+channelOf(Ostara::Object const& volume, Corvid::String const& name = Ostara::Geometry::sVoxelSignedDistance)
 {
     return volume.native()->template component<OST::TileTree3D::Channel<Tr, T, Tr::width, 0>>(name);
 }
 
-template <class Tr> Corvid::Ptr<Ostara::Object> levelSetOf(io::TriangleMesh const& mesh, float voxelSize, float band = 3.0f)
+template <class Tr>
+Corvid::Ptr<Ostara::Object> levelSetOf(io::TriangleMesh const& mesh, float voxelSize, float band = 3.0f)
 {
     io::LevelSetOptions options;
     options.voxelSize = voxelSize;
@@ -45,10 +46,14 @@ std::string differencesAt(int depth, Ostara::Object const& a, Ostara::Object con
     if (!treeA || !treeB || !valuesA || !valuesB) return "no tree, or no property " + name.str();
     const std::string at = "depth " + std::to_string(depth) + ": ";
     if (treeA->tileCount(depth) != treeB->tileCount(depth))
-        return at + std::to_string(treeA->tileCount(depth)) + " and " + std::to_string(treeB->tileCount(depth)) + " tiles";
+        return at + std::to_string(treeA->tileCount(depth)) + " and " + std::to_string(treeB->tileCount(depth))
+            + " tiles";
     for (OST::int64 n = 0; n < treeA->tileCount(depth); ++n) {
-        if (!(treeA->tile(n, depth).tijk() == treeB->tile(n, depth).tijk())) return at + "another tile " + std::to_string(n);
-        if (std::memcmp(valuesA->tileData(n, depth).data(), valuesB->tileData(n, depth).data(), Tr::voxelCount * sizeof(T)) != 0)
+        if (!(treeA->tile(n, depth).tijk() == treeB->tile(n, depth).tijk()))
+            return at + "another tile " + std::to_string(n);
+        if (std::memcmp(valuesA->tileData(n, depth).data(), valuesB->tileData(n, depth).data(),
+                        Tr::voxelCount * sizeof(T))
+            != 0)
             return at + "other values in tile " + std::to_string(n);
     }
     return {};

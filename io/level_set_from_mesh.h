@@ -17,13 +17,15 @@ struct LevelSetOptions {
     std::uint64_t maxBytes = 0;
 };
 
-/// A level set of a closed mesh: finest tiles within the band, and their ancestors. Every voxel of every depth holds
-/// the signed distance to the surface, negative inside, in world units, to within half a voxel of its own depth; finest
-/// voxels to within the accuracy of the mesh conversion. The default value is the band's half width in world units.
-/// Samples lie at voxel corners.
-/// \throws InputError for a voxel size that is not positive and finite, larger than the mesh, or too small for tile
-///        space or
-///         `maxBytes`, with the estimate
+/// A level set of a closed mesh: the finest tiles with a voxel in the band, and their ancestors. Every voxel of every
+/// depth, the root too, holds the signed distance to the triangles, negative inside, in world units, computed in double
+/// and rounded to float. The default value is the band's half width in world units. Samples lie at voxel corners.
+///
+/// Inside is where the surface winds around a place, in either direction: parts may overlap, and cavities whose
+/// triangles look into them stay outside. Holes count as covered where the winding number passes one half; a message
+/// says so.
+/// \throws InputError for a mesh that no reader makes; for a voxel size that is not positive and finite, is larger than
+///         the mesh, or is too small for tile space or `maxBytes`, with the estimate
 Corvid::Ptr<Ostara::Object> levelSetFromMesh(TriangleMesh const& mesh, LevelSetOptions const& options,
                                              Corvid::RuntimeServices const& services);
 

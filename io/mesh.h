@@ -17,6 +17,7 @@ struct TriangleMesh {
 /// What is known about the edges of a mesh. Closed and manifold: every edge lies in two triangles, in opposite
 /// directions.
 struct MeshTopology {
+    /// Of one triangle; of more than two; of two that run along it the same way.
     std::int64_t openEdges = 0;
     std::int64_t nonManifoldEdges = 0;
     std::int64_t flippedEdges = 0;
@@ -26,8 +27,7 @@ struct MeshTopology {
 /// Reads OBJ, PLY or STL. Polygons are triangulated, identical vertices joined, degenerate triangles dropped. Warns
 /// about open and non-manifold meshes and says what is assumed.
 /// \throws InputError for files that are missing, empty, truncated, hold no triangle, an index out of range, a
-///        coordinate that
-///         is NaN or infinite, or more than `maxBytes` would hold
+///         coordinate that is NaN or infinite, or more than `maxBytes` (0: no limit) would hold
 TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services);
 
 /// Writes PLY (binary) or OBJ by the name's ending, under a temporary name first, so that a failure leaves an old file.

@@ -200,7 +200,7 @@ private:
                 if (depth < 0 || (reach > 0 && coarser < 3)) continue;
                 const double widthPixels = Tr::tileVoxelWidth(depth) / window_.step;
                 const double visible = std::clamp((widthPixels - 4.0) / 10.0, 0.0, 1.0);
-                alpha = std::max(alpha, visible * std::min(0.16 + 0.13 * coarser, 0.72));
+                alpha = std::max(alpha, visible * std::min(0.24 + 0.12 * coarser, 0.72));
             }
         blend(colour, kInk, alpha);
     }

@@ -24,17 +24,26 @@ struct NamedVolume {
 /// volume, others become volumes of their own, with a message that names them. A level-set grid becomes
 /// `voxel_signed_distance`, with true distances at every depth. Accepted: uniform scale with a translation by whole
 /// voxels, or by half a voxel on all axes (samples at cell centres).
-/// \throws InputError for files that cannot be read, hold no such grid, or grids whose transform is refused (with a
-///        hint)
+///
+/// The finest tiles are those with an active voxel. Active voxels of a level set keep their bits; all other voxels of
+/// all tiles get the distance to the grid's zero surface with the sign that the grid has there. Other grids: every voxel
+/// gets the grid's value at its place (at centres, a voxel with children their mean), and constant active regions become
+/// the largest tiles that fit into them.
+/// \throws InputError for files that cannot be read, hold no such grid, take more than `maxBytes` (0: no limit) or have
+///         a transform that is refused (with a hint)
 std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options,
                                  Corvid::RuntimeServices const& services);
 
-/// Writes every property that has a grid type, flattened to the finest depth in use, under a temporary name first.
-/// Beside a level set other properties are written where its finest tiles are.
+/// Writes every property that has a grid type, flattened to the finest depth in use, under a temporary name first. Active
+/// are all voxels of the tiles of that depth, so that reading the file gives the same finest tiles with the same bits.
+/// In coarser leaf cells a level set is resampled where the surface passes through them, and the rest is told by the
+/// sign of the background; other properties become constant regions where they differ from their default value, but
+/// beside a level set they are written where its finest tiles are. Equal volumes give equal files.
 /// \throws InputError if nothing can be written or the file cannot be
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services);
 
-/// The zero surface of `voxel_signed_distance`, flattened to the finest depth in use.
+/// The zero surface of `voxel_signed_distance`, flattened to the finest depth in use, with normals outward. No triangle if
+/// the distance has one sign.
 /// \throws InputError for an object without one
 TriangleMesh extractSurface(Ostara::Object const& volume);
 

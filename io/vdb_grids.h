@@ -95,11 +95,11 @@ public:
     /// The grid as a level set: what is inactive becomes the background, negative inside. Null but for float.
     virtual openvdb::FloatGrid::Ptr levelSet() = 0;
 };
-template <class T>
-inline constexpr bool hasGridType =
-    std::is_same_v<
-        T,
-        float> || std::is_same_v<T, double> || std::is_same_v<T, Ostara::Math::float3> || std::is_same_v<T, Ostara::Math::double3> || std::is_same_v<T, int> || std::is_same_v<T, OST::int64>;
+template <class T, class... Grids> constexpr bool isElementOfOne(GridTypes<Grids...>)
+{
+    return (std::is_same_v<T, ElementOf<typename Grids::ValueType>> || ...);
+}
+template <class T> inline constexpr bool hasGridType = isElementOfOne<T>(PropertyGrids());
 /// For those types.
 template <class T> std::unique_ptr<GridSink<T>> makeGridSink(T const& background);
 

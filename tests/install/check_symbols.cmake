@@ -16,11 +16,11 @@ foreach(line IN LISTS lines)
   # "vtable for X", "guard variable for X": X says whose it is.
   string(REGEX REPLACE "^(vtable|VTT|typeinfo|typeinfo name|construction vtable|guard variable|non-virtual thunk|virtual thunk) (for|to) " "" name "${name}")
   math(EXPR count "${count} + 1")
-  if(name MATCHES "tbb::|openvdb::|Assimp::|nlohmann::")
-    message(SEND_ERROR "Of another library: ${name}")
-  elseif(NOT name MATCHES "^(${ours})::|^(std::[^(]*|[a-z ]+)[ *&]+(${ours})::" AND NOT (kind MATCHES "[WVu]" AND name MATCHES "^([a-z ]+ )?(std|__gnu_cxx)::"))
-    # In front of a function template's name stands its result, of a type of the language or the standard library.
-    message(SEND_ERROR "Not of the library's own namespaces: ${kind} ${name}")
+  # In front of a function template's name stands its result, of a type of the language or the standard library.
+  if(name MATCHES "^(${ours})::|^(std::[^(]*|[a-z ]+)[ *&]+(${ours})::")
+    continue()
+  elseif(NOT kind MATCHES "[WVu]" OR NOT name MATCHES "^([a-z ]+ )?(std|__gnu_cxx)::" OR name MATCHES "tbb::|openvdb::|Assimp::|nlohmann::")
+    message(SEND_ERROR "Neither the library's own nor of the standard library: ${kind} ${name}")
   endif()
 endforeach()
 if(count LESS 20)

@@ -3,6 +3,7 @@
 #include "io/volume_builder.h"
 #include "support/brute_surface.h"
 #include "support/files.h"
+#include "support/jobs.h"
 #include "support/level_sets.h"
 #include "support/meshes.h"
 #include "support/structures.h"
@@ -119,6 +120,31 @@ TYPED_TEST(VdbRoundTrip, keeps_the_name_type_and_values_of_every_property)
     EXPECT_EQ((channelOf<Tr, double>(*read, "exact")->defaultValue()), -1.0);
     EXPECT_EQ((channelOf<Tr, int>(*read, "id")->defaultValue()), -7);
     EXPECT_FALSE(Ostara::Object::isA(*read, *Ostara::Geometry::getLevelSetPrototype()));
+}
+
+TYPED_TEST(VdbRoundTrip, gives_the_same_bytes_on_any_number_of_threads)
+{
+    using Tr = TypeParam;
+    const TestFolder folder;
+    const auto written = levelSetOf<Tr>(sphereMesh(1.0f, 4, {0.1f, 0.2f, 0.3f}), 0.04f);
+    std::string file;
+    Corvid::Ptr<Ostara::Object> first;
+    io::TriangleMesh surface;
+    for (int threads : kThreadCounts)
+        parallel::runJob(nullptr, threads, [&] {
+            SCOPED_TRACE(std::to_string(threads) + " threads");
+            writeVdb(folder.file("a.vdb"), *written, {});
+            const auto read = readOne<Tr>(folder.file("a.vdb"));
+            const io::TriangleMesh mesh = extractSurface(*written);
+            if (!first) {
+                file = folder.read("a.vdb");
+                first = read;
+                surface = mesh;
+            }
+            EXPECT_EQ(folder.read("a.vdb"), file);
+            for (int depth = 0; depth <= Tr::maxDepth; ++depth) ASSERT_EQ(differencesAt<Tr>(depth, *first, *read), "");
+            EXPECT_TRUE(mesh.vertices == surface.vertices && mesh.triangles == surface.triangles);
+        });
 }
 
 TYPED_TEST(VdbRoundTrip, keeps_samples_at_centres)

@@ -185,6 +185,29 @@ TYPED_TEST(Growth, is_the_same_serially_and_in_parallel)
     EXPECT_EQ(addedSerial, added);
 }
 
+TYPED_TEST(Growth, from_many_tiles_is_the_same_serially_and_in_parallel_and_in_morton_order)
+{
+    // Start tiles in no particular order: a walk from one to the next meets the new tiles out of order.
+    Random random(8);
+    addRandomTiles(random, this->tree_, this->set_, 60);
+    const int from = TypeParam::maxDepth - 3;
+    const auto someCells = [](auto const& tile, int3 const& cell) { return (cell.x + cell.z + tile.depth()) % 2 == 0; };
+    Tree<TypeParam> serial(this->tree_), parallel(this->tree_);
+    const auto before = orderOf(this->tree_);
+    const auto grow = [&](Tree<TypeParam>& tree, TraversalMode mode) {
+        tree.template refine<decltype(someCells), 0>(someCells, TreeIndex(), from, from + 2, nullptr, mode);
+    };
+    grow(serial, kTreeSerialOrder);
+    grow(parallel, kParallelTree);
+    const auto now = orderOf(serial);
+    EXPECT_TRUE(now == orderOf(parallel));
+    for (int d = from + 1; d <= from + 2; ++d) {
+        const auto split = now[d].begin() + static_cast<std::ptrdiff_t>(before[d].size());
+        EXPECT_GT(now[d].end() - split, 50);
+        EXPECT_TRUE(std::is_sorted(split, now[d].end(), TileSet<TypeParam>::mortonBefore)) << "depth " << d;
+    }
+}
+
 TYPED_TEST(Growth, over_an_empty_range_adds_only_the_root)
 {
     int calls = 0;

@@ -1,0 +1,42 @@
+#pragma once
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// The command as a person runs it: a process of its own in a folder of its own.
+struct CommandResult {
+    int status = -1;
+    std::string out, err;
+};
+
+/// An empty folder that goes with the test.
+class WorkFolder {
+public:
+    WorkFolder();
+    ~WorkFolder();
+    WorkFolder(WorkFolder const&) = delete;
+    WorkFolder& operator=(WorkFolder const&) = delete;
+    std::string path(std::string const& name) const { return (folder_ / name).string(); }
+    /// Names of all files in it, sorted.
+    std::vector<std::string> files() const;
+    /// Runs `tilegrid` with these words in the folder. `interruptAfterMs` above 0 sends SIGINT that long after the start.
+    CommandResult run(std::vector<std::string> const& words, int interruptAfterMs = 0) const;
+
+private:
+    std::filesystem::path folder_;
+};
+
+inline std::string fileText(std::string const& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+inline std::string bunny()
+{
+    return TILEGRID_TEST_DATA "/bunny.obj";
+}

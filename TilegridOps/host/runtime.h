@@ -11,7 +11,7 @@ enum class Severity { kInfo, kWarning, kError };
 
 /// Receives the messages that a user sees. May be called from any thread that runs a node.
 using MessageSink = std::function<void(Severity, Corvid::StringView)>;
-/// Receives progress: the name of what runs and how much of it is done, 0 to 1.
+/// Receives progress: the name of what runs and how much of it is done, 0 to 1. Called from destructors, so it must not throw.
 using ProgressSink = std::function<void(Corvid::StringView, double)>;
 
 }  // namespace tilegrid

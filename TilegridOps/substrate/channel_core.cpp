@@ -137,8 +137,9 @@ void VoxelChannelCore::updateTilesRemoved(TileMoves const& moves, Component cons
         DepthSlab& slab = slab_[depth];
         if (depth < int(moves.size()))
             for (auto const& [from, to] : moves[depth])  // ascending, and never upward: nothing is overwritten before it moved
-                std::memmove(slab.bytes.data() + static_cast<std::size_t>(to) * tileStride_,
-                             slab.bytes.data() + static_cast<std::size_t>(from) * tileStride_, tileStride_);
+                if (from < slab.tiles)
+                    std::memmove(slab.bytes.data() + static_cast<std::size_t>(to) * tileStride_,
+                                 slab.bytes.data() + static_cast<std::size_t>(from) * tileStride_, tileStride_);
         resizeDepth(depth, source.tileCount(depth));
     }
 }

@@ -5,7 +5,8 @@
 
 namespace OST::TileTree3D {
 
-/// All channels of the object grow to the tiles of `source`, the topology after its update.
+/// The channels of the object grow to the tiles of `source`: point channels if it is a `PointTopology`, voxel channels
+/// otherwise (the voxel topology after its update, or the tree).
 TILEGRID_API void updateTilesAdded(Component const& source, OST::Object& object);
 /// All channels of the object follow a removal of tiles; `source` is the topology after its update. With a `PointTopology` as
 /// source only point channels follow, otherwise only voxel channels.

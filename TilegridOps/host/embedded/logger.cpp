@@ -77,9 +77,11 @@ void Logger::setEnableTestMode(bool on) { testMode.store(on, std::memory_order_r
 
 void terminateMessage(Corvid::String const& name)
 {
-    std::lock_guard lock(terminationMutex);
-    if (terminationSink)
-        terminationSink(name);
+    std::unique_lock lock(terminationMutex);
+    const auto sink = terminationSink;
+    lock.unlock();  // the sink may itself report or be replaced
+    if (sink)
+        sink(name);
     else if (Logger::verboseLevel() > 0)
         std::cout << name << " was cancelled." << std::endl;
 }

@@ -11,6 +11,10 @@ if(TILEGRID_TREE_CHECKS)
   target_compile_definitions(tilegrid_flags INTERFACE TILEGRID_TREE_CHECKS=1)
 endif()
 
+# Instrumented templates are slow to compile, and more optimisation finds nothing more.
+if(TILEGRID_SANITIZE)
+  add_compile_options(-O1 -g1)
+endif()
 if(TILEGRID_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)

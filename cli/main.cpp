@@ -87,6 +87,28 @@ void printNodes(Options const& options, std::ostream& results)
         if (!json) results << graph::nodeHelp(node);
 }
 
+graph::Graph graphOfFile(std::string const& path)
+{
+    const std::string text = readText(path);
+    try {
+        return graph::graphFromJson(text);
+    } catch (graph::UsageError const& error) {
+        throw graph::UsageError(path + ": " + error.what());
+    } catch (io::InputError const& error) {
+        throw io::InputError(path + ": " + error.what());
+    }
+}
+
+/// Help on the node that the words begin with, if they do.
+void printHelp(Options const& options, std::ostream& results)
+{
+    graph::NodeInfo const* node = options.words.empty() ? nullptr : graph::findNode(options.words.front());
+    if (node)
+        results << graph::nodeHelp(*node);
+    else
+        results << usageText() << "\nnodes:\n" << graph::nodeList();
+}
+
 graph::Graph graphOf(Options const& options)
 {
     if (options.words.front() != "run") {
@@ -94,7 +116,7 @@ graph::Graph graphOf(Options const& options)
         return graph::parseChain(options.words, [](std::string const& path) { return std::filesystem::exists(path); });
     }
     if (options.words.size() != 2) throw graph::UsageError("run: give one file, as in `tilegrid run graph.json --set voxel=0.02`.");
-    graph::Graph graph = graph::graphFromJson(readText(options.words[1]));
+    graph::Graph graph = graphOfFile(options.words[1]);
     for (std::string const& setting : options.settings) graph::applySetting(graph, setting);
     return graph;
 }
@@ -125,7 +147,7 @@ int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
         results << "tilegrid " TILEGRID_VERSION "\n";
     } else if (options.help || options.words.empty() || options.words.front() == "help") {
         if (!options.help && options.words.empty()) throw graph::UsageError("nothing to do.\n\n" + usageText());
-        results << usageText() << "\nnodes:\n" << graph::nodeList();
+        printHelp(options, results);
     } else if (options.words.front() == "nodes") {
         printNodes(options, results);
     } else {

@@ -1,11 +1,14 @@
 #include "cli/options.h"
 
 #include "graph/error.h"
+#include "graph/registry.h"
+#include "graph/suggest.h"
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
-#include <cmath>
 #include <limits>
 #include <optional>
 
@@ -49,6 +52,27 @@ std::optional<std::string> optionValue(std::vector<std::string> const& words, st
     return words[++n];
 }
 
+/// True for `-x` and `--name`, but not for a negative number.
+bool looksLikeOption(std::string const& word)
+{
+    return word.size() > 1 && word[0] == '-' && (word[1] == '-' || std::isalpha(static_cast<unsigned char>(word[1])));
+}
+
+/// True for `--NAME` and `--NAME=...` where a step has a parameter NAME; what it may be is for the check of the step.
+bool belongsToAStep(std::string const& word)
+{
+    const std::string name = word.substr(2, word.find('=') - 2);
+    const auto has = [&](graph::NodeInfo const& node) { return node.parameter(name) != nullptr; };
+    return word.starts_with("--") && std::any_of(graph::nodes().begin(), graph::nodes().end(), has);
+}
+
+[[noreturn]] void refuseOption(std::string const& word)
+{
+    const std::vector<std::string> known = {"--help", "--version", "--threads", "--max-memory", "--progress", "--save", "--set", "--json"};
+    throw graph::UsageError("there is no option '" + word + "'." + graph::suggestion(word.substr(0, word.find('=')), known) +
+                            " `tilegrid --help` lists them; for a file of that name write ./" + word + ".");
+}
+
 }  // namespace
 
 std::uint64_t parseBytes(std::string const& text)
@@ -71,7 +95,7 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
 {
     Options options;
     options.maxMemory = threeQuartersOfTheMachine();
-    options.progress = barWanted ? ProgressForm::kBar : ProgressForm::kNone;
+    std::optional<ProgressForm> progress;
     for (std::size_t n = 0; n < arguments.size(); ++n) {
         std::string const& word = arguments[n];
         if (word == "--help" || word == "-h")
@@ -85,14 +109,18 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
         else if (const auto bytes = optionValue(arguments, n, "--max-memory"))
             options.maxMemory = parseBytes(*bytes);
         else if (const auto form = optionValue(arguments, n, "--progress"))
-            options.progress = parseProgress(*form, barWanted);
+            progress = parseProgress(*form, barWanted);
         else if (const auto file = optionValue(arguments, n, "--save"))
             options.save = *file;
         else if (const auto setting = optionValue(arguments, n, "--set"))
             options.settings.push_back(*setting);
+        else if (looksLikeOption(word) && !belongsToAStep(word))
+            refuseOption(word);
         else
             options.words.push_back(word);
     }
+    // Diagnostics go to the same terminal, and would tear the bar.
+    options.progress = progress.value_or(barWanted && options.verbose == 0 ? ProgressForm::kBar : ProgressForm::kNone);
     return options;
 }
 
@@ -100,10 +128,11 @@ std::string usageText()
 {
     return R"(usage: tilegrid STEP [! STEP]...           run a chain of steps
        tilegrid run GRAPH.json [--set NAME=VALUE]...
-       tilegrid nodes [NAME] [--json]         what steps there are, or one of them in full
+       tilegrid nodes [NAME] [--json]         what steps there are, or one of them in full (also: tilegrid NAME --help)
 
 A step is NODE [INPUT...] [FILE] [key=value...] [as=NAME]. `!` ends a step (`then` does the same, for shells that take `!`
 for themselves), as=NAME names its result, _ is the last result, and an input that is left out is the last result too.
+An input may also be a file: it is read first, with the parameters of read that stand in the step.
 Lengths are world units; 3vx means three finest voxels.
 
   tilegrid read bunny.obj voxel=0.0387 as=bunny ! info bunny ! slice bunny bunny.png ! write bunny bunny.vdb

@@ -36,6 +36,7 @@ Result readMeshFile(StepContext& step)
 Result readVolumeFile(StepContext& step)
 {
     Result volumes = io::readVdb(step.arguments.text("file"), {structureOf(step.arguments), step.maxBytes}, step.services);
+    makeNamesDistinct(volumes);
     std::string const& wanted = step.arguments.text("volume");
     if (wanted.empty()) return volumes;
     std::vector<std::string> names;
@@ -60,6 +61,8 @@ Result runWrite(StepContext& step)
         io::writeVdb(file, volume, step.services);
     } else {
         const io::TriangleMesh surface = io::extractSurface(volume);
+        // A cancelled run must not replace a file any more.
+        if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
         io::writeMesh(file, surface);
     }
@@ -78,7 +81,7 @@ NodeInfo readNode()
          .bareUnit = LengthUnit::kVoxels},
         {.name = "structure", .type = ParameterType::kEnum, .help = "how tiles divide: 2 or 5 children per axis", .defaultText = "binary",
          .choices = {"binary", "quinary"}},
-        {.name = "volume", .help = "name of the volume to take, where the file holds several", .defaultText = "", .onlyFor = kVolumeEndings},
+        {.name = "volume", .help = "name of the volume to take, where the file holds several; .2, .3, ... stand behind a name that comes again", .defaultText = "", .onlyFor = kVolumeEndings},
     };
     return node;
 }

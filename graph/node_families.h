@@ -15,6 +15,9 @@ std::vector<std::string> propertyNames(Ostara::Object const& volume);
 /// \throws io::InputError if the volume has no property of that name; says which it has
 void requireProperty(io::NamedVolume const& volume, std::string const& property);
 
+/// Gives volumes whose name an earlier one has the ends .2, .3, ..., so that each can be named.
+void makeNamesDistinct(Result& volumes);
+
 /// The parameter by which nodes that report choose their form.
 ParameterInfo jsonParameter();
 

@@ -23,6 +23,19 @@ void requireProperty(io::NamedVolume const& volume, std::string const& property)
                          (names.empty() ? " It has none." : " It has " + listed(names) + "."));
 }
 
+void makeNamesDistinct(Result& volumes)
+{
+    // Names that a file gives are never changed to make room for one made here.
+    std::vector<std::string> given, used;
+    for (io::NamedVolume const& volume : volumes) given.push_back(volume.name);
+    for (io::NamedVolume& volume : volumes) {
+        std::string name = volume.name;
+        for (int n = 2; contains(used, name) || (n > 2 && contains(given, name)); ++n) name = volume.name + "." + std::to_string(n);
+        used.push_back(name);
+        volume.name = std::move(name);
+    }
+}
+
 ParameterInfo jsonParameter()
 {
     return {.name = "json", .type = ParameterType::kBool, .help = "one JSON document in one line instead of text", .defaultText = "false"};

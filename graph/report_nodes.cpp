@@ -43,6 +43,8 @@ Result runSlice(StepContext& step)
     options.size = int(step.arguments.integer("size"));
     if (!options.property.empty()) requireProperty(step.volume(), options.property);
     const io::Image image = io::sliceImage(*step.volume().volume, options);
+    // A cancelled run must not replace a file any more.
+    if (Corvid::isJobCancelled()) return {};
     createParentFolders(step.arguments.text("file"));
     io::writePng(step.arguments.text("file"), image);
     return {};

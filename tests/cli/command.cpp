@@ -33,10 +33,8 @@ std::vector<std::string> WorkFolder::files() const
     return names;
 }
 
-CommandResult WorkFolder::run(std::vector<std::string> const& words, int interruptAfterMs) const
+pid_t WorkFolder::start(std::vector<std::string> const& words) const
 {
-    // Streams go to files outside the folder, so that its listing shows what the command itself wrote.
-    const std::string streams = folder_.string() + ".streams";
     std::vector<std::string> arguments = {TILEGRID_COMMAND};
     arguments.insert(arguments.end(), words.begin(), words.end());
     std::vector<char*> argv;
@@ -45,23 +43,46 @@ CommandResult WorkFolder::run(std::vector<std::string> const& words, int interru
 
     const pid_t child = fork();
     if (child == 0) {
-        const int out = open((streams + ".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-        const int err = open((streams + ".err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        const int out = open(stream(".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        const int err = open(stream(".err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 || chdir(folder_.c_str()) != 0) _exit(99);
         execv(argv[0], argv.data());
         _exit(99);
     }
-    if (interruptAfterMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(interruptAfterMs));
-        kill(child, SIGINT);
-    }
+    return child;
+}
+
+CommandResult WorkFolder::finish(pid_t child) const
+{
     int status = 0;
     waitpid(child, &status, 0);
+    return ended(status);
+}
+
+CommandResult WorkFolder::ended(int status) const
+{
     CommandResult result;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-    result.out = fileText(streams + ".out");
-    result.err = fileText(streams + ".err");
-    std::filesystem::remove(streams + ".out");
-    std::filesystem::remove(streams + ".err");
+    result.out = fileText(stream(".out"));
+    result.err = fileText(stream(".err"));
+    std::filesystem::remove(stream(".out"));
+    std::filesystem::remove(stream(".err"));
     return result;
+}
+
+CommandResult WorkFolder::run(std::vector<std::string> const& words) const
+{
+    return finish(start(words));
+}
+
+CommandResult WorkFolder::signalAt(std::string const& text, int signal, std::vector<std::string> const& words) const
+{
+    const pid_t child = start(words);
+    int status = 0;
+    while (fileText(stream(".err")).find(text) == std::string::npos) {
+        if (waitpid(child, &status, WNOHANG) == child) return ended(status);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    kill(child, signal);
+    return finish(child);
 }

@@ -1,4 +1,6 @@
 #pragma once
+#include <sys/types.h>
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -21,10 +23,18 @@ public:
     std::string path(std::string const& name) const { return (folder_ / name).string(); }
     /// Names of all files in it, sorted.
     std::vector<std::string> files() const;
-    /// Runs `tilegrid` with these words in the folder. `interruptAfterMs` above 0 sends SIGINT that long after the start.
-    CommandResult run(std::vector<std::string> const& words, int interruptAfterMs = 0) const;
+    /// Runs `tilegrid` with these words in the folder.
+    CommandResult run(std::vector<std::string> const& words) const;
+    /// The same, and sends a signal as soon as its standard error holds `text`.
+    CommandResult signalAt(std::string const& text, int signal, std::vector<std::string> const& words) const;
 
 private:
+    pid_t start(std::vector<std::string> const& words) const;
+    CommandResult finish(pid_t child) const;
+    CommandResult ended(int status) const;
+    /// Streams go to files outside the folder, so that its listing shows what the command itself wrote.
+    std::string stream(std::string const& ending) const { return folder_.string() + ".streams" + ending; }
+
     std::filesystem::path folder_;
 };
 

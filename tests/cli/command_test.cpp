@@ -1,6 +1,9 @@
 #include "command.h"
 
 #include <gtest/gtest.h>
+
+#include <csignal>
+
 #include <nlohmann/json.hpp>
 
 namespace {
@@ -191,13 +194,34 @@ TEST(Command, leaves_existing_output_alone_when_it_fails)
     EXPECT_EQ(folder.files(), (Words{"a.ply", "empty.obj"}));
 }
 
-TEST(Command, leaves_no_half_written_file_when_it_is_interrupted)
+TEST(Command, leaves_no_file_when_it_is_interrupted_at_work)
 {
-    const WorkFolder folder;
-    // Fine enough to run for seconds, so that the signal meets it at work wherever it is.
-    const auto result = folder.run({"read", bunny(), "voxel=0.02", "!", "write", "a.vdb", "!", "write", "a.ply"}, 300);
-    EXPECT_EQ(result.status, 130) << result.err;
-    EXPECT_TRUE(folder.files().empty()) << folder.files().front();
+    // Fine enough to run for a second, so that the signal meets it at work.
+    const Words words = {"read", bunny(), "voxel=0.03", "!", "write", "a.vdb", "!", "write", "a.ply", "--progress=json"};
+    for (int signal : {SIGINT, SIGTERM}) {
+        const WorkFolder folder;
+        const auto result = folder.signalAt("\"node\":\"read\"", signal, words);
+        EXPECT_EQ(result.status, 130) << result.err;
+        EXPECT_TRUE(holds(result.err, "cancelled"));
+        EXPECT_TRUE(folder.files().empty()) << folder.files().front();
+    }
+}
+
+TEST(Command, leaves_the_whole_file_or_none_when_it_is_interrupted_while_it_writes)
+{
+    for (std::string const name : {"a.vdb", "a.ply", "a.obj"}) {
+        const WorkFolder folder;
+        const Words words = {"read", bunny(), "voxel=0.05", "!", "write", name, "--progress=json"};
+        ASSERT_EQ(folder.run(words).status, 0);
+        const auto size = std::filesystem::file_size(folder.path(name));
+        std::ofstream(folder.path(name)) << "precious";
+        const auto result = folder.signalAt("\"node\":\"write\"", SIGINT, words);
+        // The signal may come too late, but what it meets is never in between.
+        EXPECT_TRUE(result.status == 130 || result.status == 0) << result.err;
+        EXPECT_EQ(folder.files(), Words{name});
+        const std::string text = fileText(folder.path(name));
+        EXPECT_TRUE(text == "precious" || text.size() == size) << text.size() << " bytes of " << size;
+    }
 }
 
 TEST(Command, lists_its_nodes_for_people_and_for_programs)

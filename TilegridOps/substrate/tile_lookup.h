@@ -12,8 +12,8 @@
 /// A *rung* is a depth whose tiles have bricks: for the deepest depth in use, D, the rungs are D - S, D - 2S, ... with S
 /// levels below each. A brick describes the descendants of one rung tile over those S levels, twice: as bit masks with rank
 /// counts (small, for the first visit, when its memory is cold) and as a table of codes, one per cell of the finest of its
-/// levels (one load, for further visits, and for tiles that do not lie in Morton order). A dense *top grid* of tile indices
-/// over the bounding box of one rung leads to the first brick.
+/// levels (one load, for further visits). A dense *top grid* of tile indices over the bounding box of one rung leads to the
+/// first brick; one small table per axis turns a place into the number of its top entry and of its cell in the brick.
 namespace OST::TileTree3D {
 
 template <class Tr> class Container;
@@ -45,12 +45,18 @@ template <> struct Shape<BinaryTraits> {
     /// Levels below a rung, and cells of the finest of them in a brick.
     static constexpr int span = 3;
     static constexpr int cells = 512;
-    /// Morton code of a cell: bits of x, y and z interleaved, x lowest.
-    static constexpr std::array<std::uint16_t, 8> spread = {0, 1, 8, 9, 64, 65, 72, 73};
+    static constexpr int axisCells = 8, cellBits = 9;
+    /// What a coordinate of a cell adds to the cell's number, a Morton code: bits of x, y and z interleaved, x lowest.
+    static constexpr std::uint32_t part(std::uint32_t at, int axis)
+    {
+        return ((at & 1) | (at & 2) << 2 | (at & 4) << 4) << axis;
+    }
 };
 template <> struct Shape<QuinaryTraits> {
     static constexpr int span = 1;
     static constexpr int cells = 125;
+    static constexpr int axisCells = 5, cellBits = 7;
+    static constexpr std::uint32_t part(std::uint32_t at, int axis) { return at * (axis == 0 ? 1 : axis == 1 ? 5 : 25); }
 };
 
 /// A code: the index of a tile, and how many levels it lies above the finest of its brick.
@@ -65,6 +71,16 @@ template <class Tr> constexpr TreeIndex decoded(std::uint32_t code, int rungDept
 
 }  // namespace lookup
 
+/// How the tile of a set bit is found from the number of bits before it.
+enum class BrickOrder : std::uint8_t {
+    /// The tiles of each level follow each other in Morton order: `first` plus that number.
+    counted,
+    /// The fine tiles lie apart, as after growth: an entry of the rung's list. Other levels by codes.
+    listed,
+    /// Only the codes are right.
+    coded
+};
+
 /// The masks of one brick, a bit per cell of a level that has a tile, in Morton order.
 template <class Tr> struct Brick;
 
@@ -76,8 +92,21 @@ template <> struct alignas(64) Brick<BinaryTraits> {
     /// Number of its code table, -1 for a rung tile without children.
     std::int32_t codes = -1;
     std::uint8_t coarse = 0;
-    /// Whether the tiles of each level follow each other in Morton order, so that counting bits gives indices.
-    bool consecutive = true;
+    BrickOrder order = BrickOrder::counted;
+
+    bool hasFine(int cell) const { return fine[cell >> 6] >> (cell & 63) & 1; }
+    /// Fine tiles in the cells before this one.
+    int fineBefore(int cell) const { return rank[cell >> 6] + below(fine[cell >> 6], cell & 63); }
+    int fineTiles() const { return rank[7] + std::popcount(fine[7]); }
+    /// The deepest tile above the finest level at a cell of the brick of rung tile `at`, while they are counted.
+    TreeIndex aboveFine(TreeIndex const& at, int cell) const
+    {
+        const int eighth = cell >> 6;
+        if (middle >> (cell >> 3) & 1) return {firstMiddle + below(middle, cell >> 3), at.depth + 2};
+        if (coarse >> eighth & 1) return {firstCoarse + below(coarse, eighth), at.depth + 1};
+        return at;
+    }
+    static int below(uint64 mask, int bit) { return std::popcount(mask & ((uint64(1) << bit) - 1)); }
 };
 static_assert(sizeof(Brick<BinaryTraits>) == 128);
 
@@ -86,39 +115,26 @@ template <> struct Brick<QuinaryTraits> {
     std::int32_t firstFine = 0;
     std::int32_t codes = -1;
     std::uint8_t rank[2] = {};
-    bool consecutive = true;
+    BrickOrder order = BrickOrder::counted;
+
+    bool hasFine(int cell) const { return fine[cell >> 6] >> (cell & 63) & 1; }
+    int fineBefore(int cell) const
+    {
+        return rank[cell >> 6] + std::popcount(fine[cell >> 6] & ((uint64(1) << (cell & 63)) - 1));
+    }
+    int fineTiles() const { return rank[1] + std::popcount(fine[1]); }
+    TreeIndex aboveFine(TreeIndex const& at, int) const { return at; }
 };
 static_assert(sizeof(Brick<QuinaryTraits>) == 32);
-
-namespace lookup {
-
-/// The deepest tile at a cell of the brick of rung tile `at`, by the masks; they hold while tiles are consecutive.
-inline TreeIndex deepestByMasks(Brick<BinaryTraits> const& brick, TreeIndex const& at, int cell)
-{
-    const auto below = [](uint64 mask, int bit) { return std::popcount(mask & ((uint64(1) << bit) - 1)); };
-    const int word = cell >> 6, bit = cell & 63;
-    if (brick.fine[word] >> bit & 1) return {brick.firstFine + brick.rank[word] + below(brick.fine[word], bit), at.depth + 3};
-    if (brick.middle >> (cell >> 3) & 1) return {brick.firstMiddle + below(brick.middle, cell >> 3), at.depth + 2};
-    if (brick.coarse >> word & 1) return {brick.firstCoarse + below(brick.coarse, word), at.depth + 1};
-    return at;
-}
-
-inline TreeIndex deepestByMasks(Brick<QuinaryTraits> const& brick, TreeIndex const& at, int cell)
-{
-    const int word = cell / 64, bit = cell % 64;
-    if (!(brick.fine[word] >> bit & 1)) return at;
-    return {brick.firstFine + brick.rank[word] + std::popcount(brick.fine[word] & ((uint64(1) << bit) - 1)), at.depth + 1};
-}
-
-}  // namespace lookup
 
 template <class Tr> class TILEGRID_API TileLookup {
     using Shape = lookup::Shape<Tr>;
 
 public:
-    /// Where the last query of an accessor ended: a rung tile (a place in it, or its low corner) and the codes of its brick.
-    /// Reset it when the tree has changed.
+    /// Where the last query of an accessor ended: the codes of a brick and its top entry, or (with more than one rung) the
+    /// low corner of its rung tile. Reset it when the tree has changed.
     struct Cursor {
+        std::uint32_t entry = UINT32_MAX;
         std::uint32_t x = 0, y = 0, z = 0;
         std::uint32_t const* codes = nullptr;
     };
@@ -135,9 +151,21 @@ public:
     /// tree itself can tell. Only when built.
     TreeIndex find(int i, int j, int k, Cursor& cursor) const
     {
-        const Place place{fromLow(i), fromLow(j), fromLow(k)};
-        if (cursor.codes && sameRungTile(place, cursor)) return decoded(cursor.codes[cellNear(place, cursor)], finest_.depth);
-        return topIsFinest_ ? locate(place, cursor) : locateThroughRungs(place, cursor);
+        const std::uint32_t x = fromLow(i) - top_.low[0], y = fromLow(j) - top_.low[1], z = fromLow(k) - top_.low[2];
+        if (x >= top_.extent[0] || y >= top_.extent[1] || z >= top_.extent[2]) return {};
+        const std::uint32_t at = top_.axis[0][top_.cellOf(x)] + top_.axis[1][top_.cellOf(y)] + top_.axis[2][top_.cellOf(z)];
+        const std::uint32_t entry = at >> Shape::cellBits;
+        const int cell = int(at & ((1u << Shape::cellBits) - 1));
+        if (entry == cursor.entry) return decoded(cursor.codes[cell], finest_.depth);
+        const std::int32_t top = top_.cells[entry];
+        if (top < 0) return coarseTile(top);
+        if (!topIsFinest_) return locateThroughRungs(top, cell, {fromLow(i), fromLow(j), fromLow(k)}, cursor);
+        Brick<Tr> const& brick = finest_.bricks[std::size_t(top)];
+        if (brick.codes >= 0) {
+            cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
+            cursor.entry = entry;
+        }
+        return descend(finest_, brick, top, cell);
     }
 
 private:
@@ -147,102 +175,63 @@ private:
     };
     struct Rung {
         int depth = 0;
-        /// Binary: log2 of the width of its tiles. Quinary: that width, and a divider by the width of a cell of its bricks.
-        int shift = 0;
-        std::uint32_t width = 1;
-        WidthDivider byCell;
+        std::uint32_t width = 1, cellWidth = 1;
         tilegrid::Slab<Brick<Tr>> bricks;
         tilegrid::Slab<std::array<std::uint32_t, Shape::cells>> codes;
+        /// Indices of the fine tiles of listed bricks, brick after brick in Morton order.
+        tilegrid::Slab<std::int32_t> listed;
     };
+    /// The box of a rung's tiles, and for each of its entries the index of the rung tile; negative:
+    /// ~(depth << 26 | index) of the coarser tile that covers the entry; kOutside.
     struct TopGrid {
-        std::uint32_t low[3] = {}, size[3] = {};
-        /// Index of the rung tile; negative: ~(depth << 26 | index) of the coarser tile that covers the cell; kOutside.
+        std::uint32_t low[3] = {}, extent[3] = {}, size[3] = {};
         tilegrid::Slab<std::int32_t> cells;
-    };
-    /// A place seen from a rung: which tile of the rung's lattice, and which cell of its brick.
-    struct Split {
-        std::uint32_t x, y, z;
-        int cell;
+        /// Per axis, what a cell of the rung's bricks adds: number of the entry above `cellBits` bits for that of the cell.
+        tilegrid::Slab<std::uint32_t> axis[3];
+        /// Binary: log2 of the width of a cell. Quinary: a divider by it.
+        int cellShift = 0;
+        WidthDivider byCell;
+
+        std::uint32_t cellOf(std::uint32_t along) const
+        {
+            if constexpr (Tr::branching == 2)
+                return along >> cellShift;
+            else
+                return byCell(along);
+        }
     };
     static constexpr std::int32_t kOutside = INT32_MIN;
 
     static std::uint32_t fromLow(std::int32_t v) { return std::uint32_t(v) - std::uint32_t(Tr::rangeMin); }
-    static int interleaved(std::uint32_t x, std::uint32_t y, std::uint32_t z, int shift)
-    {
-        constexpr auto& spread = lookup::Shape<BinaryTraits>::spread;
-        return spread[x >> shift & 7] | spread[y >> shift & 7] << 1 | spread[z >> shift & 7] << 2;
-    }
-    static Split split(Rung const& rung, Place const& p)
-    {
-        if constexpr (Tr::branching == 2) {
-            return {p.x >> rung.shift, p.y >> rung.shift, p.z >> rung.shift, interleaved(p.x, p.y, p.z, rung.shift - Shape::span)};
-        } else {
-            const std::uint32_t x = rung.byCell(p.x), y = rung.byCell(p.y), z = rung.byCell(p.z);
-            return {x / 5, y / 5, z / 5, int(x % 5 + 5 * (y % 5) + 25 * (z % 5))};
-        }
-    }
-    bool sameRungTile(Place const& p, Cursor const& cursor) const
-    {
-        if constexpr (Tr::branching == 2)
-            return ((p.x ^ cursor.x) | (p.y ^ cursor.y) | (p.z ^ cursor.z)) >> finest_.shift == 0;
-        else
-            return p.x - cursor.x < finest_.width && p.y - cursor.y < finest_.width && p.z - cursor.z < finest_.width;
-    }
-    /// Cell of a place in the cursor's rung tile.
-    int cellNear(Place const& p, Cursor const& cursor) const
-    {
-        if constexpr (Tr::branching == 2)
-            return interleaved(p.x, p.y, p.z, finest_.shift - Shape::span);
-        else
-            return int(finest_.byCell(p.x - cursor.x) + 5 * finest_.byCell(p.y - cursor.y) + 25 * finest_.byCell(p.z - cursor.z));
-    }
     static TreeIndex decoded(std::uint32_t code, int rungDepth) { return lookup::decoded<Tr>(code, rungDepth); }
-    std::int32_t topCell(Split const& at) const
-    {
-        const std::uint32_t cx = at.x - top_.low[0], cy = at.y - top_.low[1], cz = at.z - top_.low[2];
-        if (cx >= top_.size[0] || cy >= top_.size[1] || cz >= top_.size[2]) return kOutside;
-        return top_.cells[(std::size_t(cz) * top_.size[1] + cy) * top_.size[0] + cx];
-    }
     static TreeIndex coarseTile(std::int32_t top)
     {
         const auto packed = std::uint32_t(~top);
         return top == kOutside ? TreeIndex{} : TreeIndex{int64(packed & ((1u << 26) - 1)), int(packed >> 26)};
     }
-    /// The first visit, where the top grid leads straight to the finest rung.
-    TreeIndex locate(Place const& place, Cursor& cursor) const
+    /// The deepest tile in the brick of rung tile `index`.
+    static TreeIndex descend(Rung const& rung, Brick<Tr> const& brick, int64 index, int cell)
     {
-        const Split at = split(finest_, place);
-        const std::int32_t top = topCell(at);
-        return top < 0 ? coarseTile(top) : visit(top, place, at, cursor);
-    }
-    TreeIndex locateThroughRungs(Place const& place, Cursor& cursor) const;
-    /// The deepest tile in the brick of finest rung tile `index`; the cursor moves there.
-    TreeIndex visit(int64 index, Place const& place, Split const& at, Cursor& cursor) const
-    {
-        Brick<Tr> const& brick = finest_.bricks[std::size_t(index)];
-        if (brick.codes >= 0) {
-            cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
-            // Any place of the rung tile serves where only high bits are compared; the other structure needs its corner.
-            if constexpr (Tr::branching == 2)
-                cursor.x = place.x, cursor.y = place.y, cursor.z = place.z;
-            else
-                cursor.x = at.x * finest_.width, cursor.y = at.y * finest_.width, cursor.z = at.z * finest_.width;
+        if (brick.hasFine(cell)) {
+            const int at = brick.firstFine + brick.fineBefore(cell);
+            if (brick.order == BrickOrder::counted) return {at, rung.depth + Shape::span};
+            if (brick.order == BrickOrder::listed) return {rung.listed[std::size_t(at)], rung.depth + Shape::span};
+        } else if (brick.order == BrickOrder::counted) {
+            return brick.aboveFine({index, rung.depth}, cell);
         }
-        return descend(finest_, index, at.cell);
-    }
-    static TreeIndex descend(Rung const& rung, int64 index, int cell)
-    {
-        Brick<Tr> const& brick = rung.bricks[std::size_t(index)];
-        if (brick.consecutive) return lookup::deepestByMasks(brick, {index, rung.depth}, cell);
         return decoded(rung.codes[std::size_t(brick.codes)][std::size_t(cell)], rung.depth);
     }
+    static int cellIn(Rung const& rung, Place const& place);
+    TreeIndex locateThroughRungs(int64 index, int cell, Place const& place, Cursor& cursor) const;
 
     bool chooseRungs(Container<Tr> const& container, int deepest);
     void setRung(Rung& rung, int depth) const;
-    bool placeTop(Container<Tr> const& container, Rung const& rung);
+    bool placeTop(Container<Tr> const& container, Rung const& rung, int64 deepestTiles);
+    void fillAxes(Rung const& rung);
     void fillTop(Container<Tr> const& container, Rung const& rung, TreeIndex const& at);
     void fillTopBox(Rung const& rung, std::uint32_t const low[3], std::uint32_t width, std::int32_t value);
     void buildBricks(Container<Tr> const& container, Rung& rung);
+    void listFineTiles(Rung& rung);
 
     Rung finest_;
     TopGrid top_;

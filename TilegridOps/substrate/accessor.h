@@ -27,14 +27,8 @@ public:
     TreeIndex find(int i, int j, int k, int depth) const
     {
         if (version_ != container_->version()) refresh();
-        if (lookup_) {
-            const TreeIndex found = lookup_->find(i, j, k, cursor_);
-            if (found.depth <= depth && found.valid()) return found;
-            if (found.valid()) return container_->find(i, j, k, depth, found);
-        }
-        const TreeIndex found = container_->find(i, j, k, depth, last_);
-        if (found.valid()) last_ = found;
-        return found;
+        const TreeIndex found = lookup_->find(i, j, k, cursor_);
+        return found.depth <= depth && found.index >= 0 ? found : walk(i, j, k, depth, found);
     }
     /// The tile one tile width away in that direction; if no tile of the same depth is there, the finest one that covers
     /// the place; `valid()` false outside every tile. Needs no table and is right at any time.
@@ -57,9 +51,18 @@ public:
     }
 
 private:
-    void refresh() const
+    /// For a depth above that of the tile found, and where the lookup knows of no tile.
+    [[gnu::noinline]] TreeIndex walk(int i, int j, int k, int depth, TreeIndex found) const
+    {
+        if (found.valid()) return container_->find(i, j, k, depth, found);
+        const TreeIndex tile = container_->find(i, j, k, depth, last_);
+        if (tile.valid()) last_ = tile;
+        return tile;
+    }
+    [[gnu::noinline]] void refresh() const
     {
         lookup_ = container_->lookup();
+        if (!lookup_) lookup_ = &TileLookup<Tr>::none();
         version_ = container_->version();
         cursor_ = {};
     }

@@ -3,8 +3,8 @@
 #include "TilegridOps/substrate/slab.h"
 #include "TilegridOps/substrate/tile.h"
 
-#include <array>
 #include <bit>
+#include <utility>
 #include <vector>
 
 /// Point location without a walk from the root.
@@ -18,20 +18,19 @@ namespace OST::TileTree3D {
 
 template <class Tr> class Container;
 
-/// Exact division of an unsigned place by a tile width.
+/// Exact division of an unsigned place by a tile width above 1: with f = ceil(2^64 / d), floor(n f / 2^64) = floor(n / d) while
+/// n d < 2^64.
 class WidthDivider {
 public:
     constexpr WidthDivider() = default;
-    /// For dividends below 2^31: with f = ceil(2^s / d) and s = 31 + ceil(log2 d), floor(n f / 2^s) = floor(n / d).
-    constexpr explicit WidthDivider(std::uint32_t divisor)
-        : shift_(31 + std::bit_width(divisor - 1)), factor_(((uint64(1) << shift_) + divisor - 1) / divisor)
+    constexpr explicit WidthDivider(std::uint32_t divisor) : factor_(~uint64(0) / divisor + 1) {}
+    constexpr std::uint32_t operator()(std::uint32_t n) const
     {
+        return static_cast<std::uint32_t>(static_cast<unsigned __int128>(factor_) * n >> 64);
     }
-    constexpr std::uint32_t operator()(std::uint32_t n) const { return static_cast<std::uint32_t>((n * factor_) >> shift_); }
 
 private:
-    int shift_ = 31;
-    uint64 factor_ = uint64(1) << 31;
+    uint64 factor_ = 0;
 };
 
 namespace lookup {
@@ -45,7 +44,13 @@ template <> struct Shape<BinaryTraits> {
     /// Levels below a rung, and cells of the finest of them in a brick.
     static constexpr int span = 3;
     static constexpr int cells = 512;
+    /// Entries of a code table: behind those of the cells, one for each cell of the level above.
+    static constexpr int codes = 512 + 64;
     static constexpr int axisCells = 8, cellBits = 9;
+    static constexpr int brickSize = 128;
+    using Rank = std::uint16_t;
+    /// Entry for what lies above the finest level.
+    static constexpr int above(int cell) { return 512 + (cell >> 3); }
     /// What a coordinate of a cell adds to the cell's number, a Morton code: bits of x, y and z interleaved, x lowest.
     static constexpr std::uint32_t part(std::uint32_t at, int axis)
     {
@@ -55,9 +60,22 @@ template <> struct Shape<BinaryTraits> {
 template <> struct Shape<QuinaryTraits> {
     static constexpr int span = 1;
     static constexpr int cells = 125;
+    static constexpr int codes = 125 + 1;
     static constexpr int axisCells = 5, cellBits = 7;
-    static constexpr std::uint32_t part(std::uint32_t at, int axis) { return at * (axis == 0 ? 1 : axis == 1 ? 5 : 25); }
+    static constexpr int brickSize = 32;
+    using Rank = std::uint8_t;
+    static constexpr int above(int) { return 125; }
+    static constexpr std::uint32_t part(std::uint32_t at, int axis)
+    {
+        return at * (axis == 0 ? 1 : axis == 1 ? 5 : 25);
+    }
 };
+
+/// `a` if `first`, else `b`, without a branch whatever the compiler thinks of its chances.
+constexpr std::int32_t select(bool first, std::int32_t a, std::int32_t b)
+{
+    return b + ((a - b) & -std::int32_t(first));
+}
 
 /// A code: the index of a tile, and how many levels it lies above the finest of its brick.
 constexpr std::uint32_t encoded(int64 index, int levelsAboveFinest)
@@ -71,73 +89,62 @@ template <class Tr> constexpr TreeIndex decoded(std::uint32_t code, int rungDept
 
 }  // namespace lookup
 
-/// How the tile of a set bit is found from the number of bits before it.
+/// How the fine tile of a set bit is found from the number of bits before it.
 enum class BrickOrder : std::uint8_t {
-    /// The tiles of each level follow each other in Morton order: `first` plus that number.
+    /// They follow each other: `firstFine` plus that number.
     counted,
-    /// The fine tiles lie apart, as after growth: an entry of the rung's list. Other levels by codes.
+    /// They lie apart, as after growth: an entry of the rung's list.
     listed,
-    /// Only the codes are right.
+    /// The bits are out of date: only the codes are right.
     coded
 };
 
-/// The masks of one brick, a bit per cell of a level that has a tile, in Morton order.
-template <class Tr> struct Brick;
+/// What the finest level of one brick looks like: a bit per cell that has a tile.
+template <class Tr> struct alignas(lookup::Shape<Tr>::brickSize) Brick {
+    static constexpr int words = (lookup::Shape<Tr>::cells + 63) / 64;
 
-template <> struct alignas(64) Brick<BinaryTraits> {
-    uint64 fine[8] = {};
-    std::uint16_t rank[8] = {};
-    uint64 middle = 0;
-    std::int32_t firstFine = 0, firstMiddle = 0, firstCoarse = 0;
+    uint64 fine[words] = {};
+    std::int32_t firstFine = 0;
     /// Number of its code table, -1 for a rung tile without children.
     std::int32_t codes = -1;
-    std::uint8_t coarse = 0;
+    /// The tile that the brick describes, or that covers its place.
+    std::int32_t self = -1;
+    std::int8_t selfDepth = -1;
     BrickOrder order = BrickOrder::counted;
+    /// Bits set before each word.
+    typename lookup::Shape<Tr>::Rank rank[words] = {};
 
     bool hasFine(int cell) const { return fine[cell >> 6] >> (cell & 63) & 1; }
-    /// Fine tiles in the cells before this one.
-    int fineBefore(int cell) const { return rank[cell >> 6] + below(fine[cell >> 6], cell & 63); }
-    int fineTiles() const { return rank[7] + std::popcount(fine[7]); }
-    /// The deepest tile above the finest level at a cell of the brick of rung tile `at`, while they are counted.
-    TreeIndex aboveFine(TreeIndex const& at, int cell) const
-    {
-        const int eighth = cell >> 6;
-        if (middle >> (cell >> 3) & 1) return {firstMiddle + below(middle, cell >> 3), at.depth + 2};
-        if (coarse >> eighth & 1) return {firstCoarse + below(coarse, eighth), at.depth + 1};
-        return at;
-    }
-    static int below(uint64 mask, int bit) { return std::popcount(mask & ((uint64(1) << bit) - 1)); }
-};
-static_assert(sizeof(Brick<BinaryTraits>) == 128);
-
-template <> struct Brick<QuinaryTraits> {
-    uint64 fine[2] = {};
-    std::int32_t firstFine = 0;
-    std::int32_t codes = -1;
-    std::uint8_t rank[2] = {};
-    BrickOrder order = BrickOrder::counted;
-
-    bool hasFine(int cell) const { return fine[cell >> 6] >> (cell & 63) & 1; }
+    /// Fine tiles in the cells before this one, which has one.
     int fineBefore(int cell) const
     {
-        return rank[cell >> 6] + std::popcount(fine[cell >> 6] & ((uint64(1) << (cell & 63)) - 1));
+        return rank[cell >> 6] + std::popcount(fine[cell >> 6] << (63 - (cell & 63))) - 1;
     }
-    int fineTiles() const { return rank[1] + std::popcount(fine[1]); }
-    TreeIndex aboveFine(TreeIndex const& at, int) const { return at; }
+    int fineTiles() const { return rank[words - 1] + std::popcount(fine[words - 1]); }
+    void setRanks()
+    {
+        for (int word = 1; word < words; ++word)
+            rank[word] = typename lookup::Shape<Tr>::Rank(rank[word - 1] + std::popcount(fine[word - 1]));
+    }
 };
-static_assert(sizeof(Brick<QuinaryTraits>) == 32);
+static_assert(sizeof(Brick<BinaryTraits>) == lookup::Shape<BinaryTraits>::brickSize);
+static_assert(sizeof(Brick<QuinaryTraits>) == lookup::Shape<QuinaryTraits>::brickSize);
 
 template <class Tr> class TILEGRID_API TileLookup {
     using Shape = lookup::Shape<Tr>;
+    static constexpr std::uint32_t kNoEntry = UINT32_MAX;
 
 public:
     /// Where the last query of an accessor ended: the codes of a brick and its top entry, or (with more than one rung) the
     /// low corner of its rung tile. Reset it when the tree has changed.
     struct Cursor {
-        std::uint32_t entry = UINT32_MAX;
+        std::uint32_t entry = kNoEntry;
         std::uint32_t x = 0, y = 0, z = 0;
         std::uint32_t const* codes = nullptr;
     };
+
+    /// Of a tree about which nothing is known: finds no tile.
+    static TileLookup const& none();
 
     bool built() const { return built_; }
     void clear() { built_ = false; }
@@ -151,21 +158,21 @@ public:
     /// tree itself can tell. Only when built.
     TreeIndex find(int i, int j, int k, Cursor& cursor) const
     {
-        const std::uint32_t x = fromLow(i) - top_.low[0], y = fromLow(j) - top_.low[1], z = fromLow(k) - top_.low[2];
+        const std::uint32_t x = std::uint32_t(i) - top_.origin[0], y = std::uint32_t(j) - top_.origin[1],
+                            z = std::uint32_t(k) - top_.origin[2];
         if (x >= top_.extent[0] || y >= top_.extent[1] || z >= top_.extent[2]) return {};
-        const std::uint32_t at = top_.axis[0][top_.cellOf(x)] + top_.axis[1][top_.cellOf(y)] + top_.axis[2][top_.cellOf(z)];
+        const std::uint32_t at =
+            top_.axis[0][top_.cellOf(x)] + top_.axis[1][top_.cellOf(y)] + top_.axis[2][top_.cellOf(z)];
         const std::uint32_t entry = at >> Shape::cellBits;
         const int cell = int(at & ((1u << Shape::cellBits) - 1));
         if (entry == cursor.entry) return decoded(cursor.codes[cell], finest_.depth);
-        const std::int32_t top = top_.cells[entry];
-        if (top < 0) return coarseTile(top);
+        const std::uint32_t top = top_.cells[entry];
         if (!topIsFinest_) return locateThroughRungs(top, cell, {fromLow(i), fromLow(j), fromLow(k)}, cursor);
-        Brick<Tr> const& brick = finest_.bricks[std::size_t(top)];
-        if (brick.codes >= 0) {
-            cursor.codes = finest_.codes[std::size_t(brick.codes)].data();
-            cursor.entry = entry;
-        }
-        return descend(finest_, brick, top, cell);
+        Brick<Tr> const& brick = finest_.bricks[top];
+        const std::int32_t codes = brick.codes;
+        cursor.entry = entry | std::uint32_t(codes >> 31);  // kNoEntry without codes
+        cursor.codes = finest_.codesAt(codes);
+        return descend(finest_, brick, cell);
     }
 
 private:
@@ -176,16 +183,30 @@ private:
     struct Rung {
         int depth = 0;
         std::uint32_t width = 1, cellWidth = 1;
+        /// Of the rung's tiles by index. Behind them, in the rung of the top grid, bricks without descendants: one that stands
+        /// for no tile at all, then one for each coarser tile.
         tilegrid::Slab<Brick<Tr>> bricks;
-        tilegrid::Slab<std::array<std::uint32_t, Shape::cells>> codes;
+        /// Code tables, one after the other.
+        tilegrid::Slab<std::uint32_t> codes;
         /// Indices of the fine tiles of listed bricks, brick after brick in Morton order.
         tilegrid::Slab<std::int32_t> listed;
+
+        /// Any table, if `table` is -1: there is always one.
+        std::uint32_t const* codesAt(std::int32_t table) const
+        {
+            return codes.data() + std::size_t(table & ~(table >> 31)) * Shape::codes;
+        }
+        std::uint32_t const* codesOf(Brick<Tr> const& brick) const { return codesAt(brick.codes); }
+        std::uint32_t* codesOf(Brick<Tr> const& brick)
+        {
+            return const_cast<std::uint32_t*>(std::as_const(*this).codesOf(brick));
+        }
     };
-    /// The box of a rung's tiles, and for each of its entries the index of the rung tile; negative:
-    /// ~(depth << 26 | index) of the coarser tile that covers the entry; kOutside.
+    /// The box of a rung's tiles, and for each of its entries the number of the brick there.
     struct TopGrid {
-        std::uint32_t low[3] = {}, extent[3] = {}, size[3] = {};
-        tilegrid::Slab<std::int32_t> cells;
+        /// Low corner in tile space (the low one as unsigned, so that differences are right), extent, and entries per axis.
+        std::uint32_t origin[3] = {}, extent[3] = {}, size[3] = {};
+        tilegrid::Slab<std::uint32_t> cells;
         /// Per axis, what a cell of the rung's bricks adds: number of the entry above `cellBits` bits for that of the cell.
         tilegrid::Slab<std::uint32_t> axis[3];
         /// Binary: log2 of the width of a cell. Quinary: a divider by it.
@@ -200,36 +221,34 @@ private:
                 return byCell(along);
         }
     };
-    static constexpr std::int32_t kOutside = INT32_MIN;
-
     static std::uint32_t fromLow(std::int32_t v) { return std::uint32_t(v) - std::uint32_t(Tr::rangeMin); }
     static TreeIndex decoded(std::uint32_t code, int rungDepth) { return lookup::decoded<Tr>(code, rungDepth); }
-    static TreeIndex coarseTile(std::int32_t top)
+    /// The deepest tile at a cell of a brick. At random places there is no telling which of the coarser levels it belongs to,
+    /// so nothing branches on it.
+    static TreeIndex descend(Rung const& rung, Brick<Tr> const& brick, int cell)
     {
-        const auto packed = std::uint32_t(~top);
-        return top == kOutside ? TreeIndex{} : TreeIndex{int64(packed & ((1u << 26) - 1)), int(packed >> 26)};
-    }
-    /// The deepest tile in the brick of rung tile `index`.
-    static TreeIndex descend(Rung const& rung, Brick<Tr> const& brick, int64 index, int cell)
-    {
-        if (brick.hasFine(cell)) {
-            const int at = brick.firstFine + brick.fineBefore(cell);
-            if (brick.order == BrickOrder::counted) return {at, rung.depth + Shape::span};
-            if (brick.order == BrickOrder::listed) return {rung.listed[std::size_t(at)], rung.depth + Shape::span};
-        } else if (brick.order == BrickOrder::counted) {
-            return brick.aboveFine({index, rung.depth}, cell);
+        const bool fine = brick.hasFine(cell);
+        const std::int32_t at = brick.firstFine + brick.fineBefore(cell);
+        if constexpr (Shape::span == 1) {
+            if (brick.order == BrickOrder::counted)
+                return {lookup::select(fine, at, brick.self), brick.selfDepth + fine};
         }
-        return decoded(rung.codes[std::size_t(brick.codes)][std::size_t(cell)], rung.depth);
+        if (fine && brick.order != BrickOrder::coded)
+            return {brick.order == BrickOrder::counted ? at : rung.listed[std::size_t(at)], rung.depth + Shape::span};
+        const int entry = brick.order == BrickOrder::coded ? cell : Shape::above(cell);
+        const TreeIndex tile = decoded(rung.codesAt(brick.codes)[entry], rung.depth);
+        const bool hasCodes = brick.codes >= 0;
+        return {lookup::select(hasCodes, std::int32_t(tile.index), brick.self), lookup::select(hasCodes, tile.depth, brick.selfDepth)};
     }
     static int cellIn(Rung const& rung, Place const& place);
-    TreeIndex locateThroughRungs(int64 index, int cell, Place const& place, Cursor& cursor) const;
+    TreeIndex locateThroughRungs(std::uint32_t top, int cell, Place const& place, Cursor& cursor) const;
 
     bool chooseRungs(Container<Tr> const& container, int deepest);
     void setRung(Rung& rung, int depth) const;
     bool placeTop(Container<Tr> const& container, Rung const& rung, int64 deepestTiles);
     void fillAxes(Rung const& rung);
-    void fillTop(Container<Tr> const& container, Rung const& rung, TreeIndex const& at);
-    void fillTopBox(Rung const& rung, std::uint32_t const low[3], std::uint32_t width, std::int32_t value);
+    void fillTop(Container<Tr> const& container, Rung& rung, TreeIndex const& at);
+    void fillTopBox(Rung const& rung, std::uint32_t const low[3], std::uint32_t width, std::uint32_t brick);
     void buildBricks(Container<Tr> const& container, Rung& rung);
     void listFineTiles(Rung& rung);
 

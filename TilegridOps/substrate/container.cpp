@@ -268,8 +268,11 @@ template <class Tr> TreeIndex Container<Tr>::addTile(VoxelCoord const& place, Tr
     if (!insideRange<Tr>(place.i, place.j, place.k) || place.depth < 0 || place.depth > Tr::maxDepth) return {};
     TreeIndex at = find(place.i, place.j, place.k, place.depth, hint);
     if (at.depth == place.depth) return at;
-    if (!at.valid()) at = addRoot(tileCorner<Tr>(place.i, place.j, place.k, 0), 0);
     const bool follow = lookupCurrent_.load(std::memory_order_relaxed);
+    if (!at.valid()) {
+        at = addRoot(tileCorner<Tr>(place.i, place.j, place.k, 0), 0);
+        if (follow) lookup_.tileAdded(*this, at);
+    }
     while (at.depth < place.depth) {
         const int3 cell = tile(at).childIJK(place.i, place.j, place.k);
         at = addChild(at, flatIndex(Tr::branching, cell.x, cell.y, cell.z));

@@ -28,10 +28,9 @@ template <class Tr> void setFine(Brick<Tr>& brick, std::uint32_t* codes, int cel
 }
 
 /// Describes the descendants of a rung tile.
-void fillBrick(Container<BinaryTraits> const& container, TreeIndex const& at, Brick<BinaryTraits>& brick,
-               std::uint32_t* codes)
+void fillBrick(Container<BinaryTraits> const& container, TreeIndex const& at, Brick<BinaryTraits>& brick, std::uint32_t* codes,
+               std::uint32_t* above)
 {
-    std::uint32_t* above = codes + 512;
     int count = 0;
     std::fill_n(above, 64, encoded(at.index, 3));
     auto const& tile = container.tile(at);
@@ -52,11 +51,12 @@ void fillBrick(Container<BinaryTraits> const& container, TreeIndex const& at, Br
     }
 }
 
-void fillBrick(Container<QuinaryTraits> const& container, TreeIndex const& at, Brick<QuinaryTraits>& brick,
-               std::uint32_t* codes)
+void fillBrick(Container<QuinaryTraits> const& container, TreeIndex const& at, Brick<QuinaryTraits>& brick, std::uint32_t* codes,
+               std::uint32_t* above)
 {
     int count = 0;
-    std::fill_n(codes, 126, encoded(at.index, 1));
+    *above = encoded(at.index, 1);
+    std::fill_n(codes, 125, *above);
     auto const& tile = container.tile(at);
     for (int cell = 0; cell < 125; ++cell)
         if (tile.childIndex(cell) >= 0) setFine(brick, codes, cell, tile.childIndex(cell), count);
@@ -173,11 +173,13 @@ template <class Tr> void TileLookup<Tr>::buildBricks(Container<Tr> const& contai
         brick.selfDepth = std::int8_t(rung.depth);
         if (!container.tile(n, rung.depth).isLeaf()) brick.codes = tables++;
     }
-    rung.codes.resize(std::size_t(std::max(tables, 1)) * Shape::codes);
+    rung.codes.resize(std::size_t(std::max(tables, 1)) * Shape::cells);
+    rung.above.resize(std::size_t(std::max(tables, 1)) * Shape::groups);
     tilegrid::parallel::forRanges(0, tiles, 32, [&](int64 begin, int64 end) {
         for (int64 n = begin; n < end; ++n)
             if (rung.bricks[n].codes >= 0) {
-                fillBrick(container, {n, rung.depth}, rung.bricks[n], rung.codesOf(rung.bricks[n]));
+                fillBrick(container, {n, rung.depth}, rung.bricks[n], rung.codesOf(rung.bricks[n]),
+                          rung.above.data() + std::size_t(rung.bricks[n].codes) * Shape::groups);
                 rung.bricks[n].setRanks();
             }
     });
@@ -273,9 +275,10 @@ template <class Tr> void TileLookup<Tr>::tileAdded(Container<Tr> const& containe
     while (rungTile.depth > finest_.depth) rungTile = container.tile(rungTile).parentTreeIndex();
     Brick<Tr>& brick = finest_.bricks[std::size_t(rungTile.index)];
     if (brick.codes < 0) {
-        brick.codes = std::int32_t(finest_.codes.size() / Shape::codes);
-        finest_.codes.resize(finest_.codes.size() + Shape::codes);
-        std::fill_n(finest_.codesOf(brick), Shape::codes, encoded(rungTile.index, Shape::span));
+        brick.codes = std::int32_t(finest_.codes.size() / Shape::cells);
+        finest_.codes.resize(finest_.codes.size() + Shape::cells);
+        finest_.above.resize(finest_.above.size() + Shape::groups);
+        std::fill_n(finest_.codesOf(brick), Shape::cells, encoded(rungTile.index, Shape::span));
     }
     brick.order = BrickOrder::coded;
     int covered = 1;
@@ -294,6 +297,7 @@ template <class Tr> void TileLookup<Tr>::memUse(std::size_t& used, std::size_t& 
     const auto addRung = [&](Rung const& rung) {
         add(rung.bricks);
         add(rung.codes);
+        add(rung.above);
         add(rung.listed);
     };
     add(top_.cells);

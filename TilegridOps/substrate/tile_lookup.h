@@ -44,13 +44,12 @@ template <> struct Shape<BinaryTraits> {
     /// Levels below a rung, and cells of the finest of them in a brick.
     static constexpr int span = 3;
     static constexpr int cells = 512;
-    /// Entries of a code table: behind those of the cells, one for each cell of the level above.
-    static constexpr int codes = 512 + 64;
+    /// Cells of the level above the finest.
+    static constexpr int groups = 64;
+    static constexpr int group(int cell) { return cell >> 3; }
     static constexpr int axisCells = 8, cellBits = 9;
     static constexpr int brickSize = 128;
     using Rank = std::uint16_t;
-    /// Entry for what lies above the finest level.
-    static constexpr int above(int cell) { return 512 + (cell >> 3); }
     /// What a coordinate of a cell adds to the cell's number, a Morton code: bits of x, y and z interleaved, x lowest.
     static constexpr std::uint32_t part(std::uint32_t at, int axis)
     {
@@ -60,11 +59,11 @@ template <> struct Shape<BinaryTraits> {
 template <> struct Shape<QuinaryTraits> {
     static constexpr int span = 1;
     static constexpr int cells = 125;
-    static constexpr int codes = 125 + 1;
+    static constexpr int groups = 1;
+    static constexpr int group(int) { return 0; }
     static constexpr int axisCells = 5, cellBits = 7;
     static constexpr int brickSize = 32;
     using Rank = std::uint8_t;
-    static constexpr int above(int) { return 125; }
     static constexpr std::uint32_t part(std::uint32_t at, int axis)
     {
         return at * (axis == 0 ? 1 : axis == 1 ? 5 : 25);
@@ -186,15 +185,19 @@ private:
         /// Of the rung's tiles by index. Behind them, in the rung of the top grid, bricks without descendants: one that stands
         /// for no tile at all, then one for each coarser tile.
         tilegrid::Slab<Brick<Tr>> bricks;
-        /// Code tables, one after the other.
-        tilegrid::Slab<std::uint32_t> codes;
+        /// Code tables, one after the other, and what they hold where there is no fine tile, by groups of cells.
+        tilegrid::Slab<std::uint32_t> codes, above;
         /// Indices of the fine tiles of listed bricks, brick after brick in Morton order.
         tilegrid::Slab<std::int32_t> listed;
 
         /// Any table, if `table` is -1: there is always one.
         std::uint32_t const* codesAt(std::int32_t table) const
         {
-            return codes.data() + std::size_t(table & ~(table >> 31)) * Shape::codes;
+            return codes.data() + std::size_t(table & ~(table >> 31)) * Shape::cells;
+        }
+        std::uint32_t const* aboveOf(Brick<Tr> const& brick) const
+        {
+            return above.data() + std::size_t(brick.codes & ~(brick.codes >> 31)) * Shape::groups;
         }
         std::uint32_t const* codesOf(Brick<Tr> const& brick) const { return codesAt(brick.codes); }
         std::uint32_t* codesOf(Brick<Tr> const& brick)
@@ -235,10 +238,11 @@ private:
         }
         if (fine && brick.order != BrickOrder::coded)
             return {brick.order == BrickOrder::counted ? at : rung.listed[std::size_t(at)], rung.depth + Shape::span};
-        const int entry = brick.order == BrickOrder::coded ? cell : Shape::above(cell);
-        const TreeIndex tile = decoded(rung.codesAt(brick.codes)[entry], rung.depth);
+        if (brick.order == BrickOrder::coded) return decoded(rung.codesOf(brick)[cell], rung.depth);
+        const TreeIndex tile = decoded(rung.aboveOf(brick)[Shape::group(cell)], rung.depth);
         const bool hasCodes = brick.codes >= 0;
-        return {lookup::select(hasCodes, std::int32_t(tile.index), brick.self), lookup::select(hasCodes, tile.depth, brick.selfDepth)};
+        return {lookup::select(hasCodes, std::int32_t(tile.index), brick.self),
+                lookup::select(hasCodes, tile.depth, brick.selfDepth)};
     }
     static int cellIn(Rung const& rung, Place const& place);
     TreeIndex locateThroughRungs(std::uint32_t top, int cell, Place const& place, Cursor& cursor) const;

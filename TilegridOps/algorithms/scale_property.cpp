@@ -2,10 +2,9 @@
 #include "TilegridOps/host/property_names.h"
 #include "TilegridOps/substrate/channel_report.h"
 #include "TilegridOps/substrate/element_types.h"
+#include "TilegridOps/substrate/element_values.h"
 #include "TilegridOps/substrate/topology.h"
 #include "TilegridOps/substrate/traversal.h"
-
-#include <limits>
 
 namespace tilegrid {
 
@@ -14,16 +13,6 @@ namespace {
 using namespace OST::TileTree3D;
 using Ostara::Geometry::sVoxelComp;
 using Ostara::Geometry::sVoxelTileTree;
-
-/// The integer nearest to zero's side of `value`; the type's ends beyond its range, 0 for NaN.
-template <class T> T saturated(float value)
-{
-    if (value != value) return 0;
-    // The upper limit of a wide integer rounds up to the next power of two as a float, hence >= and not >.
-    if (value >= static_cast<float>(std::numeric_limits<T>::max())) return std::numeric_limits<T>::max();
-    if (value <= static_cast<float>(std::numeric_limits<T>::lowest())) return std::numeric_limits<T>::lowest();
-    return static_cast<T>(value);
-}
 
 template <class T> T scaled(T value, float factor)
 {

@@ -31,7 +31,8 @@ public:
         return found.depth <= depth && found.index >= 0 ? found : walk(i, j, k, depth, found);
     }
     /// The tile one tile width away in that direction; if no tile of the same depth is there, the finest one that covers
-    /// the place; `valid()` false outside every tile. Needs no table and is right at any time.
+    /// the place; `valid()` false outside every tile. Right at any time, for tiles of other trees too, and a load from a table
+    /// between `precomputeTileNeighbors` and the next change of the tree.
     Tile const& tileNeighbor(Tile const& tile, NeighborDirection direction) const
     {
         const TreeIndex index = treeIndexNeighbor(tile, direction);
@@ -39,6 +40,9 @@ public:
     }
     TreeIndex treeIndexNeighbor(Tile const& tile, NeighborDirection direction) const
     {
+        if (auto const* table = container_->tileNeighbors(); table && container_->holds(tile))
+            return table->find(tile.treeIndex(), direction);
+        if (!tile.valid()) return {};
         const int3 offset = neighborOffset(direction);
         const int64 width = tile.tileVoxelWidth();
         int3 place;

@@ -84,7 +84,11 @@ template <class Tr> void Container<Tr>::dump(std::ostream& out) const
 
 template <class Tr> void Container<Tr>::memUse(std::size_t& used, std::size_t& reserved, bool withLookup) const
 {
-    if (withLookup) lookup_.memUse(used, reserved);
+    if (withLookup) {
+        lookup_.memUse(used, reserved);
+        neighbors_.memUse(used, reserved);
+        highNeighbors_.memUse(used, reserved);
+    }
     for (Level const& level : level_) {
         used += level.tiles.usedBytes() + level.tables.usedBytes();
         reserved += level.tiles.reservedBytes() + level.tables.reservedBytes();
@@ -219,6 +223,8 @@ template <class Tr> void Container<Tr>::tilesChanged(bool updateLookup)
 {
     ++version_;
     lookupCurrent_.store(false, std::memory_order_relaxed);
+    neighbors_.clear();
+    highNeighbors_.clear();
     if (updateLookup) lookup();
 }
 

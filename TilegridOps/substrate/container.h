@@ -5,6 +5,7 @@
 #include "TilegridOps/substrate/slab.h"
 #include "TilegridOps/substrate/tile.h"
 #include "TilegridOps/substrate/tile_lookup.h"
+#include "TilegridOps/substrate/tile_neighbors.h"
 #include "TilegridOps/substrate/visitor.h"
 
 #include <array>
@@ -97,6 +98,13 @@ public:
     Tile const& tile(int64 flat) const;
     Tile& tile(TreeIndex const& index) { return tile(index.index, index.depth); }
     Tile& tile(int64 index, int depth) { return level_[depth].tiles[index]; }
+    /// Whether the tree has this tile under its index, itself or another's copy of it.
+    bool holds(Tile const& tile) const
+    {
+        if (tile.depth() < 0 || uint64(tile.index()) >= level_[tile.depth()].tiles.size()) return false;
+        Tile const& own = level_[tile.depth()].tiles[tile.index()];
+        return &own == &tile || own.tijk() == tile.tijk();
+    }
     /// The tile that stands for a place outside the tree: `valid()` is false, depth and index are -1.
     static Tile const& outsideTile();
     typename RootMap::const_iterator cbeginRoots() const { return roots_.cbegin(); }
@@ -158,6 +166,16 @@ public:
     TileLookup<Tr> const* lookup() const;
     /// Rises with every change of tiles.
     uint64 version() const { return version_; }
+
+    // Neighbour tables (tile_neighbors.h). They cost memory beside the tree and hold until its next change; queries are right
+    // without them. Made by one thread, in parallel; other threads may go on reading. With the cancellation test of a stage.
+    /// Lets accessors answer neighbour queries by a load.
+    void precomputeTileNeighbors();
+    /// Lets `computeHalo` find neighbours by a load. Writes two lines to standard output at a verbose level above 1.
+    void precomputeCompressedTileHalos();
+    /// The tables if they describe the tree as it is, else null.
+    TileNeighbors<Tr> const* tileNeighbors() const { return neighbors_.describes(version_) ? &neighbors_ : nullptr; }
+    HighNeighbors<Tr> const* highNeighbors() const { return highNeighbors_.describes(version_) ? &highNeighbors_ : nullptr; }
 
     // The traversal engine. Meaning of the arguments: `start` (-1,-1) for the whole tree or the root of a subtree; depths
     // inclusive; [cellBegin, cellEnd) the range per axis of `visitInteriorVoxel`. `grainSize` is a lower bound for the tiles
@@ -238,6 +256,8 @@ private:
     mutable std::mutex lookupMutex_;
     mutable std::atomic<bool> lookupCurrent_{false};
     mutable TileLookup<Tr> lookup_;
+    TileNeighbors<Tr> neighbors_;
+    HighNeighbors<Tr> highNeighbors_;
     bool isPrivate_ = false;
 };
 

@@ -104,7 +104,7 @@ void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<T
 }  // namespace detail
 
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template void detail::averageChildren<Tr, T>(VoxelChannelCore&, int, int, Container<Tr> const&, VoxelOffsetType, int, int);
+    template TILEGRID_API void detail::averageChildren<Tr, T>(VoxelChannelCore&, int, int, Container<Tr> const&, VoxelOffsetType, int, int);
 #define TILEGRID_INSTANTIATE(T)               \
     TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \
     TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
@@ -117,7 +117,7 @@ TILEGRID_INSTANTIATE(Ostara::Math::float4x2)
 TILEGRID_INSTANTIATE(Ostara::Math::float4x4)
 TILEGRID_INSTANTIATE(double)
 TILEGRID_INSTANTIATE(Ostara::Math::double3)
-template void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<BinaryTraits> const&, int, int);
-template void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<QuinaryTraits> const&, int, int);
+template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<BinaryTraits> const&, int, int);
+template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<QuinaryTraits> const&, int, int);
 
 }  // namespace OST::TileTree3D

@@ -115,8 +115,8 @@ void SiteReader<Tr, T>::gatherStepwise(int depth, int3 const& place, int3 const&
 }
 
 #define TILEGRID_INSTANTIATE(T)                   \
-    template class SiteReader<BinaryTraits, T>;   \
-    template class SiteReader<QuinaryTraits, T>;
+    template class TILEGRID_API SiteReader<BinaryTraits, T>;   \
+    template class TILEGRID_API SiteReader<QuinaryTraits, T>;
 TILEGRID_INSTANTIATE(float)
 TILEGRID_INSTANTIATE(Ostara::Math::float2)
 TILEGRID_INSTANTIATE(Ostara::Math::float3)

@@ -131,10 +131,10 @@ void computeHalo(Channel<Tr, T, Tr::width, S> const& in, Container<Tr> const& co
 }
 
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template void detail::gatherCompressedHalo<Tr, T>(Tile<Tr, Tr::childCount> const&, Tile<Tr, Tr::childCount> const*,       \
+    template TILEGRID_API void detail::gatherCompressedHalo<Tr, T>(Tile<Tr, Tr::childCount> const&, Tile<Tr, Tr::childCount> const*,       \
                                                       Channel<Tr, T, Tr::width, 0> const&, T const*, HaloMode,                \
                                                       ConstTileAccessor<Tr> const&, T*);                                      \
-    template void computeHalo<Tr, T, 0, 0, 1, 0>(Channel<Tr, T, Tr::width, 0> const&, Container<Tr> const&,                   \
+    template TILEGRID_API void computeHalo<Tr, T, 0, 0, 1, 0>(Channel<Tr, T, Tr::width, 0> const&, Container<Tr> const&,                   \
                                                  Channel<Tr, T, Tr::width + 1, 0>&, int, int);
 #define TILEGRID_INSTANTIATE(T)               \
     TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \

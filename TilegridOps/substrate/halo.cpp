@@ -167,7 +167,7 @@ void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& chann
 }  // namespace detail
 
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template void detail::gatherHalo<Tr, T>(TreeIndex const&, Channel<Tr, T, Tr::width, 0> const&, HaloMode, HaloType,        \
+    template TILEGRID_API void detail::gatherHalo<Tr, T>(TreeIndex const&, Channel<Tr, T, Tr::width, 0> const&, HaloMode, HaloType,        \
                                             ConstTileAccessor<Tr> const&, HaloTarget<T> const&, T const&, float, VoxelOffsetType);
 #define TILEGRID_INSTANTIATE(T)               \
     TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \

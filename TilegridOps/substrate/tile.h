@@ -64,6 +64,8 @@ public:
     /// Index of the child in the next level, -1 if there is none.
     int64 childIndex(int cell) const { return this->children_[cell]; }
     int64 childIndex(int3 const& cell) const { return childIndex(flatIndex(Tr::branching, cell.x, cell.y, cell.z)); }
+    /// All child indices by cell; a table of -1 for a tile without children.
+    int64 const* childIndices() const { return this->children_.entries; }
     TreeIndex childTreeIndex(int i, int j, int k) const { return childTreeIndex(int3(i, j, k)); }
     TreeIndex childTreeIndex(int3 const& cell) const
     {

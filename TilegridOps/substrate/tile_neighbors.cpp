@@ -15,14 +15,22 @@ namespace {
 constexpr std::int32_t kOutside = -1;
 constexpr int64 kGrain = 64;
 
-/// Range of cells 1 to B of the block around a parent's children, 0 and B + 1 being those beside it.
-struct CellRange {
-    int begin, end;
+/// The block of (B+2)^3 cells around the children of a tile: cells 1 to B per axis are its own, the others belong to its
+/// neighbours. For each cell, the direction of the tile and the cell in that tile. z runs fastest, as in directions.
+template <class Tr> struct CellBlock {
+    static constexpr int B = Tr::branching, N = B + 2, count = N * N * N;
+    std::array<std::uint8_t, count> direction{}, cell{};
+    constexpr CellBlock()
+    {
+        for (int n = 0; n < count; ++n) {
+            const int3 at(n / (N * N), n / N % N, n % N);
+            const int3 side((at.x > B) - (at.x < 1), (at.y > B) - (at.y < 1), (at.z > B) - (at.z < 1));
+            direction[n] = static_cast<std::uint8_t>(neighborDirection(side.x, side.y, side.z));
+            cell[n] = static_cast<std::uint8_t>(flatIndex(B, at.x - 1 - B * side.x, at.y - 1 - B * side.y, at.z - 1 - B * side.z));
+        }
+    }
 };
-template <int B> constexpr CellRange cellsOf(int side)
-{
-    return side < 0 ? CellRange{0, 1} : side > 0 ? CellRange{B + 1, B + 2} : CellRange{1, B + 1};
-}
+template <class Tr> inline constexpr CellBlock<Tr> kCellBlock;
 
 }  // namespace
 
@@ -43,34 +51,33 @@ template <class Tr>
 void TileNeighbors<Tr>::runParent(Tile<Tr, Tr::childCount> const& parent, Container<Tr> const& container,
                                   std::array<std::int32_t, Tr::levels> const& first, std::int32_t const* above, Entries& entries)
 {
-    constexpr int B = Tr::branching, N = B + 2;
-    std::int32_t block[N * N * N];
+    constexpr auto& cells = kCellBlock<Tr>;
+    constexpr int B = Tr::branching, N = cells.N;
     const int depth = parent.depth();
+    const std::int32_t here = first[depth], below = first[depth + 1];
+    // Per direction the number of the tile there, and its child table.
+    std::int32_t number[27];
+    int64 const* children[27];
     for (int d = 0; d < 27; ++d) {
-        const int3 side = neighborOffset(static_cast<NeighborDirection>(d));
-        const std::int32_t number =
-            d == kNeighborSelf ? first[depth] + static_cast<std::int32_t>(parent.index()) : above[entryOf(d)];
-        const bool sameDepth = number >= first[depth];
-        auto const& tile = sameDepth ? container.tile(number - first[depth], depth) : Container<Tr>::outsideTile();
-        const CellRange x = cellsOf<B>(side.x), y = cellsOf<B>(side.y), z = cellsOf<B>(side.z);
-        for (int k = z.begin; k < z.end; ++k)
-            for (int j = y.begin; j < y.end; ++j)
-                for (int i = x.begin; i < x.end; ++i) {
-                    const int cell = flatIndex(B, i - 1 - B * side.x, j - 1 - B * side.y, k - 1 - B * side.z);
-                    const int64 child = tile.childIndex(cell);
-                    block[flatIndex(N, i, j, k)] = child < 0 ? number : first[depth + 1] + static_cast<std::int32_t>(child);
-                }
+        number[d] = d == kNeighborSelf ? here + static_cast<std::int32_t>(parent.index()) : above[entryOf(d)];
+        const bool sameDepth = number[d] >= here;
+        children[d] = (sameDepth ? container.tile(number[d] - here, depth) : Container<Tr>::outsideTile()).childIndices();
+    }
+    std::int32_t block[cells.count];
+    for (int n = 0; n < cells.count; ++n) {
+        const int64 child = children[cells.direction[n]][cells.cell[n]];
+        block[n] = child < 0 ? number[cells.direction[n]] : below + static_cast<std::int32_t>(child);
     }
     for (int cell = 0; cell < Tr::childCount; ++cell) {
         const int64 child = parent.childIndex(cell);
         if (child < 0) continue;
         const int3 c = cubeIndex(B, cell);
-        std::int32_t const* low = block + flatIndex(N, c.x, c.y, c.z);
+        std::int32_t const* low = block + flatIndex(N, c.z, c.y, c.x);
         std::int32_t* out = &entries[std::size_t(child) * kEntries];
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j)
                 for (int k = 0; k < 3; ++k)
-                    if (i != 1 || j != 1 || k != 1) *out++ = low[flatIndex(N, i, j, k)];
+                    if (i != 1 || j != 1 || k != 1) *out++ = low[flatIndex(N, k, j, i)];
     }
 }
 

@@ -58,15 +58,23 @@ void TileNeighbors<Tr>::runParent(Tile<Tr, Tr::childCount> const& parent, Contai
     // Per direction the number of the tile there, and its child table.
     std::int32_t number[27];
     int64 const* children[27];
+    int64 const* const none = Container<Tr>::outsideTile().childIndices();
     for (int d = 0; d < 27; ++d) {
         number[d] = d == kNeighborSelf ? here + static_cast<std::int32_t>(parent.index()) : above[entryOf(d)];
-        const bool sameDepth = number[d] >= here;
-        children[d] = (sameDepth ? container.tile(number[d] - here, depth) : Container<Tr>::outsideTile()).childIndices();
+        children[d] = number[d] >= here ? container.tile(number[d] - here, depth).childIndices() : none;
     }
     std::int32_t block[cells.count];
-    for (int n = 0; n < cells.count; ++n) {
-        const int64 child = children[cells.direction[n]][cells.cell[n]];
-        block[n] = child < 0 ? number[cells.direction[n]] : below + static_cast<std::int32_t>(child);
+    const auto fill = [&](int n, int direction, int cell) {
+        const int64 child = children[direction][cell];
+        block[n] = child < 0 ? number[direction] : below + static_cast<std::int32_t>(child);
+    };
+    if constexpr (B == 2) {
+        // Straight-line code: few enough cells.
+        [&]<std::size_t... n>(std::index_sequence<n...>) {
+            (fill(n, kCellBlock<Tr>.direction[n], kCellBlock<Tr>.cell[n]), ...);
+        }(std::make_index_sequence<cells.count>());
+    } else {
+        for (int n = 0; n < cells.count; ++n) fill(n, cells.direction[n], cells.cell[n]);
     }
     for (int cell = 0; cell < Tr::childCount; ++cell) {
         const int64 child = parent.childIndex(cell);

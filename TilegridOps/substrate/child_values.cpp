@@ -15,7 +15,8 @@ void forChildren(VoxelChannelCore& channel, Container<Tr> const& container, int 
                  FunctionRef<void(std::byte*, std::byte const*, int3 const&)> f)
 {
     using Tile = typename Container<Tr>::Tile;
-    const int first = std::max({minDepth, channel.minDepth(), 0}), last = std::min({maxDepth, channel.depth() - 1, Tr::maxDepth - 1});
+    const int first = std::max({minDepth, channel.minDepth(), 0}),
+              last = std::min({maxDepth, channel.depth() - 1, Tr::maxDepth - 1});
     if (first > last) return;
     container.traverse(
         detail::Nothing(), detail::Nothing(),
@@ -41,13 +42,14 @@ template <class Tr, std::size_t Bytes>
 void copyWith(VoxelChannelCore& channel, Layout const& at, Container<Tr> const& container, int minDepth, int maxDepth)
 {
     constexpr int r = Tr::cellVoxels, s = Tr::childStride;
-    forChildren(channel, container, minDepth, maxDepth, [&at](std::byte* own, std::byte const* child, int3 const& cell) {
-        for (int k = 0; k < r; ++k)
-            for (int j = 0; j < r; ++j)
-                for (int i = 0; i < r; ++i)
-                    std::memcpy(own + at(cell.x * r + i, cell.y * r + j, cell.z * r + k) * Bytes, child + at(i * s, j * s, k * s) * Bytes,
-                                Bytes);
-    });
+    forChildren(channel, container, minDepth, maxDepth,
+                [&at](std::byte* own, std::byte const* child, int3 const& cell) {
+                    for (int k = 0; k < r; ++k)
+                        for (int j = 0; j < r; ++j)
+                            for (int i = 0; i < r; ++i)
+                                std::memcpy(own + at(cell.x * r + i, cell.y * r + j, cell.z * r + k) * Bytes,
+                                            child + at(i * s, j * s, k * s) * Bytes, Bytes);
+                });
 }
 
 /// The mean over `count` voxels per axis from `first` on.
@@ -70,7 +72,8 @@ template <class T> T meanOf(T const* child, Layout const& at, int3 const& first,
 namespace detail {
 
 template <class Tr>
-void copyFromChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container, int minDepth, int maxDepth)
+void copyFromChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container, int minDepth,
+                      int maxDepth)
 {
     const auto copyIfSized = [&]<std::size_t Bytes>() {
         if (channel.elementBytes() != Bytes) return false;
@@ -78,15 +81,17 @@ void copyFromChildren(VoxelChannelCore& channel, int width, int halo, Container<
         return true;
     };
     // The sizes of the element types.
-    [[maybe_unused]] const bool done = [&]<std::size_t... Bytes>(std::index_sequence<Bytes...>) {
+    [[maybe_unused]] const bool done = [&]<std::size_t... Bytes>(std::index_sequence<Bytes...>)
+    {
         return (copyIfSized.template operator()<Bytes>() || ...);
-    }(std::index_sequence<1, 2, 4, 8, 12, 16, 24, 32, 36, 64>());
+    }
+    (std::index_sequence<1, 2, 4, 8, 12, 16, 24, 32, 36, 64>());
     assert(done);
 }
 
 template <class Tr, class T>
-void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container, VoxelOffsetType offset, int minDepth,
-                     int maxDepth)
+void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container,
+                     VoxelOffsetType offset, int minDepth, int maxDepth)
 {
     constexpr int r = Tr::cellVoxels, s = Tr::childStride;
     const Layout at{width, halo};
@@ -97,16 +102,18 @@ void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<T
         for (int k = 0; k < r; ++k)
             for (int j = 0; j < r; ++j)
                 for (int i = 0; i < r; ++i)
-                    voxels[at(cell.x * r + i, cell.y * r + j, cell.z * r + k)] = meanOf(fine, at, s * int3(i, j, k), count);
+                    voxels[at(cell.x * r + i, cell.y * r + j, cell.z * r + k)] =
+                        meanOf(fine, at, s * int3(i, j, k), count);
     });
 }
 
 }  // namespace detail
 
-#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template TILEGRID_API void detail::averageChildren<Tr, T>(VoxelChannelCore&, int, int, Container<Tr> const&, VoxelOffsetType, int, int);
-#define TILEGRID_INSTANTIATE(T)               \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \
+#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                \
+    template TILEGRID_API void detail::averageChildren<Tr, T>(VoxelChannelCore&, int, int, Container<Tr> const&,       \
+                                                              VoxelOffsetType, int, int);
+#define TILEGRID_INSTANTIATE(T)                                                                                        \
+    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T)                                                                          \
     TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
 TILEGRID_INSTANTIATE(float)
 TILEGRID_INSTANTIATE(Ostara::Math::float2)
@@ -117,7 +124,9 @@ TILEGRID_INSTANTIATE(Ostara::Math::float4x2)
 TILEGRID_INSTANTIATE(Ostara::Math::float4x4)
 TILEGRID_INSTANTIATE(double)
 TILEGRID_INSTANTIATE(Ostara::Math::double3)
-template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<BinaryTraits> const&, int, int);
-template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<QuinaryTraits> const&, int, int);
+template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<BinaryTraits> const&, int,
+                                                    int);
+template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<QuinaryTraits> const&, int,
+                                                    int);
 
 }  // namespace OST::TileTree3D

@@ -8,8 +8,8 @@ namespace detail {
 
 /// The two bodies of `setNonLeafValueToChildValue`, for an array of `width` elements per axis with `halo` layers.
 template <class Tr>
-TILEGRID_API void copyFromChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container, int minDepth,
-                                   int maxDepth);
+TILEGRID_API void copyFromChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container,
+                                   int minDepth, int maxDepth);
 template <class Tr, class T>
 TILEGRID_API void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<Tr> const& container,
                                   VoxelOffsetType offset, int minDepth, int maxDepth);
@@ -24,12 +24,13 @@ TILEGRID_API void averageChildren(VoxelChannelCore& channel, int width, int halo
 /// \throws std::runtime_error(exceptionMessage) on cancellation
 /// \par Source  means are summed in double and rounded once
 template <class Tr, class T, int N, int H>
-void setNonLeafValueToChildValue(Channel<Tr, T, N, H>& channel, Container<Tr> const& container, VoxelOffsetType offset, int minDepth,
-                                 int maxDepth)
+void setNonLeafValueToChildValue(Channel<Tr, T, N, H>& channel, Container<Tr> const& container, VoxelOffsetType offset,
+                                 int minDepth, int maxDepth)
 {
     constexpr int width = detail::arrayWidth<N, H>;
     if constexpr (tilegrid::canInterpolate<T>) {
-        if (offset != kCorner) return detail::averageChildren<Tr, T>(channel, width, H, container, offset, minDepth, maxDepth);
+        if (offset != kCorner)
+            return detail::averageChildren<Tr, T>(channel, width, H, container, offset, minDepth, maxDepth);
     }
     detail::copyFromChildren<Tr>(channel, width, H, container, minDepth, maxDepth);
 }

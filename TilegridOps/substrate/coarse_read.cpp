@@ -8,8 +8,7 @@ template <class Tr, class T>
 SiteReader<Tr, T>::SiteReader(VoxelView<T> const& voxels, ConstTileAccessor<Tr> const& accessor, VoxelOffsetType offset,
                               T const& outside, JumpRule rule)
     : voxels_(voxels), accessor_(accessor), offset_(offset), rule_(rule), outside_(outside)
-{
-}
+{}
 
 /// The finest tile not deeper than `depth` whose data covers the place; (-1,-1) if there is none.
 template <class Tr, class T> TreeIndex SiteReader<Tr, T>::covering(int3 const& place, int depth) const
@@ -41,7 +40,8 @@ template <class Tr, class T> T SiteReader<Tr, T>::mixedAt(TreeIndex const& tile,
         tap[axis] = siteTap(int64(place[axis]) - corner[axis], Tr::voxelDataWidth(depth), width, centred(axis));
     T const* own = voxels_.tile(tile);
     return mixSites<T>(tap[0], tap[1], tap[2], [&](int i, int j, int k) -> T {
-        const bool inside = unsigned(i) < unsigned(Tr::width) && unsigned(j) < unsigned(Tr::width) && unsigned(k) < unsigned(Tr::width);
+        const bool inside =
+            unsigned(i) < unsigned(Tr::width) && unsigned(j) < unsigned(Tr::width) && unsigned(k) < unsigned(Tr::width);
         return inside ? own[voxels_.index(i, j, k)] : valueAt(corner + width * int3(i, j, k), tile.depth);
     });
 }
@@ -88,7 +88,8 @@ void SiteReader<Tr, T>::gatherStepwise(int depth, int3 const& place, int3 const&
                 const TreeIndex tile = covering(at, depth);
                 if (tile.valid() && tile.depth == depth) {
                     const int3 voxel = at - accessor_.container().tile(tile).tijk();
-                    sites[flat(i, j, k)] = voxels_.tile(tile)[voxels_.index(voxel.x / width, voxel.y / width, voxel.z / width)];
+                    sites[flat(i, j, k)] =
+                        voxels_.tile(tile)[voxels_.index(voxel.x / width, voxel.y / width, voxel.z / width)];
                 } else {
                     sites[flat(i, j, k)] = outside_;
                     pending[flat(i, j, k)] = tile.valid();
@@ -105,8 +106,8 @@ void SiteReader<Tr, T>::gatherStepwise(int depth, int3 const& place, int3 const&
     const SiteTaps x = taps(0), y = taps(1), z = taps(2);
     const auto coarsePlace = [&](int low) { return static_cast<int>(Tr::rangeMin + int64(low) * coarseWidth); };
     T coarse[kBlock];
-    gatherStepwise(depth - 1, int3(coarsePlace(x.low), coarsePlace(y.low), coarsePlace(z.low)), int3(x.count, y.count, z.count),
-                   coarse);
+    gatherStepwise(depth - 1, int3(coarsePlace(x.low), coarsePlace(y.low), coarsePlace(z.low)),
+                   int3(x.count, y.count, z.count), coarse);
     const auto at = [&](int i, int j, int k) -> T const& { return coarse[i + x.count * (j + y.count * k)]; };
     for (int k = 0; k < count.z; ++k)
         for (int j = 0; j < count.y; ++j)
@@ -114,8 +115,8 @@ void SiteReader<Tr, T>::gatherStepwise(int depth, int3 const& place, int3 const&
                 if (pending[flat(i, j, k)]) sites[flat(i, j, k)] = mixSites<T>(x[i], y[j], z[k], at);
 }
 
-#define TILEGRID_INSTANTIATE(T)                   \
-    template class TILEGRID_API SiteReader<BinaryTraits, T>;   \
+#define TILEGRID_INSTANTIATE(T)                                                                                        \
+    template class TILEGRID_API SiteReader<BinaryTraits, T>;                                                           \
     template class TILEGRID_API SiteReader<QuinaryTraits, T>;
 TILEGRID_INSTANTIATE(float)
 TILEGRID_INSTANTIATE(Ostara::Math::float2)

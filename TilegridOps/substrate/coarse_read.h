@@ -18,9 +18,10 @@ template <class T> struct VoxelView {
 
     template <class Tr, int N, int H>
     explicit VoxelView(Channel<Tr, T, N, H> const& c) : channel(&c), width(detail::arrayWidth<N, H>), halo(H)
-    {
-    }
-    VoxelView(VoxelChannelCore const& c, int arrayWidth, int haloLayers) : channel(&c), width(arrayWidth), halo(haloLayers) {}
+    {}
+    VoxelView(VoxelChannelCore const& c, int arrayWidth, int haloLayers)
+        : channel(&c), width(arrayWidth), halo(haloLayers)
+    {}
 
     int index(int i, int j, int k) const { return flatIndex(width, i, j, k); }
     /// Voxel (0,0,0) of a tile, null for a tile without data; voxel (i,j,k) lies `index(i,j,k)` further.
@@ -101,8 +102,8 @@ public:
     static constexpr int kBlock = kMostSites * kMostSites * kMostSites;
 
     /// \param outside  value of sites that no tile covers, or none at a depth that the channel has
-    SiteReader(VoxelView<T> const& voxels, ConstTileAccessor<Tr> const& accessor, VoxelOffsetType offset, T const& outside,
-               JumpRule rule = JumpRule::kDirect);
+    SiteReader(VoxelView<T> const& voxels, ConstTileAccessor<Tr> const& accessor, VoxelOffsetType offset,
+               T const& outside, JumpRule rule = JumpRule::kDirect);
 
     /// The value of the sample in the voxel of width `voxelDataWidth(depth)` with low corner `place`: the voxel, if a tile of
     /// that depth has one there, else a trilinear mix. A place off the lattice of `depth` is mixed as well (stepwise reading

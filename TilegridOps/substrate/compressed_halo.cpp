@@ -32,7 +32,8 @@ template <class Tr, class T> struct CompressedHalo {
     void copyInterior(T const* voxels) const
     {
         for (int k = 0; k < W; ++k)
-            for (int j = 0; j < W; ++j) std::memcpy(out + flatIndex(N, 0, j, k), voxels + flatIndex(W, 0, j, k), W * sizeof(T));
+            for (int j = 0; j < W; ++j)
+                std::memcpy(out + flatIndex(N, 0, j, k), voxels + flatIndex(W, 0, j, k), W * sizeof(T));
     }
     void copyPart(int3 const& side, T const* voxels) const
     {
@@ -43,7 +44,8 @@ template <class Tr, class T> struct CompressedHalo {
         } else {
             for (int k = W * side.z; k < (side.z ? N : W); ++k)
                 for (int j = W * side.y; j < (side.y ? N : W); ++j)
-                    std::memcpy(out + flatIndex(N, 0, j, k), voxels + flatIndex(W, 0, j - W * side.y, k - W * side.z), W * sizeof(T));
+                    std::memcpy(out + flatIndex(N, 0, j, k), voxels + flatIndex(W, 0, j - W * side.y, k - W * side.z),
+                                W * sizeof(T));
         }
     }
     void fillPart(int3 const& side, T const& value) const
@@ -87,7 +89,8 @@ void gatherCompressedHalo(Tile<Tr, Tr::childCount> const& tile, Tile<Tr, Tr::chi
     const CompressedHalo<Tr, T> halo{out};
     halo.copyInterior(own);
     std::int32_t const* table = nullptr;
-    if (auto const* high = accessor.container().highNeighbors(); high && accessor.container().holds(tile)) table = high->of(index);
+    if (auto const* high = accessor.container().highNeighbors(); high && accessor.container().holds(tile))
+        table = high->of(index);
     for (int n = 0; n < kHighNeighbors; ++n) {
         const int3 side = highNeighborOffset(n);
         TreeIndex neighbor;
@@ -124,20 +127,20 @@ void computeHalo(Channel<Tr, T, Tr::width, S> const& in, Container<Tr> const& co
             const TreeIndex above = tile.parentTreeIndex();
             Tile const* parent = tile.depth() > first && above.valid() ? &container.tile(above) : nullptr;
             T const* parentHalo = parent ? std::as_const(out).tileData(parent->treeIndex()).data() : nullptr;
-            detail::gatherCompressedHalo<Tr, T>(tile, parentHalo ? parent : nullptr, in, parentHalo, kHaloFromParent, accessor,
-                                                target);
+            detail::gatherCompressedHalo<Tr, T>(tile, parentHalo ? parent : nullptr, in, parentHalo, kHaloFromParent,
+                                                accessor, target);
         },
         detail::Nothing(), detail::Nothing(), kByLevel, TreeIndex(), first, last);
 }
 
-#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template TILEGRID_API void detail::gatherCompressedHalo<Tr, T>(Tile<Tr, Tr::childCount> const&, Tile<Tr, Tr::childCount> const*,       \
-                                                      Channel<Tr, T, Tr::width, 0> const&, T const*, HaloMode,                \
-                                                      ConstTileAccessor<Tr> const&, T*);                                      \
-    template TILEGRID_API void computeHalo<Tr, T, 0, 0, 1, 0>(Channel<Tr, T, Tr::width, 0> const&, Container<Tr> const&,                   \
-                                                 Channel<Tr, T, Tr::width + 1, 0>&, int, int);
-#define TILEGRID_INSTANTIATE(T)               \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \
+#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                \
+    template TILEGRID_API void detail::gatherCompressedHalo<Tr, T>(                                                    \
+        Tile<Tr, Tr::childCount> const&, Tile<Tr, Tr::childCount> const*, Channel<Tr, T, Tr::width, 0> const&,         \
+        T const*, HaloMode, ConstTileAccessor<Tr> const&, T*);                                                         \
+    template TILEGRID_API void computeHalo<Tr, T, 0, 0, 1, 0>(                                                         \
+        Channel<Tr, T, Tr::width, 0> const&, Container<Tr> const&, Channel<Tr, T, Tr::width + 1, 0>&, int, int);
+#define TILEGRID_INSTANTIATE(T)                                                                                        \
+    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T)                                                                          \
     TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
 TILEGRID_INSTANTIATE(float)
 TILEGRID_INSTANTIATE(Ostara::Math::float2)

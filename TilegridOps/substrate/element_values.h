@@ -9,7 +9,8 @@ namespace tilegrid {
 
 /// Whether values of T may be mixed: numbers with a fraction and what is made of them. Integers are counts, labels and
 /// markers, of which a mean has no meaning.
-template <class T> inline constexpr bool canInterpolate = std::is_floating_point_v<typename Ostara::Math::ElementTraits<T>::Scalar>;
+template <class T>
+inline constexpr bool canInterpolate = std::is_floating_point_v<typename Ostara::Math::ElementTraits<T>::Scalar>;
 
 /// The integer nearest to zero's side of `value`; the type's ends beyond its range, 0 for NaN.
 template <class T> T saturated(float value)
@@ -38,9 +39,6 @@ template <class T> T elementOf(float value)
 
 /// From `low` (fraction 0) to `high` (fraction 1). The one form in which values are mixed along an axis, so that the same
 /// place read in two ways gives the same bits.
-template <class T> T mixed(T const& low, T const& high, float fraction)
-{
-    return (high - low) * fraction + low;
-}
+template <class T> T mixed(T const& low, T const& high, float fraction) { return (high - low) * fraction + low; }
 
 }  // namespace tilegrid

@@ -8,8 +8,8 @@ namespace {
 
 /// The positions of a target that lie in one of the 27 places around a tile, the tile itself included.
 struct Region {
-    int3 side;          // -1, 0 or 1 per axis
-    int3 begin, end;    // positions, end excluded
+    int3 side;        // -1, 0 or 1 per axis
+    int3 begin, end;  // positions, end excluded
     bool empty() const { return begin.x >= end.x || begin.y >= end.y || begin.z >= end.z; }
 };
 
@@ -130,7 +130,8 @@ template <class Tr, class T> struct Gather {
         if (from.depth == tile.depth()) return copyRegion<W>(region, voxels.tile(from), out);
         if (mode == kHaloSameDepth) return fillRegion(region);
         if constexpr (tilegrid::canInterpolate<T>) {
-            if (mode != kHaloInject) return mix(region, from, mode == kHaloFromParent ? JumpRule::kStepwise : JumpRule::kDirect);
+            if (mode != kHaloInject)
+                return mix(region, from, mode == kHaloFromParent ? JumpRule::kStepwise : JumpRule::kDirect);
         }
         inject(region, from);
     }
@@ -152,7 +153,8 @@ void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& chann
                 VoxelOffsetType offset)
 {
     auto const& container = accessor.container();
-    if (!out.data || !tile.valid() || tile.depth > Tr::maxDepth || tile.index >= container.tileCount(tile.depth)) return;
+    if (!out.data || !tile.valid() || tile.depth > Tr::maxDepth || tile.index >= container.tileCount(tile.depth))
+        return;
     const Gather<Tr, T> gather{container.tile(tile), VoxelView<T>(channel), accessor, out, fill, offset};
     for (int d = 0; d < 27; ++d) {
         const auto direction = static_cast<NeighborDirection>(d);
@@ -166,11 +168,12 @@ void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& chann
 
 }  // namespace detail
 
-#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                       \
-    template TILEGRID_API void detail::gatherHalo<Tr, T>(TreeIndex const&, Channel<Tr, T, Tr::width, 0> const&, HaloMode, HaloType,        \
-                                            ConstTileAccessor<Tr> const&, HaloTarget<T> const&, T const&, float, VoxelOffsetType);
-#define TILEGRID_INSTANTIATE(T)               \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \
+#define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                \
+    template TILEGRID_API void detail::gatherHalo<Tr, T>(TreeIndex const&, Channel<Tr, T, Tr::width, 0> const&,        \
+                                                         HaloMode, HaloType, ConstTileAccessor<Tr> const&,             \
+                                                         HaloTarget<T> const&, T const&, float, VoxelOffsetType);
+#define TILEGRID_INSTANTIATE(T)                                                                                        \
+    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T)                                                                          \
     TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
 TILEGRID_INSTANTIATE(float)
 TILEGRID_INSTANTIATE(Ostara::Math::float2)

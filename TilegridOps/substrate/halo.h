@@ -46,9 +46,9 @@ template <class T> struct HaloTarget {
 
 /// The body of all tree-index forms. At most W positions on either side of the tile.
 template <class Tr, class T>
-TILEGRID_API void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& channel, HaloMode mode, HaloType type,
-                             ConstTileAccessor<Tr> const& accessor, HaloTarget<T> const& out, T const& fill, float weight,
-                             VoxelOffsetType offset);
+TILEGRID_API void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& channel, HaloMode mode,
+                             HaloType type, ConstTileAccessor<Tr> const& accessor, HaloTarget<T> const& out,
+                             T const& fill, float weight, VoxelOffsetType offset);
 
 /// The body of the compressed form; `parent` and `parentHalo` are null together.
 template <class Tr, class T>
@@ -73,8 +73,8 @@ TILEGRID_API void gatherCompressedHalo(Tile<Tr, Tr::childCount> const& tile, Til
 ///      on which a site of the coarser lattice coincides is not mixed at all, so that such a position has the site's bits
 template <class Tr, class T, int S, int H, int E, int Up>
 void setHaloTile(TreeIndex const& tile, Channel<Tr, T, Tr::width, S> const& channel, HaloMode mode, HaloType type,
-                 ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E + Up, H>& out, float fillValue, float weight,
-                 VoxelOffsetType offset);
+                 ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E + Up, H>& out, float fillValue,
+                 float weight, VoxelOffsetType offset);
 
 /// Gathers the compressed halo of a tile: its W^3 voxels and one further layer on the high side of each axis. Corner samples.
 ///
@@ -83,13 +83,13 @@ void setHaloTile(TreeIndex const& tile, Channel<Tr, T, Tr::width, S> const& chan
 ///                    read the channel itself, with its default for the fill value
 template <class Tr, class T, int S, int H, int E, int Up>
 void setHaloTile(Tile<Tr, Tr::childCount> const& tile, Tile<Tr, Tr::childCount> const* parent,
-                 Channel<Tr, T, Tr::width, S> const& channel, TileData<T, Tr::width + E, 0> const& parentHalo, HaloMode mode,
-                 ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E, 0>& out)
+                 Channel<Tr, T, Tr::width, S> const& channel, TileData<T, Tr::width + E, 0> const& parentHalo,
+                 HaloMode mode, ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E, 0>& out)
 {
     static_assert(S == 0 && H == 0 && E == 1 && Up == 0, "the compressed form has one layer on the high side");
     const bool usable = parent && parentHalo;
-    detail::gatherCompressedHalo<Tr, T>(tile, usable ? parent : nullptr, channel, usable ? parentHalo.data() : nullptr, mode,
-                                        accessor, out.data());
+    detail::gatherCompressedHalo<Tr, T>(tile, usable ? parent : nullptr, channel, usable ? parentHalo.data() : nullptr,
+                                        mode, accessor, out.data());
 }
 
 /// Fills the compressed-halo form of a channel: for every tile its voxels and one further layer on the high side, as the
@@ -106,12 +106,14 @@ TILEGRID_API void computeHalo(Channel<Tr, T, Tr::width, S> const& in, Container<
 
 template <class Tr, class T, int S, int H, int E, int Up>
 void setHaloTile(TreeIndex const& tile, Channel<Tr, T, Tr::width, S> const& channel, HaloMode mode, HaloType type,
-                 ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E + Up, H>& out, float fillValue, float weight,
-                 VoxelOffsetType offset)
+                 ConstTileAccessor<Tr> const& accessor, TileData<T, Tr::width + E + Up, H>& out, float fillValue,
+                 float weight, VoxelOffsetType offset)
 {
-    static_assert(S == 0 && H >= 0 && E >= 0 && Up >= 0 && H + E + Up <= Tr::width, "layers come from the 26 neighbours");
+    static_assert(S == 0 && H >= 0 && E >= 0 && Up >= 0 && H + E + Up <= Tr::width,
+                  "layers come from the 26 neighbours");
     const detail::HaloTarget<T> target{out.data(), -H, Tr::width + E + Up + H};
-    detail::gatherHalo<Tr, T>(tile, channel, mode, type, accessor, target, tilegrid::elementOf<T>(fillValue), weight, offset);
+    detail::gatherHalo<Tr, T>(tile, channel, mode, type, accessor, target, tilegrid::elementOf<T>(fillValue), weight,
+                              offset);
 }
 
 }  // namespace OST::TileTree3D

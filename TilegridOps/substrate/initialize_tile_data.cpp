@@ -25,7 +25,8 @@ template <class Tr> TileIndices<Tr> indicesOf(Container<Tr> const& container, Ti
             for (int64 n = begin; n < end; ++n) {
                 const int3 place = tiles[depth][static_cast<std::size_t>(n)];
                 bool inside = true;
-                for (int axis = 0; axis < 3; ++axis) inside &= place[axis] >= Tr::rangeMin && place[axis] <= Tr::rangeMax;
+                for (int axis = 0; axis < 3; ++axis)
+                    inside &= place[axis] >= Tr::rangeMin && place[axis] <= Tr::rangeMax;
                 const TreeIndex found = inside ? accessor.find(place.x, place.y, place.z, depth) : TreeIndex();
                 list[static_cast<std::size_t>(n)] = found.depth == depth ? found.index : -1;
             }
@@ -43,7 +44,8 @@ template <class Tr, class T> void injectTile(VoxelView<T> const& voxels, T* own,
     for (int k = 0; k < W; ++k)
         for (int j = 0; j < W; ++j)
             for (int i = 0; i < W; ++i)
-                own[voxels.index(i, j, k)] = parent[voxels.index(r * cell.x + i / s, r * cell.y + j / s, r * cell.z + k / s)];
+                own[voxels.index(i, j, k)] =
+                    parent[voxels.index(r * cell.x + i / s, r * cell.y + j / s, r * cell.z + k / s)];
 }
 
 /// The B^3 voxels of one block from its eight corners [x][y][z], by repeated addition of differences along z, then y, then x.
@@ -85,7 +87,9 @@ void mixTile(SiteReader<Tr, T> const& reader, T* own, TreeIndex const& parent, i
         for (int b = 0; b < r; ++b)
             for (int a = 0; a < r; ++a) {
                 T corner[2][2][2];
-                for (int p = 0; p < 8; ++p) corner[p & 1][p >> 1 & 1][p >> 2] = sites[flatIndex(n, a + (p & 1), b + (p >> 1 & 1), c + (p >> 2))];
+                for (int p = 0; p < 8; ++p)
+                    corner[p & 1][p >> 1 & 1][p >> 2] =
+                        sites[flatIndex(n, a + (p & 1), b + (p >> 1 & 1), c + (p >> 2))];
                 mixBlock<B>(corner, [&](int i, int j, int k, T const& value) {
                     own[voxels.index(a * B + i, b * B + j, c * B + k)] = value;
                 });
@@ -128,10 +132,12 @@ void initialize(Container<Tr> const& container, TileIndices<Tr> const& tiles, Vo
     };
     const auto attemptLayouts = [&]<class T>() {
         constexpr int W = Tr::width;
-        return attempt.template operator()<T, W, 0>() || attempt.template operator()<T, W + 1, 0>() ||
-               attempt.template operator()<T, W, 1>();
+        return attempt.template operator()<T, W, 0>() || attempt.template operator()<T, W + 1, 0>()
+            || attempt.template operator()<T, W, 1>();
     };
-    [&]<class... Ts>(tilegrid::TypeList<Ts...>) { (void)(attemptLayouts.template operator()<Ts>() || ...); }(tilegrid::ElementTypes());
+    [&]<class... Ts>(tilegrid::TypeList<Ts...>) {
+        (void)(attemptLayouts.template operator()<Ts>() || ...);
+    }(tilegrid::ElementTypes());
 }
 
 }  // namespace

@@ -16,15 +16,21 @@ namespace OST::TileTree3D {
 /// \throws std::runtime_error(exceptionMessage) on cancellation; the channel in hand is lost then
 /// Calling it again changes nothing. Depths ascending, so a tile may have a new parent.
 template <class Tr>
-TILEGRID_API void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, OST::Object& object);
+TILEGRID_API void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded,
+                                     OST::Object& object);
 
 /// The same for one channel, of any of the element types and layouts of the structure; others are left alone.
 template <class Tr>
-TILEGRID_API void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, VoxelChannelCore& channel);
+TILEGRID_API void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded,
+                                     VoxelChannelCore& channel);
 
-extern template TILEGRID_API void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&, OST::Object&);
-extern template TILEGRID_API void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&, OST::Object&);
-extern template TILEGRID_API void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&, VoxelChannelCore&);
-extern template TILEGRID_API void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&, VoxelChannelCore&);
+extern template TILEGRID_API void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&,
+                                                     OST::Object&);
+extern template TILEGRID_API void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&,
+                                                     OST::Object&);
+extern template TILEGRID_API void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&,
+                                                     VoxelChannelCore&);
+extern template TILEGRID_API void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&,
+                                                     VoxelChannelCore&);
 
 }  // namespace OST::TileTree3D

@@ -26,7 +26,8 @@ template <class Tr> struct CellBlock {
             const int3 at(n / (N * N), n / N % N, n % N);
             const int3 side((at.x > B) - (at.x < 1), (at.y > B) - (at.y < 1), (at.z > B) - (at.z < 1));
             direction[n] = static_cast<std::uint8_t>(neighborDirection(side.x, side.y, side.z));
-            cell[n] = static_cast<std::uint8_t>(flatIndex(B, at.x - 1 - B * side.x, at.y - 1 - B * side.y, at.z - 1 - B * side.z));
+            cell[n] = static_cast<std::uint8_t>(
+                flatIndex(B, at.x - 1 - B * side.x, at.y - 1 - B * side.y, at.z - 1 - B * side.z));
         }
     }
 };
@@ -34,7 +35,8 @@ template <class Tr> inline constexpr CellBlock<Tr> kCellBlock;
 
 }  // namespace
 
-template <class Tr> bool TileNeighbors<Tr>::numberTiles(Container<Tr> const& container, std::array<std::int32_t, Tr::levels>& first)
+template <class Tr>
+bool TileNeighbors<Tr>::numberTiles(Container<Tr> const& container, std::array<std::int32_t, Tr::levels>& first)
 {
     if (container.tileCount(-1) > std::numeric_limits<std::int32_t>::max()) return false;
     std::int32_t next = 0;
@@ -49,7 +51,8 @@ template <class Tr> bool TileNeighbors<Tr>::numberTiles(Container<Tr> const& con
 /// neighbours and their child tables fill; where a cell has no child, the parent's neighbour itself covers it.
 template <class Tr>
 void TileNeighbors<Tr>::runParent(Tile<Tr, Tr::childCount> const& parent, Container<Tr> const& container,
-                                  std::array<std::int32_t, Tr::levels> const& first, std::int32_t const* above, Entries& entries)
+                                  std::array<std::int32_t, Tr::levels> const& first, std::int32_t const* above,
+                                  Entries& entries)
 {
     constexpr auto& cells = kCellBlock<Tr>;
     constexpr int B = Tr::branching, N = cells.N;
@@ -70,9 +73,11 @@ void TileNeighbors<Tr>::runParent(Tile<Tr, Tr::childCount> const& parent, Contai
     };
     if constexpr (B == 2) {
         // Straight-line code: few enough cells.
-        [&]<std::size_t... n>(std::index_sequence<n...>) {
+        [&]<std::size_t... n>(std::index_sequence<n...>)
+        {
             (fill(n, kCellBlock<Tr>.direction[n], kCellBlock<Tr>.cell[n]), ...);
-        }(std::make_index_sequence<cells.count>());
+        }
+        (std::make_index_sequence<cells.count>());
     } else {
         for (int n = 0; n < cells.count; ++n) fill(n, cells.direction[n], cells.cell[n]);
     }
@@ -90,8 +95,8 @@ void TileNeighbors<Tr>::runParent(Tile<Tr, Tr::childCount> const& parent, Contai
 }
 
 template <class Tr>
-void TileNeighbors<Tr>::buildDepth(Container<Tr> const& container, std::array<std::int32_t, Tr::levels> const& first, int depth,
-                                   Entries const& above, Entries& entries)
+void TileNeighbors<Tr>::buildDepth(Container<Tr> const& container, std::array<std::int32_t, Tr::levels> const& first,
+                                   int depth, Entries const& above, Entries& entries)
 {
     entries.resize(static_cast<std::size_t>(container.tileCount(depth)) * kEntries);
     if (depth == 0) {
@@ -156,7 +161,8 @@ template <class Tr> void HighNeighbors<Tr>::build(Container<Tr> const& container
                     const int3 side = highNeighborOffset(high);
                     const int entry = All::entryOf(neighborDirection(side.x, side.y, side.z));
                     const std::int32_t number = here[std::size_t(n) * All::kEntries + entry];
-                    entries[std::size_t(n) * kHighNeighbors + high] = number >= first[depth] ? number - first[depth] : -1;
+                    entries[std::size_t(n) * kHighNeighbors + high] =
+                        number >= first[depth] ? number - first[depth] : -1;
                 }
         });
     }
@@ -171,10 +177,7 @@ template <class Tr> void HighNeighbors<Tr>::memUse(std::size_t& used, std::size_
     }
 }
 
-template <class Tr> void Container<Tr>::precomputeTileNeighbors()
-{
-    neighbors_.build(*this);
-}
+template <class Tr> void Container<Tr>::precomputeTileNeighbors() { neighbors_.build(*this); }
 
 template <class Tr> void Container<Tr>::precomputeCompressedTileHalos()
 {

@@ -15,10 +15,7 @@ template <class Tr> class Container;
 /// The seven neighbours on the high sides, in the order in which a compressed halo takes them: bit 0, 1, 2 of n + 1 is set if
 /// the n-th lies one tile further along x, y, z.
 inline constexpr int kHighNeighbors = 7;
-constexpr int3 highNeighborOffset(int n)
-{
-    return {(n + 1) & 1, (n + 1) >> 1 & 1, (n + 1) >> 2 & 1};
-}
+constexpr int3 highNeighborOffset(int n) { return {(n + 1) & 1, (n + 1) >> 1 & 1, (n + 1) >> 2 & 1}; }
 
 /// All 26 neighbours of each tile: 104 bytes per tile. An entry is the running number over all depths of the finest tile, not
 /// deeper than the tile itself, that covers the neighbouring place; -1 outside every tile. Its depth follows from the number.
@@ -50,7 +47,8 @@ private:
     static void buildDepth(Container<Tr> const& container, std::array<std::int32_t, Tr::levels> const& first, int depth,
                            Entries const& above, Entries& entries);
     static void runParent(Tile<Tr, Tr::childCount> const& parent, Container<Tr> const& container,
-                          std::array<std::int32_t, Tr::levels> const& first, std::int32_t const* above, Entries& entries);
+                          std::array<std::int32_t, Tr::levels> const& first, std::int32_t const* above,
+                          Entries& entries);
 
     /// Running number of the first tile of a depth.
     std::array<std::int32_t, Tr::levels> first_{};
@@ -65,7 +63,10 @@ public:
     void clear();
     void build(Container<Tr> const& container);
     /// Seven indices, in the order of `highNeighborOffset`.
-    std::int32_t const* of(TreeIndex const& tile) const { return &entries_[tile.depth][std::size_t(tile.index) * kHighNeighbors]; }
+    std::int32_t const* of(TreeIndex const& tile) const
+    {
+        return &entries_[tile.depth][std::size_t(tile.index) * kHighNeighbors];
+    }
     void memUse(std::size_t& used, std::size_t& reserved) const;
 
 private:

@@ -1,7 +1,5 @@
 #include "TilegridOps/substrate/halo.h"
-#include "TilegridOps/substrate/child_values.h"
-#include "support/jobs.h"
-#include "support/site_oracle.h"
+#include "support/halo_world.h"
 
 namespace tilegrid::test {
 namespace {
@@ -10,48 +8,13 @@ using namespace OST::TileTree3D;
 using OST::int64;
 using Ostara::Math::float3;
 
-/// Half the distance from 1 to the next float.
-constexpr double kUnit = 1.0 / (1 << 24);
-/// Mixing along one axis rounds the difference, the fraction, the product and the sum of values up to 1 (differences up to 2):
-/// 2 + 2 + 2 + 1 units; three axes, and a little for higher orders.
-constexpr double kMixError = 22 * kUnit;
-
-constexpr float kUntouched = 12345.0f;
-constexpr float kFill = -3.0f;
-
-/// A tree, the set of its tiles and a plain channel.
-template <class Tr, class T> struct World {
-    using C = Channel<Tr, T, Tr::width, 0>;
-    TileSet<Tr> set;
-    Tree<Tr> tree{"tree"};
-    std::optional<C> channel;
-    int minDepth, maxDepth;
-
-    World(TileSet<Tr> const& tiles, VoxelFunction const& voxel, int low = 0, int high = Tr::maxDepth)
-        : set(tiles), minDepth(low), maxDepth(high)
-    {
-        addAll(set, tree);
-        channel.emplace(channelOf<C>(tree, voxel, elementOf<T>(kFill), low, high));
-    }
-    SiteOracle<Tr> oracle(VoxelFunction const& voxel, int offset, bool stepwise) const
-    {
-        SiteOracle<Tr> o(set);
-        o.voxel = voxel;
-        o.minDepth = minDepth;
-        o.maxDepth = maxDepth;
-        o.offset = offset;
-        o.outside = kFill;
-        o.stepwise = stepwise;
-        return o;
-    }
-};
-
 /// How a position must come out: its value, how far it may be off, or not at all.
 struct Expected {
     double value, tolerance;
 };
 
-template <class Tr> Expected expectedAt(SiteOracle<Tr>& oracle, TileKey const& tile, int const (&position)[3], HaloMode mode, int type)
+template <class Tr>
+Expected expectedAt(SiteOracle<Tr>& oracle, TileKey const& tile, int const (&position)[3], HaloMode mode, int type)
 {
     const int bits[] = {4, 1, 2, 8};
     int beyond = 0;
@@ -71,8 +34,8 @@ template <class Tr> Expected expectedAt(SiteOracle<Tr>& oracle, TileKey const& t
 
 /// The first positions of one gathered tile that are wrong, over the whole array.
 template <class Tr, class T, int H, int E, int Up>
-std::string haloFaults(World<Tr, T> const& world, SiteOracle<Tr>& oracle, TreeIndex const& tile, HaloMode mode, int type, int offset,
-                       double* largestError = nullptr)
+std::string haloFaults(World<Tr, T> const& world, SiteOracle<Tr>& oracle, TreeIndex const& tile, HaloMode mode,
+                       int type, int offset, double* largestError = nullptr)
 {
     constexpr int low = -H, high = Tr::width + E + Up + H, n = high - low;
     TileData<T, Tr::width + E + Up, H> out(n * n * n, elementOf<T>(kUntouched));
@@ -88,16 +51,17 @@ std::string haloFaults(World<Tr, T> const& world, SiteOracle<Tr>& oracle, TreeIn
                 const double error = std::abs(static_cast<double>(out(i, j, k)) - expected.value);
                 if (largestError) *largestError = std::max(*largestError, error);
                 if (!(error <= expected.tolerance) && faults.tellp() < 400)
-                    faults << "(" << i << ", " << j << ", " << k << ") of " << key << ", mode " << mode << ", type " << type << ", offset "
-                           << offset << ": " << out(i, j, k) << " instead of " << expected.value << "\n";
+                    faults << "(" << i << ", " << j << ", " << k << ") of " << key << ", mode " << mode << ", type "
+                           << type << ", offset " << offset << ": " << out(i, j, k) << " instead of " << expected.value
+                           << "\n";
             }
     return faults.str();
 }
 
 /// All shapes of target.
 template <class Tr, class T>
-std::string faultsOfAllShapes(World<Tr, T> const& world, SiteOracle<Tr>& oracle, TreeIndex const& tile, HaloMode mode, int type,
-                              int offset)
+std::string faultsOfAllShapes(World<Tr, T> const& world, SiteOracle<Tr>& oracle, TreeIndex const& tile, HaloMode mode,
+                              int type, int offset)
 {
     return haloFaults<Tr, T, 1, 0, 0>(world, oracle, tile, mode, type, offset)
         + haloFaults<Tr, T, 2, 0, 0>(world, oracle, tile, mode, type, offset)
@@ -105,19 +69,8 @@ std::string faultsOfAllShapes(World<Tr, T> const& world, SiteOracle<Tr>& oracle,
         + haloFaults<Tr, T, 0, 1, 0>(world, oracle, tile, mode, type, offset);
 }
 
-/// Up to `count` tiles of the tree, spread over all depths and both ends of the index ranges.
-template <class Tr> std::vector<TreeIndex> someTiles(Tree<Tr> const& tree, int count)
-{
-    std::vector<TreeIndex> tiles;
-    const int64 step = std::max<int64>(1, tree.tileCount(-1) / count);
-    for (int64 n = tree.tileCount(-1) - 1; n >= 0; n -= step) tiles.push_back(tree.tile(n).treeIndex());
-    tiles.push_back({0, 0});
-    return tiles;
-}
-
 template <class Tr> class Halo : public ::testing::Test {
 public:
-    static constexpr int D = Tr::maxDepth;
 };
 TYPED_TEST_SUITE(Halo, Structures, StructureNames);
 
@@ -131,7 +84,8 @@ TYPED_TEST(Halo, agrees_with_the_oracle_on_random_trees)
                 std::string faults;
                 for (TreeIndex const& tile : someTiles(world.tree, 50))
                     faults += faultsOfAllShapes(world, oracle, tile, mode, kHaloAll, offset);
-                EXPECT_EQ(faults.substr(0, 800), "") << (graded ? "graded" : "not graded") << ", mode " << mode << ", offset " << offset;
+                EXPECT_EQ(faults.substr(0, 800), "")
+                    << (graded ? "graded" : "not graded") << ", mode " << mode << ", offset " << offset;
             }
     }
 }
@@ -154,7 +108,8 @@ TYPED_TEST(Halo, writes_only_the_positions_that_its_type_names)
     auto oracle = world.oracle(noise, 7, false);
     std::string faults;
     for (int type = 0; type < 16; ++type)
-        for (TreeIndex const& tile : someTiles(world.tree, 8)) faults += faultsOfAllShapes(world, oracle, tile, kHaloLinear, type, 7);
+        for (TreeIndex const& tile : someTiles(world.tree, 8))
+            faults += faultsOfAllShapes(world, oracle, tile, kHaloLinear, type, 7);
     EXPECT_EQ(faults.substr(0, 800), "");
 }
 
@@ -210,7 +165,8 @@ TYPED_TEST(Halo, reproduces_a_linear_function_across_a_jump_in_every_direction)
                     double at[3];
                     for (int a = 0; a < 3; ++a) {
                         const double w = static_cast<double>(Set::voxelWidth(key.depth));
-                        at[a] = static_cast<double>(key.low[a] - centre.low[a]) + w * (voxel[a] + (offset >> a & 1 ? 0.0 : 0.5));
+                        at[a] = static_cast<double>(key.low[a] - centre.low[a])
+                            + w * (voxel[a] + (offset >> a & 1 ? 0.0 : 0.5));
                     }
                     return 1 + 2 * at[0] - 3 * at[1] + 5 * at[2];
                 };
@@ -220,8 +176,8 @@ TYPED_TEST(Halo, reproduces_a_linear_function_across_a_jump_in_every_direction)
                 TileData<float, W, 2> out((W + 4) * (W + 4) * (W + 4));
                 auto accessor = world.tree.tileAccessor();
                 for (HaloMode mode : {kHaloLinear, kHaloFromParent}) {
-                    setHaloTile<TypeParam, float, 0, 2, 0, 0>(tile, *world.channel, mode, kHaloAll, accessor, out, kFill, 1.0f,
-                                                              static_cast<VoxelOffsetType>(offset));
+                    setHaloTile<TypeParam, float, 0, 2, 0, 0>(tile, *world.channel, mode, kHaloAll, accessor, out,
+                                                              kFill, 1.0f, static_cast<VoxelOffsetType>(offset));
                     for (int k = low; k < high; ++k)
                         for (int j = low; j < high; ++j)
                             for (int i = low; i < high; ++i) {
@@ -246,7 +202,8 @@ TYPED_TEST(Halo, takes_coincident_voxels_of_a_coarser_tile_bit_for_bit)
     int seen = 0;
     for (int64 n = 0; n < world.tree.tileCount(-1); ++n) {
         auto const& tile = world.tree.tile(n);
-        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile.treeIndex(), *world.channel, kHaloLinear, kHaloAll, accessor, out, kFill, 1.0f, kCorner);
+        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile.treeIndex(), *world.channel, kHaloLinear, kHaloAll, accessor,
+                                                  out, kFill, 1.0f, kCorner);
         for (int side = 0; side < 3; ++side) {
             int3 step(0);
             step[side] = 1;
@@ -276,8 +233,8 @@ TYPED_TEST(Halo, is_the_same_with_and_without_the_neighbour_table)
     for (std::vector<float>* all : {&searched, &loaded}) {
         auto accessor = std::as_const(world.tree).tileAccessor();
         for (int64 t = 0; t < world.tree.tileCount(-1); ++t) {
-            setHaloTile<TypeParam, float, 0, 1, 0, 0>(world.tree.tile(t).treeIndex(), *world.channel, kHaloLinear, kHaloAll, accessor, before,
-                                                      kFill, 1.0f, kCorner);
+            setHaloTile<TypeParam, float, 0, 1, 0, 0>(world.tree.tile(t).treeIndex(), *world.channel, kHaloLinear,
+                                                      kHaloAll, accessor, before, kFill, 1.0f, kCorner);
             all->insert(all->end(), before.begin(), before.end());
         }
         world.tree.precomputeTileNeighbors();
@@ -293,8 +250,10 @@ TYPED_TEST(Halo, weighs_the_border_against_the_fill_value)
     TileData<float, W, 1> plain(n), weighed(n);
     for (TreeIndex const& tile : someTiles(world.tree, 30))
         for (float weight : {0.0f, 0.5f, 1.0f, -2.0f}) {
-            setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, plain, 0.5f, 1.0f, kCorner);
-            setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, weighed, 0.5f, weight, kCorner);
+            setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, plain,
+                                                      0.5f, 1.0f, kCorner);
+            setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, weighed,
+                                                      0.5f, weight, kCorner);
             for (int k = -1; k <= W; ++k)
                 for (int j = -1; j <= W; ++j)
                     for (int i = -1; i <= W; ++i) {
@@ -319,11 +278,14 @@ TYPED_TEST(Halo, treats_every_component_of_a_vector_alike)
     auto oracle = doubles.oracle(noise, 7, false);
     for (TreeIndex const& tile : someTiles(scalars.tree, 40)) {
         auto accessor = scalars.tree.tileAccessor();
-        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *scalars.channel, kHaloLinear, kHaloAll, accessor, a, kFill, 0.5f, kCorner);
-        setHaloTile<TypeParam, float3, 0, 1, 0, 0>(tile, *vectors.channel, kHaloLinear, kHaloAll, accessor, b, kFill, 0.5f, kCorner);
+        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *scalars.channel, kHaloLinear, kHaloAll, accessor, a, kFill,
+                                                  0.5f, kCorner);
+        setHaloTile<TypeParam, float3, 0, 1, 0, 0>(tile, *vectors.channel, kHaloLinear, kHaloAll, accessor, b, kFill,
+                                                   0.5f, kCorner);
         for (int e = 0; e < n; ++e) ASSERT_EQ(b(e), float3(a(e)));
         auto other = doubles.tree.tileAccessor();
-        setHaloTile<TypeParam, double, 0, 1, 0, 0>(tile, *doubles.channel, kHaloLinear, kHaloAll, other, c, kFill, 1.0f, kCorner);
+        setHaloTile<TypeParam, double, 0, 1, 0, 0>(tile, *doubles.channel, kHaloLinear, kHaloAll, other, c, kFill, 1.0f,
+                                                   kCorner);
         for (int k = -1; k <= W; ++k)
             for (int j = -1; j <= W; ++j)
                 for (int i = -1; i <= W; ++i) {
@@ -338,7 +300,9 @@ TYPED_TEST(Halo, treats_every_component_of_a_vector_alike)
 
 template <class Tr, class T> std::string injectionFaults(TileSet<Tr> const& set, HaloMode mode)
 {
-    const VoxelFunction label = [](TileKey const& key, int i, int j, int k) { return std::floor(100 + 99 * noise(key, i, j, k)); };
+    const VoxelFunction label = [](TileKey const& key, int i, int j, int k) {
+        return std::floor(100 + 99 * noise(key, i, j, k));
+    };
     const World<Tr, T> world(set, label);
     auto oracle = world.oracle(label, 0, false);
     oracle.outside = static_cast<double>(elementOf<T>(kFill));
@@ -351,7 +315,8 @@ template <class Tr, class T> std::string injectionFaults(TileSet<Tr> const& set,
         for (int k = -2; k < W + 2; ++k)
             for (int j = -2; j < W + 2; ++j)
                 for (int i = -2; i < W + 2; ++i) {
-                    const Expected e = expectedAt<Tr>(oracle, keyOf(world.tree.tile(tile)), {i, j, k}, kHaloInject, kHaloAll);
+                    const Expected e =
+                        expectedAt<Tr>(oracle, keyOf(world.tree.tile(tile)), {i, j, k}, kHaloInject, kHaloAll);
                     if (static_cast<double>(out(i, j, k)) != e.value) faults = "a value differs";
                 }
     }
@@ -368,6 +333,17 @@ TYPED_TEST(Halo, injects_integers_in_the_linear_modes_too_and_saturates_their_fi
     }
 }
 
+TYPED_TEST(Halo, of_the_root_alone_has_only_the_fill_value_around_it)
+{
+    TileSet<TypeParam> set;
+    set.add({0, 0, 0}, 0);
+    const World<TypeParam, float> root(set, noise);
+    for (HaloMode mode : {kHaloSameDepth, kHaloInject, kHaloFromParent, kHaloLinear}) {
+        auto oracle = root.oracle(noise, 7, false);
+        EXPECT_EQ(faultsOfAllShapes(root, oracle, {0, 0}, mode, kHaloAll, 7), "");
+    }
+}
+
 TYPED_TEST(Halo, of_a_tile_that_is_not_there_writes_nothing)
 {
     const World<TypeParam, float> world(randomSet<TypeParam>(15, 10, false), noise);
@@ -375,207 +351,13 @@ TYPED_TEST(Halo, of_a_tile_that_is_not_there_writes_nothing)
     auto accessor = world.tree.tileAccessor();
     TileData<float, W, 1> out((W + 2) * (W + 2) * (W + 2), kUntouched);
     for (TreeIndex tile : {TreeIndex{}, TreeIndex{world.tree.tileCount(D), D}, TreeIndex{0, D + 1}, TreeIndex{-1, 0}}) {
-        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, out, 0.0f, 1.0f, kCorner);
+        setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile, *world.channel, kHaloLinear, kHaloAll, accessor, out, 0.0f,
+                                                  1.0f, kCorner);
         for (float v : out) ASSERT_EQ(v, kUntouched);
     }
     TileData<float, W, 1> none;
-    setHaloTile<TypeParam, float, 0, 1, 0, 0>(TreeIndex{0, 0}, *world.channel, kHaloLinear, kHaloAll, accessor, none, 0.0f, 1.0f, kCorner);
-}
-
-// Compressed halos
-
-template <class Tr, class T> using Compressed = Channel<Tr, T, Tr::width + 1, 0>;
-
-template <class Tr, class T> Compressed<Tr, T> compressedOf(World<Tr, T> const& world, int minDepth = -1, int maxDepth = -1)
-{
-    const T old = elementOf<T>(kUntouched);
-    Compressed<Tr, T> out("out", &old, kInitializeNone, false, true, 0, Tr::maxDepth);
-    out.updateTilesAdded(world.tree);
-    computeHalo<Tr, T, 0, 0, 1, 0>(*world.channel, world.tree, out, minDepth, maxDepth);
-    return out;
-}
-
-/// The first tiles whose compressed halo differs in any bit from a gather of mode `mode`.
-template <class Tr, class T> std::string differences(World<Tr, T> const& world, Compressed<Tr, T> const& compressed, HaloMode mode)
-{
-    constexpr int n = (Tr::width + 1) * (Tr::width + 1) * (Tr::width + 1);
-    TileData<T, Tr::width + 1, 0> gathered(n);
-    std::ostringstream out;
-    auto accessor = world.tree.tileAccessor();
-    for (int64 t = 0; t < world.tree.tileCount(-1) && out.tellp() < 300; ++t) {
-        auto const& tile = world.tree.tile(t);
-        const auto values = compressed.tileData(tile.treeIndex());
-        gathered.set(elementOf<T>(kUntouched));
-        if (tile.depth() >= world.minDepth && tile.depth() <= world.maxDepth)
-            setHaloTile<Tr, T, 0, 0, 1, 0>(tile.treeIndex(), *world.channel, mode, kHaloAll, accessor, gathered, kFill, 1.0f, kCorner);
-        if (std::memcmp(values.data(), gathered.data(), n * sizeof(T)) != 0) out << keyOf(tile) << " differs\n";
-    }
-    return out.str();
-}
-
-TYPED_TEST(Halo, computed_compressed_is_what_the_linear_gather_finds_on_graded_trees)
-{
-    for (std::uint64_t seed : {16, 17}) {
-        const auto set = randomSet<TypeParam>(seed, 40, true);
-        const World<TypeParam, float> floats(set, noise);
-        EXPECT_EQ(differences(floats, compressedOf(floats), kHaloLinear), "");
-        EXPECT_EQ(differences(floats, compressedOf(floats), kHaloFromParent), "");
-        const World<TypeParam, Ostara::Math::double3> doubles(set, noise);
-        EXPECT_EQ(differences(doubles, compressedOf(doubles), kHaloLinear), "");
-        const World<TypeParam, short> shorts(set, [](TileKey const& key, int i, int j, int k) { return 1000 * noise(key, i, j, k); });
-        EXPECT_EQ(differences(shorts, compressedOf(shorts), kHaloInject), "");
-    }
-}
-
-TYPED_TEST(Halo, computed_compressed_goes_depth_by_depth_on_other_trees)
-{
-    const auto set = randomSet<TypeParam>(18, 60, false);
-    for (int last : {TypeParam::maxDepth, TypeParam::maxDepth - 2}) {
-        const World<TypeParam, float> world(set, noise, 0, last);
-        EXPECT_EQ(differences(world, compressedOf(world), kHaloFromParent), "") << "to depth " << last;
-    }
-}
-
-/// Compressed halos worked out in double, each from that of the parent.
-template <class Tr> class CompressedOracle {
-public:
-    using Set = TileSet<Tr>;
-    using Site = typename SiteOracle<Tr>::Site;
-    CompressedOracle(SiteOracle<Tr> const& voxels, Set const& set) : voxels_(voxels), set_(set) {}
-    Site at(TileKey const& tile, Place const& position)
-    {
-        const auto known = memory_.find({tile, position});
-        if (known != memory_.end()) return known->second;
-        return memory_[{tile, position}] = find(tile, position);
-    }
-
-private:
-    Site find(TileKey const& tile, Place const& position)
-    {
-        Place cell = tile.low;
-        for (int a = 0; a < 3; ++a) cell[a] += position[a] * Set::voxelWidth(tile.depth);
-        const auto there = set_.find(cell, tile.depth);
-        if (there && there->depth == tile.depth) return {voxels_.voxelAt(*there, cell), 0};
-        if (tile.depth <= voxels_.minDepth) return {voxels_.outside, 0};
-        const TileKey parent = Set::parentOf(tile);
-        const std::int64_t width = Set::voxelWidth(parent.depth);
-        Site sum{0, 0};
-        for (int corner = 0; corner < 8; ++corner) {
-            Place base;
-            double weight = 1;
-            for (int a = 0; a < 3; ++a) {
-                const double f = static_cast<double>((cell[a] - parent.low[a]) % width) / static_cast<double>(width);
-                weight *= corner >> a & 1 ? f : 1 - f;
-                base[a] = (cell[a] - parent.low[a]) / width + (corner >> a & 1);
-            }
-            if (weight == 0) continue;
-            const Site part = at(parent, base);
-            sum.value += weight * part.value;
-            sum.levels = std::max(sum.levels, part.levels);
-        }
-        return {sum.value, sum.levels + 1};
-    }
-    SiteOracle<Tr> const& voxels_;
-    Set const& set_;
-    std::map<std::pair<TileKey, Place>, Site> memory_;
-};
-
-TYPED_TEST(Halo, computed_compressed_agrees_with_the_oracle_in_any_range_of_depths)
-{
-    constexpr int D = TypeParam::maxDepth, W = TypeParam::width;
-    for (bool graded : {false, true})
-        for (auto [low, high] : {std::pair{0, D}, {D - 2, D}, {1, D - 1}, {D - 5, D - 3}}) {
-            const World<TypeParam, float> world(randomSet<TypeParam>(23, 30, graded), noise, low, high);
-            const auto out = compressedOf(world);
-            const auto voxels = world.oracle(noise, 7, true);
-            CompressedOracle<TypeParam> oracle(voxels, world.set);
-            for (TreeIndex const& tile : someTiles(world.tree, 100)) {
-                if (tile.depth < low || tile.depth > high) continue;
-                const auto values = out.tileData(tile);
-                for (int k = 0; k <= W; ++k)
-                    for (int j = 0; j <= W; ++j)
-                        for (int i = 0; i <= W; ++i) {
-                            const auto site = oracle.at(keyOf(world.tree.tile(tile)), {i, j, k});
-                            ASSERT_NEAR(values(i, j, k), site.value, site.levels * kMixError)
-                                << "(" << i << ", " << j << ", " << k << ") of " << keyOf(world.tree.tile(tile));
-                        }
-            }
-        }
-}
-
-TYPED_TEST(Halo, computed_compressed_is_the_same_with_tables_and_for_any_number_of_threads)
-{
-    World<TypeParam, float> world(randomSet<TypeParam>(19, 60, true), noise);
-    const auto searched = bytesOf(compressedOf(world));
-    for (int threads : kThreadCounts) {
-        std::vector<std::byte> bytes;
-        pollsOf(threads, [&] {
-            world.tree.precomputeCompressedTileHalos();
-            world.tree.precomputeTileNeighbors();
-            bytes = bytesOf(compressedOf(world));
-        });
-        EXPECT_TRUE(bytes == searched) << threads << " threads";
-    }
-}
-
-TYPED_TEST(Halo, computed_compressed_uses_no_parent_at_the_lowest_depth_of_the_pass)
-{
-    constexpr int D = TypeParam::maxDepth, W = TypeParam::width;
-    const World<TypeParam, float> world(randomSet<TypeParam>(20, 40, true), noise);
-    const auto out = compressedOf(world, D - 1, D);
-    int fromDefault = 0;
-    for (int64 t = 0; t < world.tree.tileCount(-1); ++t) {
-        auto const& tile = world.tree.tile(t);
-        const auto values = out.tileData(tile.treeIndex());
-        if (tile.depth() < D - 1) {
-            for (float v : values) ASSERT_EQ(v, kUntouched);
-        }
-        if (tile.depth() != D - 1) continue;
-        auto const& neighbor = world.tree.tileAccessor().tileNeighbor(tile, neighborDirection(1, 0, 0));
-        if (neighbor.depth() == D - 1) continue;
-        for (int k = 0; k < W; ++k)
-            for (int j = 0; j < W; ++j) ASSERT_EQ(values(W, j, k), kFill);
-        ++fromDefault;
-    }
-    EXPECT_GT(fromDefault, 0);
-}
-
-TYPED_TEST(Halo, of_an_empty_tree_and_of_a_root_alone)
-{
-    const World<TypeParam, float> empty(TileSet<TypeParam>(), noise);
-    EXPECT_EQ(compressedOf(empty).tileCount(-1), 0);
-    TileSet<TypeParam> set;
-    set.add({0, 0, 0}, 0);
-    const World<TypeParam, float> root(set, noise);
-    EXPECT_EQ(differences(root, compressedOf(root), kHaloLinear), "");
-    auto oracle = root.oracle(noise, 7, false);
-    EXPECT_EQ(faultsOfAllShapes(root, oracle, {0, 0}, kHaloLinear, kHaloAll, 7), "");
-}
-
-TYPED_TEST(Halo, of_a_single_tile_from_its_parents_compressed_halo)
-{
-    const World<TypeParam, float> world(randomSet<TypeParam>(21, 40, true), noise);
-    auto compressed = compressedOf(world);
-    constexpr int n = (TypeParam::width + 1) * (TypeParam::width + 1) * (TypeParam::width + 1);
-    TileData<float, TypeParam::width + 1, 0> out(n);
-    auto accessor = world.tree.tileAccessor();
-    for (TreeIndex const& index : someTiles(world.tree, 60)) {
-        auto const& tile = world.tree.tile(index);
-        auto const* parent = tile.depth() > 0 ? &world.tree.tile(tile.parentTreeIndex()) : nullptr;
-        const auto parentHalo = parent ? compressed.tileData(parent->treeIndex()) : TileData<float, TypeParam::width + 1, 0>();
-        setHaloTile<TypeParam, float, 0, 0, 1, 0>(tile, parent, *world.channel, parentHalo, kHaloFromParent, accessor, out);
-        const auto expected = compressed.tileData(index);
-        for (int e = 0; e < n; ++e) ASSERT_EQ(out(e), expected(e)) << keyOf(tile) << ", element " << e;
-        // The other modes need no parent.
-        setHaloTile<TypeParam, float, 0, 0, 1, 0>(tile, nullptr, *world.channel, {}, kHaloLinear, accessor, out);
-        for (int e = 0; e < n; ++e) ASSERT_EQ(out(e), expected(e)) << keyOf(tile) << ", element " << e << ", mode 4";
-    }
-}
-
-TYPED_TEST(Halo, computation_can_be_cancelled)
-{
-    World<TypeParam, float> world(randomSet<TypeParam>(22, 10, true), noise);
-    cancelAtEveryPoll([] {}, [&] { compressedOf(world); }, [] {});
+    setHaloTile<TypeParam, float, 0, 1, 0, 0>(TreeIndex{0, 0}, *world.channel, kHaloLinear, kHaloAll, accessor, none,
+                                              0.0f, 1.0f, kCorner);
 }
 
 }  // namespace

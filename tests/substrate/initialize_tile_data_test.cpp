@@ -1,5 +1,5 @@
-#include "TilegridOps/substrate/initialize_tile_data.h"
 #include "TilegridOps/substrate/child_values.h"
+#include "TilegridOps/substrate/initialize_tile_data.h"
 #include "TilegridOps/substrate/restriction.h"
 #include "support/address_channels.h"
 #include "support/channel_types.h"
@@ -44,7 +44,9 @@ template <class Tr> VoxelFunction unsetWhereNew(Grown<Tr> const& grown, VoxelFun
     auto fresh = std::make_shared<std::set<TileKey>>();
     for (int d = 0; d < Tr::levels; ++d)
         for (int3 const& corner : grown.added[d]) fresh->insert({d, toPlace(corner)});
-    return [fresh, voxel](TileKey const& key, int i, int j, int k) { return fresh->count(key) ? double(kUnset) : voxel(key, i, j, k); };
+    return [fresh, voxel](TileKey const& key, int i, int j, int k) {
+        return fresh->count(key) ? double(kUnset) : voxel(key, i, j, k);
+    };
 }
 
 template <class Tr, class T> using Plain = Channel<Tr, T, Tr::width, 0>;
@@ -84,7 +86,8 @@ TYPED_TEST(InitializeTileData, reproduces_a_linear_function)
         const int voxel[3] = {i, j, k};
         double at[3];
         for (int a = 0; a < 3; ++a)
-            at[a] = static_cast<double>(key.low[a] - centre.low[a]) + static_cast<double>(Set::voxelWidth(key.depth)) * voxel[a];
+            at[a] = static_cast<double>(key.low[a] - centre.low[a])
+                + static_cast<double>(Set::voxelWidth(key.depth)) * voxel[a];
         return 1 + 2 * at[0] - 3 * at[1] + 5 * at[2];
     };
     const auto channel = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, linear), 0.0f);
@@ -98,7 +101,9 @@ TYPED_TEST(InitializeTileData, reproduces_a_linear_function)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
                         largest = std::max(largest, std::abs(values(i, j, k) - linear(key, i, j, k)));
-                        term = std::max(term, 5.0 * std::abs(double(corner.z - centre.low[2])) + 5.0 * W * double(Set::voxelWidth(D - 1)));
+                        term = std::max(term,
+                                        5.0 * std::abs(double(corner.z - centre.low[2]))
+                                            + 5.0 * W * double(Set::voxelWidth(D - 1)));
                     }
         }
     EXPECT_LE(largest, 4 * std::exp2(std::floor(std::log2(term)) - 23));
@@ -114,10 +119,13 @@ TYPED_TEST(InitializeTileData, mixes_the_sites_of_the_depth_above_on_random_tree
         for (int type : {2, 3, -1}) {
             const auto result = initialised(grown, start, type);
             std::map<TileKey, TreeIndex> index;
-            for (int64 n = 0; n < grown.tree.tileCount(-1); ++n) index[keyOf(grown.tree.tile(n))] = grown.tree.tile(n).treeIndex();
+            for (int64 n = 0; n < grown.tree.tileCount(-1); ++n)
+                index[keyOf(grown.tree.tile(n))] = grown.tree.tile(n).treeIndex();
             SiteOracle<TypeParam> oracle(grown.set);
             // Values of tiles above count as given: they were checked when their own turn came.
-            oracle.voxel = [&](TileKey const& key, int i, int j, int k) { return double(result.tileData(index.at(key))(i, j, k)); };
+            oracle.voxel = [&](TileKey const& key, int i, int j, int k) {
+                return double(result.tileData(index.at(key))(i, j, k));
+            };
             oracle.outside = 0.5;
             int checked = 0;
             for (auto const& [key, tile] : index) {
@@ -161,7 +169,9 @@ TYPED_TEST(InitializeTileData, injects_integers_and_whatever_asks_for_it)
 {
     constexpr int W = TypeParam::width, B = TypeParam::branching;
     const Grown<TypeParam> grown(7, false);
-    const auto label = [](TileKey const& key, int i, int j, int k) { return std::floor(50 + 49 * noise(key, i, j, k)); };
+    const auto label = [](TileKey const& key, int i, int j, int k) {
+        return std::floor(50 + 49 * noise(key, i, j, k));
+    };
     const auto check = [&]<class T>(int type) {
         const auto start = channelOf<Plain<TypeParam, T>>(grown.tree, unsetWhereNew(grown, label), T());
         const auto result = initialised(grown, start, type);
@@ -192,7 +202,8 @@ TYPED_TEST(InitializeTileData, leaves_type_0_old_tiles_and_tiles_without_a_value
     const auto all = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, noise), 0.0f);
     EXPECT_TRUE(bytesOf(initialised(grown, all, 0)) == bytesOf(all));
     for (int type : {1, 2}) {
-        const auto cut = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, noise), 0.0f, D - 2, D - 1);
+        const auto cut =
+            channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, noise), 0.0f, D - 2, D - 1);
         const auto result = initialised(grown, cut, type);
         for (int d : {D - 2, D - 1})
             for (int64 n = 0; n < grown.tree.tileCount(d); ++n) {
@@ -230,7 +241,8 @@ TYPED_TEST(InitializeTileData, passes_over_wrong_places_and_repeated_ones)
     for (int d = 0; d < TypeParam::levels; ++d) {
         const auto list = grown.added[d];
         for (int3 const& corner : list) grown.added[d].push_back(corner);
-        for (int3 const& corner : {int3(far, 0, 0), int3(0, -far, 0), int3(5000, 5000, far), int3(77777, -77777, 123)}) {
+        for (int3 const& corner :
+             {int3(far, 0, 0), int3(0, -far, 0), int3(5000, 5000, far), int3(77777, -77777, 123)}) {
             const auto index = std::as_const(grown.tree).tileAccessor().find(77777, -77777, 123, d);
             if (corner.z != 123 || index.depth != d) grown.added[d].push_back(corner);
         }
@@ -260,7 +272,8 @@ TYPED_TEST(InitializeTileData, fills_all_layouts_but_not_their_halo)
         EXPECT_TRUE(same) << channelTypeName<C>();
     };
     const auto checkLayouts = [&]<class... Ts>(TypeList<Ts...>) { (detail::forEachLayout<TypeParam, Ts>(check), ...); };
-    checkLayouts(TypeList<float, Ostara::Math::float4x2, Ostara::Math::double3, signed char, Ostara::Math::int3, OST::uint64>());
+    checkLayouts(
+        TypeList<float, Ostara::Math::float4x2, Ostara::Math::double3, signed char, Ostara::Math::int3, OST::uint64>());
 }
 
 TYPED_TEST(InitializeTileData, can_be_cancelled)
@@ -277,7 +290,8 @@ template <class Tr> class ChildValues : public ::testing::Test {};
 TYPED_TEST_SUITE(ChildValues, Structures, StructureNames);
 
 /// The value that a voxel must have: its own, or by offset that of its children, theirs first.
-template <class Tr> double fromChildren(TileSet<Tr> const& set, TileKey const& tile, int3 const& v, int offset, int low, int high)
+template <class Tr>
+double fromChildren(TileSet<Tr> const& set, TileKey const& tile, int3 const& v, int offset, int low, int high)
 {
     using Set = TileSet<Tr>;
     constexpr int r = Tr::cellVoxels, B = Tr::branching;
@@ -311,15 +325,18 @@ TYPED_TEST(ChildValues, come_up_from_the_finest_depth_by_the_offset_of_each_axis
     for (int offset = 0; offset < 8; ++offset)
         for (auto [low, high] : {std::pair{0, D}, {D - 2, D - 1}, {3, 2}}) {
             auto channel = channelOf<Plain<TypeParam, float>>(tree, noise, 0.0f);
-            setNonLeafValueToChildValue<TypeParam, float, TypeParam::width, 0>(channel, tree, static_cast<VoxelOffsetType>(offset), low, high);
+            setNonLeafValueToChildValue<TypeParam, float, TypeParam::width, 0>(
+                channel, tree, static_cast<VoxelOffsetType>(offset), low, high);
             for (int64 n = 0; n < tree.tileCount(-1); ++n) {
                 auto const& tile = tree.tile(n);
                 // Means of means on the way from the finest depth cost a factor each without memory; a few depths show all.
                 if (offset != 7 && tile.depth() < D - (offset == 0 ? 1 : 2)) continue;
                 for (int e = 0; e < TypeParam::voxelCount; ++e) {
-                    const double expected = fromChildren<TypeParam>(set, keyOf(tile), cubeIndex(TypeParam::width, e), offset, low, high);
+                    const double expected =
+                        fromChildren<TypeParam>(set, keyOf(tile), cubeIndex(TypeParam::width, e), offset, low, high);
                     // Each mean is rounded once.
-                    ASSERT_NEAR(channel.tileData(tile.treeIndex())(e), expected, offset == 7 ? 0 : 3 * kUnit) << keyOf(tile);
+                    ASSERT_NEAR(channel.tileData(tile.treeIndex())(e), expected, offset == 7 ? 0 : 3 * kUnit)
+                        << keyOf(tile);
                 }
             }
         }
@@ -341,7 +358,8 @@ TYPED_TEST(ChildValues, keep_to_the_depths_of_the_channel_and_to_the_interior_of
                     for (int i = -1; i <= W; ++i) {
                         const bool inside = std::min({i, j, k}) >= 0 && std::max({i, j, k}) < W;
                         const TileKey key = keyOf(tree.tile(n, d));
-                        ASSERT_EQ(values(i, j, k), inside ? fromChildren<TypeParam>(set, key, int3(i, j, k), 7, 0, D - 2) : 0.25);
+                        ASSERT_EQ(values(i, j, k),
+                                  inside ? fromChildren<TypeParam>(set, key, int3(i, j, k), 7, 0, D - 2) : 0.25);
                     }
         }
 }
@@ -352,7 +370,9 @@ TYPED_TEST(ChildValues, of_integers_are_never_averaged_and_constants_stay)
     const auto set = randomSet<TypeParam>(25, 20, true);
     Tree<TypeParam> tree("tree");
     addAll(set, tree);
-    const auto label = [](TileKey const& key, int i, int j, int k) { return std::floor(100 + 99 * noise(key, i, j, k)); };
+    const auto label = [](TileKey const& key, int i, int j, int k) {
+        return std::floor(100 + 99 * noise(key, i, j, k));
+    };
     auto a = channelOf<Plain<TypeParam, int>>(tree, label, 0), b = a;
     setNonLeafValueToChildValue<TypeParam, int, W, 0>(a, tree, kCorner, 0, TypeParam::maxDepth);
     setNonLeafValueToChildValue<TypeParam, int, W, 0>(b, tree, kCenter, 0, TypeParam::maxDepth);
@@ -373,7 +393,8 @@ TYPED_TEST(ChildValues, are_the_same_for_any_number_of_threads)
     for (int threads : kThreadCounts)
         pollsOf(threads, [&] {
             auto channel = channelOf<Plain<TypeParam, float>>(tree, noise, 0.0f);
-            setNonLeafValueToChildValue<TypeParam, float, TypeParam::width, 0>(channel, tree, kCenter, 0, TypeParam::maxDepth);
+            setNonLeafValueToChildValue<TypeParam, float, TypeParam::width, 0>(channel, tree, kCenter, 0,
+                                                                               TypeParam::maxDepth);
             results.push_back(bytesOf(channel));
         });
     EXPECT_TRUE(results[0] == results[1] && results[0] == results[2]);

@@ -30,7 +30,8 @@ template <class Tr> std::string wrongNeighbors(ConstTileAccessor<Tr> const& acce
             const auto expected = neighborIn(set, keyOf(tile), int3(d / 9 - 1, d / 3 % 3 - 1, d % 3 - 1));
             auto const& found = accessor.tileNeighbor(tile, direction);
             const TreeIndex index = accessor.treeIndexNeighbor(tile, direction);
-            if (found.valid() != expected.has_value() || (expected && keyOf(found) != *expected) || index != found.treeIndex())
+            if (found.valid() != expected.has_value() || (expected && keyOf(found) != *expected)
+                || index != found.treeIndex())
                 out << "direction " << d << " of " << keyOf(tile) << "\n";
         }
     }
@@ -69,7 +70,9 @@ TYPED_TEST(Neighbors, are_right_in_an_empty_tree_and_around_the_root)
 {
     this->tree_.precomputeTileNeighbors();
     this->tree_.precomputeCompressedTileHalos();
-    auto const& outside = std::as_const(this->tree_).tileAccessor().tileNeighbor(Tree<TypeParam>::outsideTile(), neighborDirection(1, 0, 0));
+    auto const& outside = std::as_const(this->tree_)
+                              .tileAccessor()
+                              .tileNeighbor(Tree<TypeParam>::outsideTile(), neighborDirection(1, 0, 0));
     EXPECT_FALSE(outside.valid());
     this->set_.add({0, 0, 0}, 0);
     addAll(this->set_, this->tree_);
@@ -100,7 +103,8 @@ TYPED_TEST(Neighbors, stay_right_through_every_change_of_the_tree)
         place[0] += side * TileSet<TypeParam>::tileWidth(deep.depth);
         if (!TileSet<TypeParam>::inRange(place)) continue;
         this->set_.add(place, deep.depth);
-        this->tree_.tileAccessor().addTile(static_cast<int>(place[0]), static_cast<int>(place[1]), static_cast<int>(place[2]), deep.depth);
+        this->tree_.tileAccessor().addTile(static_cast<int>(place[0]), static_cast<int>(place[1]),
+                                           static_cast<int>(place[2]), deep.depth);
     }
     check("tiles were added one by one");
 
@@ -144,7 +148,8 @@ TYPED_TEST(Neighbors, of_tiles_that_the_tree_does_not_hold_are_found_as_well)
     for (int64 n = 0; n < other.tileCount(-1); ++n)
         for (int d = 0; d < 27; ++d) {
             auto const& tile = other.tile(n);
-            const auto expected = neighborIn(this->set_, keyOf(tile), neighborOffset(static_cast<NeighborDirection>(d)));
+            const auto expected =
+                neighborIn(this->set_, keyOf(tile), neighborOffset(static_cast<NeighborDirection>(d)));
             auto const& found = accessor.tileNeighbor(tile, static_cast<NeighborDirection>(d));
             ASSERT_EQ(found.valid(), expected.has_value());
             if (expected) {
@@ -228,7 +233,8 @@ TYPED_TEST(Neighbors, of_compressed_halos_are_announced_from_verbose_level_2_on)
         ASSERT_EQ(lines.size(), level > 1 ? 2u : 0u);
         if (level < 2) continue;
         EXPECT_EQ(lines[0], "Precomputing compressed tile halos.begin");
-        EXPECT_TRUE(matches(lines[1], "Precomputing compressed tile halos\\.end \\([0-9]+(\\.[0-9]+)?(e-[0-9]+)?\\)")) << lines[1];
+        EXPECT_TRUE(matches(lines[1], "Precomputing compressed tile halos\\.end \\([0-9]+(\\.[0-9]+)?(e-[0-9]+)?\\)"))
+            << lines[1];
     }
 }
 

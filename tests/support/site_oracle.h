@@ -116,7 +116,8 @@ template <class Tr> void addAll(TileSet<Tr> const& set, Tree<Tr>& tree)
 {
     auto accessor = tree.tileAccessor();
     for (TileKey const& key : set.tiles())
-        accessor.addTile(static_cast<int>(key.low[0]), static_cast<int>(key.low[1]), static_cast<int>(key.low[2]), key.depth);
+        accessor.addTile(static_cast<int>(key.low[0]), static_cast<int>(key.low[1]), static_cast<int>(key.low[2]),
+                         key.depth);
 }
 
 /// A random tree, graded if asked, as a set: a few clusters of tiles down to the finest depth, some at the border of tile space.
@@ -132,8 +133,8 @@ template <class Tr> TileSet<Tr> randomSet(std::uint64_t seed, int tiles, bool gr
 
 /// A channel of the tree with `voxel` in its voxels, converted to T (in every component).
 template <class C>
-C channelOf(Tree<typename C::Traits> const& tree, VoxelFunction const& voxel, typename C::Element const& defaultValue, int minDepth = 0,
-            int depth = C::Traits::maxDepth)
+C channelOf(Tree<typename C::Traits> const& tree, VoxelFunction const& voxel, typename C::Element const& defaultValue,
+            int minDepth = 0, int depth = C::Traits::maxDepth)
 {
     using T = typename C::Element;
     using Element = Ostara::Math::ElementTraits<T>;

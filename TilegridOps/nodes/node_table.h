@@ -25,9 +25,11 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"get_volume_tile_info", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"get_voxel_count", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"get_voxel_size", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"grade_volume", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"validate_volume", false, "", Prototype::kVolume, ""},
     NodeSpec{"volume_bounds", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
 };
 

@@ -28,7 +28,7 @@ public:
     using Tile = typename Container<Tr>::Tile;
     static constexpr int W = Tr::width;
 
-    DofWriter(Container<Tr> const& tree, DofChannel<Tr>& dofs) : tree_(tree), dofs_(dofs), walk_(tree) {}
+    DofWriter(Container<Tr> const& tree, DofChannel<Tr>& dofs) : tree_(tree), dofs_(dofs), walk_(tree, NeighborWalk<Tr>::Sides::kLow) {}
 
     /// The children's flags are there already.
     void operator()(Tile const& tile)
@@ -53,8 +53,9 @@ private:
         std::array<Tile const*, 8> around{};
         around[0] = &tile;
         anyRefined_ = !tile.isLeaf();
+        Surroundings const& surroundings = walk_.around(tile);
         for (LowPart const& part : kLowParts) {
-            const TreeIndex found = walk_.treeIndexNeighbor(tile, part.direction);
+            const TreeIndex found = surroundings.tiles[part.direction];
             if (!found.valid()) continue;
             if (found.depth < tile.depth()) {
                 hanging_ |= 1 << part.axes;

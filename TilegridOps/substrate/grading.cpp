@@ -26,42 +26,41 @@ struct Crossing {
 /// levels finer than a neighbour exactly if its parent has no neighbour of its own depth there, so these few stand for
 /// all 26.
 template <class Tr> struct CellCrossings {
-    struct List {
+    struct OfCell {
         std::array<Crossing, 7> entries{};
         int count = 0;
+        /// A bit for each direction from the parent.
+        std::uint32_t needed = 0;
     };
-    std::array<List, Tr::childCount> of{};
+    std::array<OfCell, Tr::childCount> of{};
 
     constexpr CellCrossings()
     {
-        for (int cell = 0; cell < Tr::childCount; ++cell) {
-            std::uint32_t seen = 1u << kNeighborSelf;
+        for (int cell = 0; cell < Tr::childCount; ++cell)
             for (int n = 0; n < 27; ++n) {
-                const auto direction = NeighborDirection(n);
-                const int3 offset = neighborOffset(direction), at = cubeIndex(Tr::branching, cell);
-                const auto step = [](int c) { return c < 0 ? -1 : c >= Tr::branching ? 1 : 0; };
-                const auto fromParent = neighborDirection(step(at.x + offset.x), step(at.y + offset.y), step(at.z + offset.z));
-                if (seen >> fromParent & 1) continue;
-                seen |= 1u << fromParent;
-                of[cell].entries[of[cell].count++] = {direction, fromParent};
+                const int fromParent = detail::kChildSteps<Tr>.of[cell].to[n].holder;
+                if (fromParent == kNeighborSelf || of[cell].needed >> fromParent & 1) continue;
+                of[cell].needed |= 1u << fromParent;
+                of[cell].entries[of[cell].count++] = {NeighborDirection(n), NeighborDirection(fromParent)};
             }
-        }
     }
 };
 
 template <class Tr> constexpr CellCrossings<Tr> kCrossings;
 
-/// Calls `visit(direction, neighbour)` for the neighbours that are two or more levels coarser than a tile of depth 2 or
+/// Calls `visit(crossing, neighbour)` for the neighbours that are two or more levels coarser than a tile of depth 2 or
 /// deeper, once for each such neighbour of its parent, until it returns false.
 template <class Tr, class Visit>
 void visitCoarseNeighbors(Container<Tr> const& tree, NeighborWalk<Tr>& walk, typename Container<Tr>::Tile const& tile, Visit visit)
 {
     auto const& parent = tree.tile(tile.parentTreeIndex());
-    const int3 cell = NeighborWalk<Tr>::childCell(parent, tile);
-    auto const& crossings = kCrossings<Tr>.of[flatIndex(Tr::branching, cell.x, cell.y, cell.z)];
+    Surroundings const& around = walk.around(parent);
+    auto const& crossings = kCrossings<Tr>.of[NeighborWalk<Tr>::childCell(parent, tile)];
+    if ((crossings.needed & ~around.sameDepth) == 0) return;
     for (int n = 0; n < crossings.count; ++n) {
-        const TreeIndex found = walk.treeIndexNeighbor(parent, crossings.entries[n].fromParent);
-        if (found.valid() && found.depth < parent.depth() && !visit(crossings.entries[n].fromTile, found)) return;
+        Crossing const& crossing = crossings.entries[n];
+        const TreeIndex found = around.tiles[crossing.fromParent];
+        if (found.valid() && found.depth < parent.depth() && !visit(crossing, found)) return;
     }
 }
 
@@ -93,6 +92,8 @@ void mark(TileColor& color)
     std::atomic_ref(color.touched).store(1, std::memory_order_relaxed);
 }
 
+/// Places in the order in which they were met. A private container holds them only at the end, once for all workers: it would
+/// be joined with its whole path to the root again and again, and the order of its tiles is the same.
 template <class Tr> class GradingVisitor final : public Container<Tr>::VisitorT {
 public:
     using Base = typename Container<Tr>::VisitorT;
@@ -100,8 +101,9 @@ public:
     using Base::beginTile;
     using Base::runTiles;
 
-    explicit GradingVisitor(DepthPass<Tr>& pass) : pass_(pass), wanted_(pass.tree) {}
-    PrivateTiles<Tr> const& wanted() const { return wanted_; }
+    explicit GradingVisitor(DepthPass<Tr>& pass) : pass_(pass) {}
+    /// Places at which a tile of the next coarser depth is wanted, some more than once.
+    std::vector<int3> const& wanted() const { return wanted_; }
 
     void beginTile(Tile const& tile) override { grade(tile, walkOfThread(pass_.walks, pass_.tree)); }
     void runTiles(Tile const* tiles, int64 count, int, int, VisitInteriorVoxelMode) override
@@ -109,19 +111,33 @@ public:
         NeighborWalk<Tr>& walk = walkOfThread(pass_.walks, pass_.tree);
         for (int64 n = 0; n < count; ++n) grade(tiles[n], walk);
     }
-    void join(Base const& right) override { wanted_.join(static_cast<GradingVisitor const&>(right).wanted_); }
+    void join(Base const& right) override
+    {
+        auto const& other = static_cast<GradingVisitor const&>(right).wanted_;
+        wanted_.insert(wanted_.end(), other.begin(), other.end());
+    }
     Base* clone() const override { return new GradingVisitor(pass_); }
 
 private:
     void grade(Tile const& tile, NeighborWalk<Tr>& walk)
     {
         if (pass_.colors && !pass_.working[std::size_t(tile.index())].touched) return;
-        visitCoarseNeighbors(pass_.tree, walk, tile, [&](NeighborDirection direction, TreeIndex const&) {
-            // The neighbour is inside tile space, so this sum is too.
-            wanted_.add(tile.tijk() + tile.tileVoxelWidth() * neighborOffset(direction), pass_.depth - 1);
+        visitCoarseNeighbors(pass_.tree, walk, tile, [&](Crossing const& crossing, TreeIndex const&) {
+            want(tile, crossing);
             return true;
         });
         if (pass_.colors) markNeighbors(tile, walk);
+    }
+    /// Children of one parent want the same tiles.
+    void want(Tile const& tile, Crossing const& crossing)
+    {
+        const int64 parent = tile.parentTreeIndex().index;
+        if (parent != lastParent_) wantedAround_ = 0;
+        lastParent_ = parent;
+        if (wantedAround_ >> crossing.fromParent & 1) return;
+        wantedAround_ |= 1u << crossing.fromParent;
+        // The neighbour is inside tile space, so this sum is too.
+        wanted_.push_back(tile.tijk() + tile.tileVoxelWidth() * neighborOffset(crossing.fromTile));
     }
     /// Tiles beside a touched one may have lost their grading to it.
     void markNeighbors(Tile const& tile, NeighborWalk<Tr>& walk)
@@ -138,7 +154,9 @@ private:
         }
     }
     DepthPass<Tr>& pass_;
-    PrivateTiles<Tr> wanted_;
+    std::vector<int3> wanted_;
+    int64 lastParent_ = -1;
+    std::uint32_t wantedAround_ = 0;
 };
 
 /// New tiles, which lie at the end of their depths, are touched.
@@ -157,7 +175,9 @@ template <class Tr> bool gradeDepth(Container<Tr>& tree, TileList<Tr>* tilesAdde
     tree.template reduceInternalNonInlined<Tile const&, Container<Tr> const&>(&visitor, kByLevel, TreeIndex(), depth, depth, kGrain, 0,
                                                                                Tr::branching, kChildCells);
     if (visitor.wanted().empty()) return false;
-    visitor.wanted().addTo(tree, tilesAdded, /*updateLookup*/ false);
+    PrivateTiles<Tr> wanted(tree);
+    for (int3 const& place : visitor.wanted()) wanted.add(place, depth - 1);
+    wanted.addTo(tree, tilesAdded, /*updateLookup*/ false);
     if (colors) growColors(tree, colors);
     return true;
 }
@@ -213,9 +233,9 @@ private:
     void check(Tile const& tile, NeighborWalk<Tr>& walk)
     {
         if (first_.found() || tile.depth() < 2) return;
-        visitCoarseNeighbors(tree_, walk, tile, [&](NeighborDirection direction, TreeIndex const& neighbor) {
+        visitCoarseNeighbors(tree_, walk, tile, [&](Crossing const& crossing, TreeIndex const& neighbor) {
             if (neighbor.depth < minDepth_) return true;
-            first_ = {tile.treeIndex(), neighbor, direction};
+            first_ = {tile.treeIndex(), neighbor, crossing.fromTile};
             return false;
         });
     }

@@ -5,6 +5,54 @@
 
 namespace OST::TileTree3D {
 
+/// The tiles around a tile, by direction: of its own depth, else the finest that covers the place, else (-1,-1).
+struct Surroundings {
+    int64 index = -1;
+    /// Bit n is set if `tiles[n]` has the tile's own depth.
+    std::uint32_t sameDepth = 0;
+    std::array<TreeIndex, 27> tiles;
+};
+
+namespace detail {
+
+/// For each cell of a tile and each direction: the tile around the tile in which the child's neighbour lies, and its cell there.
+template <class Tr> struct ChildSteps {
+    struct Step {
+        std::uint8_t holder = kNeighborSelf, cell = 0;
+    };
+    struct OfCell {
+        std::array<Step, 27> to{};
+        /// Each holder once.
+        std::array<std::uint8_t, 8> holders{};
+        int holderCount = 0;
+        std::uint32_t holderMask = 0;
+    };
+    std::array<OfCell, Tr::childCount> of{};
+
+    constexpr ChildSteps()
+    {
+        constexpr int B = Tr::branching;
+        for (int cell = 0; cell < Tr::childCount; ++cell)
+            for (int n = 0; n < 27; ++n) {
+                int3 at = cubeIndex(B, cell), step;
+                const int3 offset = neighborOffset(NeighborDirection(n));
+                for (int axis = 0; axis < 3; ++axis) {
+                    at[axis] += offset[axis];
+                    step[axis] = at[axis] < 0 ? -1 : at[axis] >= B ? 1 : 0;
+                    at[axis] -= step[axis] * B;
+                }
+                const int holder = neighborDirection(step.x, step.y, step.z);
+                of[cell].to[n] = {std::uint8_t(holder), std::uint8_t(flatIndex(B, at.x, at.y, at.z))};
+                if (of[cell].holderMask >> holder & 1) continue;
+                of[cell].holderMask |= 1u << holder;
+                of[cell].holders[of[cell].holderCount++] = std::uint8_t(holder);
+            }
+    }
+};
+template <class Tr> inline constexpr ChildSteps<Tr> kChildSteps;
+
+}  // namespace detail
+
 /// Finds the neighbours of tiles by their links alone: a neighbour is a child of the parent's neighbour. For passes over many
 /// tiles of a tree that changes between the passes, where a lookup structure would be rebuilt each time. It remembers the
 /// surroundings of the last tile of each depth, so that tiles in Morton order share nearly all steps.
@@ -14,61 +62,67 @@ template <class Tr> class NeighborWalk {
 public:
     using Tile = typename Container<Tr>::Tile;
 
-    explicit NeighborWalk(Container<Tr> const& tree) : tree_(&tree) {}
-
-    /// What `ConstTileAccessor::treeIndexNeighbor` gives: the tile of the same depth one tile width away, else the finest one
-    /// that covers its place; (-1,-1) outside every tile.
-    TreeIndex treeIndexNeighbor(Tile const& tile, NeighborDirection direction)
+    enum class Sides { kAll, kLow };
+    /// With `kLow` only the directions without a step to the high side are filled in; the others mean nothing.
+    explicit NeighborWalk(Container<Tr> const& tree, Sides sides = Sides::kAll) : tree_(&tree)
     {
-        Surroundings& around = around_[tile.depth()];
-        if (around.index != tile.index()) {
-            around.index = tile.index();
-            around.known = 0;
-            if (tile.depth() > 0) around.cell = childCell(tree_->tile(tile.parentTreeIndex()), tile);
+        for (int n = 0; n < 27; ++n) {
+            const int3 offset = neighborOffset(NeighborDirection(n));
+            if (sides == Sides::kAll || (offset.x <= 0 && offset.y <= 0 && offset.z <= 0)) directions_[count_++] = std::uint8_t(n);
         }
-        if (!(around.known >> direction & 1)) {
-            around.tiles[direction] = locate(tile, around.cell, neighborOffset(direction));
-            around.known |= 1u << direction;
-        }
-        return around.tiles[direction];
     }
 
+    Surroundings const& around(Tile const& tile)
+    {
+        Surroundings& around = around_[tile.depth()];
+        if (around.index != tile.index()) fill(around, tile);
+        return around;
+    }
+    /// What `ConstTileAccessor::treeIndexNeighbor` gives.
+    TreeIndex treeIndexNeighbor(Tile const& tile, NeighborDirection direction) { return around(tile).tiles[direction]; }
+
     /// The child cell of `parent` that `child` fills.
-    static int3 childCell(Tile const& parent, Tile const& child)
+    static int childCell(Tile const& parent, Tile const& child)
     {
         if constexpr (Tr::branching == 2)
-            return {child.tijk().x > parent.tijk().x, child.tijk().y > parent.tijk().y, child.tijk().z > parent.tijk().z};
+            return int(child.tijk().x > parent.tijk().x) | int(child.tijk().y > parent.tijk().y) << 1 | int(child.tijk().z > parent.tijk().z) << 2;
         else
-            return parent.childIJK(child);
+            return flatCell(parent.childIJK(child));
     }
 
 private:
-    struct Surroundings {
-        int64 index = -1;
-        /// Place of the tile among its parent's children.
-        int3 cell;
-        std::uint32_t known = 0;
-        std::array<TreeIndex, 27> tiles;
-    };
+    static int flatCell(int3 const& cell) { return flatIndex(Tr::branching, cell.x, cell.y, cell.z); }
 
-    TreeIndex locate(Tile const& tile, int3 cell, int3 const& offset)
+    void fill(Surroundings& around, Tile const& tile)
     {
-        const TreeIndex parent = tile.parentTreeIndex();
-        if (!parent.valid()) return {};  // depth 0: one tile is all of tile space
-        int3 step;
-        for (int axis = 0; axis < 3; ++axis) {
-            cell[axis] += offset[axis];
-            step[axis] = cell[axis] < 0 ? -1 : cell[axis] >= Tr::branching ? 1 : 0;
-            cell[axis] -= step[axis] * Tr::branching;
+        around.index = tile.index();
+        around.sameDepth = 1u << kNeighborSelf;
+        const TreeIndex parentIndex = tile.parentTreeIndex();
+        if (!parentIndex.valid()) {  // one tile is all of tile space
+            around.tiles.fill({});
+            around.tiles[kNeighborSelf] = tile.treeIndex();
+            return;
         }
-        const NeighborDirection direction = neighborDirection(step.x, step.y, step.z);
-        const TreeIndex holder = direction == kNeighborSelf ? parent : treeIndexNeighbor(tree_->tile(parent), direction);
-        if (holder.depth != parent.depth) return holder;
-        const int64 child = tree_->tile(holder).childIndex(cell);
-        return child < 0 ? holder : TreeIndex{child, tile.depth()};
+        Tile const& parent = tree_->tile(parentIndex);
+        Surroundings const& above = this->around(parent);
+        auto const& steps = detail::kChildSteps<Tr>.of[childCell(parent, tile)];
+        std::array<Tile const*, 27> holders;
+        for (int n = 0; n < steps.holderCount; ++n) {
+            const int holder = steps.holders[n];
+            holders[holder] = above.sameDepth >> holder & 1 ? &tree_->tile(above.tiles[holder]) : nullptr;
+        }
+        for (int n = 0; n < count_; ++n) {
+            const int direction = directions_[n];
+            const auto step = steps.to[direction];
+            const int64 child = holders[step.holder] ? holders[step.holder]->childIndex(step.cell) : -1;
+            around.tiles[direction] = child < 0 ? above.tiles[step.holder] : TreeIndex{child, tile.depth()};
+            around.sameDepth |= std::uint32_t(child >= 0) << direction;
+        }
     }
 
     Container<Tr> const* tree_;
+    std::array<std::uint8_t, 27> directions_{};
+    int count_ = 0;
     std::array<Surroundings, Tr::levels> around_;
 };
 

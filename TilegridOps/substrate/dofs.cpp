@@ -55,7 +55,7 @@ private:
         anyRefined_ = !tile.isLeaf();
         Surroundings const& surroundings = walk_.around(tile);
         for (LowPart const& part : kLowParts) {
-            const TreeIndex found = surroundings.tiles[part.direction];
+            const TreeIndex found = surroundings[part.direction];
             if (!found.valid()) continue;
             if (found.depth < tile.depth()) {
                 hanging_ |= 1 << part.axes;

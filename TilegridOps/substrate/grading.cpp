@@ -14,7 +14,8 @@ namespace {
 
 using namespace OST::TileTree3D;
 
-constexpr std::size_t kGrain = 50;
+// A task with its visitor costs as much as some twenty tiles of these passes.
+constexpr std::size_t kGrain = 1000;
 
 /// A neighbour of a tile that lies outside its parent: the direction from the tile, and the direction from the parent to the
 /// tile of the parent's depth that holds it.
@@ -54,12 +55,12 @@ template <class Tr, class Visit>
 void visitCoarseNeighbors(Container<Tr> const& tree, NeighborWalk<Tr>& walk, typename Container<Tr>::Tile const& tile, Visit visit)
 {
     auto const& parent = tree.tile(tile.parentTreeIndex());
-    Surroundings const& around = walk.around(parent);
     auto const& crossings = kCrossings<Tr>.of[NeighborWalk<Tr>::childCell(parent, tile)];
-    if ((crossings.needed & ~around.sameDepth) == 0) return;
+    if ((crossings.needed & ~walk.sameDepth(parent)) == 0) return;
+    Surroundings const& around = walk.around(parent);
     for (int n = 0; n < crossings.count; ++n) {
         Crossing const& crossing = crossings.entries[n];
-        const TreeIndex found = around.tiles[crossing.fromParent];
+        const TreeIndex found = around[crossing.fromParent];
         if (found.valid() && found.depth < parent.depth() && !visit(crossing, found)) return;
     }
 }

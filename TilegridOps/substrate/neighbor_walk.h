@@ -6,12 +6,7 @@
 namespace OST::TileTree3D {
 
 /// The tiles around a tile, by direction: of its own depth, else the finest that covers the place, else (-1,-1).
-struct Surroundings {
-    int64 index = -1;
-    /// Bit n is set if `tiles[n]` has the tile's own depth.
-    std::uint32_t sameDepth = 0;
-    std::array<TreeIndex, 27> tiles;
-};
+using Surroundings = std::array<TreeIndex, 27>;
 
 namespace detail {
 
@@ -74,12 +69,25 @@ public:
 
     Surroundings const& around(Tile const& tile)
     {
-        Surroundings& around = around_[tile.depth()];
-        if (around.index != tile.index()) fill(around, tile);
-        return around;
+        Place& place = places_[tile.depth()];
+        if (place.tilesOf != tile.index()) fill(place, tile);
+        return place.tiles;
+    }
+    /// A bit for each direction in which a tile of the tile's own depth lies. Costs less than to know which.
+    std::uint32_t sameDepth(Tile const& tile)
+    {
+        Place& place = places_[tile.depth()];
+        if (place.maskOf != tile.index()) {
+            place.maskOf = tile.index();
+            place.mask = 1u << kNeighborSelf;
+            forNeighbors(tile, [&place](int direction, int64 child, TreeIndex const&) {
+                place.mask |= std::uint32_t(child >= 0) << direction;
+            });
+        }
+        return place.mask;
     }
     /// What `ConstTileAccessor::treeIndexNeighbor` gives.
-    TreeIndex treeIndexNeighbor(Tile const& tile, NeighborDirection direction) { return around(tile).tiles[direction]; }
+    TreeIndex treeIndexNeighbor(Tile const& tile, NeighborDirection direction) { return around(tile)[direction]; }
 
     /// The child cell of `parent` that `child` fills.
     static int childCell(Tile const& parent, Tile const& child)
@@ -93,37 +101,46 @@ public:
 private:
     static int flatCell(int3 const& cell) { return flatIndex(Tr::branching, cell.x, cell.y, cell.z); }
 
-    void fill(Surroundings& around, Tile const& tile)
+    struct Place {
+        int64 tilesOf = -1, maskOf = -1;
+        std::uint32_t mask = 0;
+        Surroundings tiles;
+    };
+
+    void fill(Place& place, Tile const& tile)
     {
-        around.index = tile.index();
-        around.sameDepth = 1u << kNeighborSelf;
-        const TreeIndex parentIndex = tile.parentTreeIndex();
-        if (!parentIndex.valid()) {  // one tile is all of tile space
-            around.tiles.fill({});
-            around.tiles[kNeighborSelf] = tile.treeIndex();
-            return;
-        }
-        Tile const& parent = tree_->tile(parentIndex);
-        Surroundings const& above = this->around(parent);
+        place.tilesOf = tile.index();
+        // Depth 0: one tile is all of tile space.
+        if (tile.depth() == 0) place.tiles.fill({});
+        place.tiles[kNeighborSelf] = tile.treeIndex();
+        forNeighbors(tile, [&](int direction, int64 child, TreeIndex const& holder) {
+            place.tiles[direction] = child < 0 ? holder : TreeIndex{child, tile.depth()};
+        });
+    }
+    /// Calls `visit(direction, index or -1, what lies there at the parent's depth or above)`; never for a tile without parent.
+    template <class Visit> void forNeighbors(Tile const& tile, Visit visit)
+    {
+        if (!tile.parentTreeIndex().valid()) return;
+        Tile const& parent = tree_->tile(tile.parentTreeIndex());
+        Surroundings const& above = around(parent);
         auto const& steps = detail::kChildSteps<Tr>.of[childCell(parent, tile)];
         std::array<Tile const*, 27> holders;
         for (int n = 0; n < steps.holderCount; ++n) {
             const int holder = steps.holders[n];
-            holders[holder] = above.sameDepth >> holder & 1 ? &tree_->tile(above.tiles[holder]) : nullptr;
+            // A tile without children stands for what is not there, so that the loop below has nothing to test.
+            holders[holder] = above[holder].depth == parent.depth() ? &tree_->tile(above[holder]) : &Container<Tr>::outsideTile();
         }
         for (int n = 0; n < count_; ++n) {
             const int direction = directions_[n];
             const auto step = steps.to[direction];
-            const int64 child = holders[step.holder] ? holders[step.holder]->childIndex(step.cell) : -1;
-            around.tiles[direction] = child < 0 ? above.tiles[step.holder] : TreeIndex{child, tile.depth()};
-            around.sameDepth |= std::uint32_t(child >= 0) << direction;
+            visit(direction, holders[step.holder]->childIndex(step.cell), above[step.holder]);
         }
     }
 
     Container<Tr> const* tree_;
     std::array<std::uint8_t, 27> directions_{};
     int count_ = 0;
-    std::array<Surroundings, Tr::levels> around_;
+    std::array<Place, Tr::levels> places_;
 };
 
 }  // namespace OST::TileTree3D

@@ -1,5 +1,6 @@
 #include "node_cases.h"
 
+#include "TilegridOps/nodes/grading.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
 
@@ -89,7 +90,13 @@ std::vector<VolumeNode> volumeNodes()
          [](HostPtr input, HostPtr& output, Services const& services) {
              update_voxel_position(std::move(input), OST::TileTree3D::kCorner, output, services);
          },
-         "Input 'volume' is not a volume.", OnWrongType::kHandsThrough, plain, ""}};
+         "Input 'volume' is not a volume.", OnWrongType::kHandsThrough, plain, ""},
+        {"grade_volume",
+         [](HostPtr input, HostPtr& output, Services const& services) {
+             output = std::move(input);
+             grade_volume(output, services);
+         },
+         "Input 'volume' is not a volume.", OnWrongType::kLeavesReference, plain, ""}};
     nodes.push_back(remapNode<float>("float"));
     nodes.push_back(remapNode<double>("double"));
     nodes.push_back(remapNode<double3>("double3"));

@@ -6,8 +6,9 @@
 
 namespace tilegrid::test {
 
-/// What a node does with its outputs when it is given the wrong type of object.
-enum class OnWrongType { kHandsThrough, kLeavesOutput };
+/// What a node does with its outputs when it is given the wrong type of object. A node whose volume is a reference leaves that
+/// reference as it was, shared or not.
+enum class OnWrongType { kHandsThrough, kLeavesOutput, kLeavesReference };
 
 /// A node that gives a volume. `run` takes the input by value: a node that modifies uses it up.
 struct VolumeNode {

@@ -12,17 +12,19 @@ template <class Tr> void addBoth(Tree<Tr>& tree, TileSet<Tr>& set, Place const& 
     set.add(p, depth);
 }
 
-/// Tiles around a place so dense that all kinds of neighbours occur: a few at each of the last four depths up to `deepest`, all
-/// within some tiles of the coarsest of them.
+/// Tiles around a place so dense that all kinds of neighbours occur: a few at each of the last depths up to `deepest`, all
+/// within some tiles of the coarsest of them. Four depths in the binary structure; two in the other, and more tiles, as a tile
+/// has more children.
 template <class Tr>
 void addCluster(Random& random, Tree<Tr>& tree, TileSet<Tr>& set, Place const& centre, int deepest, int count)
 {
-    const std::int64_t reach = TileSet<Tr>::tileWidth(std::max(deepest - 3, 0));
-    for (int n = 0; n < count; ++n) {
+    const int depths = Tr::branching == 2 ? 4 : 2;
+    const std::int64_t reach = TileSet<Tr>::tileWidth(std::max(deepest - depths + 1, 0));
+    for (int n = 0; n < (Tr::branching == 2 ? count : 15 * count); ++n) {
         Place p = centre;
         for (std::int64_t& x : p)
             x = std::clamp(x + random.between(-reach, reach), TileSet<Tr>::rangeMin, TileSet<Tr>::rangeMax);
-        addBoth(tree, set, p, deepest - static_cast<int>(random.below(std::min(deepest + 1, 4))));
+        addBoth(tree, set, p, deepest - static_cast<int>(random.below(std::min(deepest + 1, depths))));
     }
 }
 

@@ -9,6 +9,7 @@ std::vector<NodeInfo> reportNodes();
 std::vector<NodeInfo> queryNodes();
 std::vector<NodeInfo> constructionNodes();
 std::vector<NodeInfo> propertyNodes();
+std::vector<NodeInfo> gradingNodes();
 
 /// Names of the properties of a volume, in the order of their texts.
 std::vector<std::string> propertyNames(Ostara::Object const& volume);

@@ -60,6 +60,18 @@ TEST(Running, gives_a_voxel_position_to_every_voxel_of_the_structure_asked_for)
     }
 }
 
+TEST(Running, hands_a_volume_through_grading_and_validation)
+{
+    for (char const* structure : {"binary", "quinary"}) {
+        Trial run;
+        run(planOf({"create_empty_volume", "0.5", std::string("structure=") + structure, "!", "update_voxel_position", "!", "grade_volume", "!",
+                    "validate_volume", "!", "info", "--json"}));
+        EXPECT_TRUE(contains(run.results.str(), std::string("\"structure\":\"") + structure)) << run.results.str();
+        EXPECT_TRUE(contains(run.results.str(), "\"name\":\"voxel_position\"")) << run.results.str();
+        EXPECT_TRUE(run.messages.empty());
+    }
+}
+
 TEST(Running, stops_at_a_node_that_reports_an_error_and_names_the_step)
 {
     Trial run;

@@ -39,7 +39,7 @@ private:
 namespace OST::TileTree3D {
 
 template <class Tr> class ConstTileAccessor;
-template <class Tr> class TileAccessor;
+template <class Tr> class TILEGRID_API TileAccessor;
 
 /// Per depth, the low corners of tiles.
 template <class Tr> using TileList = Dense1D::FixedArray<Corvid::Array<int3>, Tr::levels>;

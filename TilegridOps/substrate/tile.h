@@ -5,6 +5,9 @@
 
 namespace OST::TileTree3D {
 
+// Some compilers take the visibility of all instances from the first declaration.
+template <class Tr> class TILEGRID_API Container;
+
 /// The table of a tile without children. One per structure in the whole program, so that its address tells.
 template <int C> struct NoChildren;
 template <> struct NoChildren<8> {
@@ -127,7 +130,7 @@ public:
     bool contains(int3 const& place) const { return contains(place.x, place.y, place.z); }
 
 private:
-    template <class T> friend class Container;
+    friend class Container<Tr>;
     template <class T> friend class Growth;
 };
 

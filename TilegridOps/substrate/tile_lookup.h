@@ -16,7 +16,7 @@
 /// first brick; one small table per axis turns a place into the number of its top entry and of its cell in the brick.
 namespace OST::TileTree3D {
 
-template <class Tr> class Container;
+template <class Tr> class TILEGRID_API Container;
 
 /// Exact division of an unsigned place by a tile width above 1: with f = ceil(2^64 / d), floor(n f / 2^64) = floor(n / d) while
 /// n d < 2^64.

@@ -10,7 +10,8 @@
 /// its version: after a change of tiles it no longer counts, and queries search again until it is made anew.
 namespace OST::TileTree3D {
 
-template <class Tr> class Container;
+template <class Tr> class TILEGRID_API Container;
+template <class Tr> class TILEGRID_API HighNeighbors;
 
 /// The seven neighbours on the high sides, in the order in which a compressed halo takes them: bit 0, 1, 2 of n + 1 is set if
 /// the n-th lies one tile further along x, y, z.
@@ -38,7 +39,7 @@ public:
     void memUse(std::size_t& used, std::size_t& reserved) const;
 
 private:
-    template <class T> friend class HighNeighbors;
+    friend class HighNeighbors<Tr>;
     static constexpr int kEntries = 26;
     static constexpr int entryOf(int direction) { return direction - (direction > kNeighborSelf); }
     using Entries = tilegrid::Slab<std::int32_t>;

@@ -3,7 +3,7 @@
 
 namespace OST::TileTree3D {
 
-template <class Tr> class Container;
+template <class Tr> class TILEGRID_API Container;
 
 enum TraversalMode : int {
     /// Every tile of the range, one after the other, parents first.

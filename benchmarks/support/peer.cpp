@@ -1,6 +1,8 @@
 #include "benchmarks/support/peer.h"
 
 #include <openvdb/openvdb.h>
+#include <openvdb/tools/Filter.h>
+#include <openvdb/tools/GridOperators.h>
 #include <openvdb/tools/LevelSetSphere.h>
 #include <openvdb/tools/MeshToVolume.h>
 #include <openvdb/tree/LeafManager.h>
@@ -8,6 +10,7 @@
 #include <tbb/parallel_for.h>
 
 #include <atomic>
+#include <cstring>
 
 namespace bench {
 
@@ -18,6 +21,12 @@ using Tree = openvdb::FloatTree;
 struct PeerGrid::Content {
     openvdb::FloatGrid::Ptr grid;
     Tree::Ptr second;
+    openvdb::FloatGrid::Ptr copy;
+    openvdb::FloatGrid::Ptr filtered()
+    {
+        if (!copy) copy = grid->deepCopy();
+        return copy;
+    }
 };
 
 namespace {
@@ -39,6 +48,31 @@ template <class Find> std::uint64_t locate(std::vector<int3> const& places, Find
 }
 
 }  // namespace
+
+namespace {
+
+std::uint64_t bitsOf(float value)
+{
+    std::uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+}
+
+}  // namespace
+
+std::uint64_t PeerGrid::laplacian() const
+{
+    const auto result = openvdb::tools::laplacian(*content_->grid);
+    return bitsOf(*result->cbeginValueOn());
+}
+
+std::uint64_t PeerGrid::mean() const
+{
+    // The filter works in place and keeps its second buffers; the values drift, the work stays.
+    openvdb::tools::Filter<openvdb::FloatGrid> filter(*content_->filtered());
+    filter.mean(1, 1);
+    return bitsOf(*content_->filtered()->cbeginValueOn());
+}
 
 PeerGrid::PeerGrid(std::unique_ptr<Content> content) : content_(std::move(content)) {}
 PeerGrid::PeerGrid(PeerGrid&&) noexcept = default;

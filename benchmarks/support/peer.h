@@ -30,6 +30,10 @@ public:
     /// b = a * 0.99 + 0.01 over all values of all leaves into a second tree of the same topology.
     std::uint64_t leafPass();
     std::int64_t leafValues() const;
+    /// The Laplacian of every active voxel, as a new grid.
+    std::uint64_t laplacian() const;
+    /// The mean over 3x3x3 voxels of every active voxel, one pass.
+    std::uint64_t mean() const;
 
 private:
     struct Content;

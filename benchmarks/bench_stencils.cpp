@@ -50,15 +50,19 @@ template <class Tr> std::uint64_t meanPass(Channels<Tr>& c)
     return checksum(c);
 }
 
+template <class Tr> std::shared_ptr<Channels<Tr>> makeChannels(Load const& load)
+{
+    auto made = std::make_shared<Channels<Tr>>();
+    made->tree = treeOf<Tr>(load);
+    made->in = sphereChannel(*made->tree, SphereField{100.0f}, 0);
+    made->out = Corvid::makeMutable<FloatChannel<Tr>>(*made->in);
+    return made;
+}
+
 template <class Tr> void addAll(std::string const& width, Load const& load)
 {
-    auto c = std::make_shared<Channels<Tr>>();
-    c->tree = treeOf<Tr>(load);
+    const auto c = makeChannels<Tr>(load), bare = makeChannels<Tr>(load);
     c->tree->precomputeTileNeighbors();
-    c->in = sphereChannel(*c->tree, SphereField{100.0f}, 0);
-    c->out = Corvid::makeMutable<FloatChannel<Tr>>(*c->in);
-    auto bare = std::make_shared<Channels<Tr>>(*c);
-    bare->tree = treeOf<Tr>(load);
     const std::int64_t voxels = std::int64_t(load.band.size());
     for (int threads : {1, 2}) {
         const std::string at = width + "/" + load.name;

@@ -50,6 +50,7 @@ int heightOf(std::string const& path)
 {
     static const std::map<std::string, int> heights{{"TilegridOps/host", 0},
                                                     {"TilegridOps/substrate", 1},
+                                                    {"TilegridOps/stencils", 2},
                                                     {"TilegridOps/sampling", 2},
                                                     {"TilegridOps/algorithms", 3},
                                                     {"TilegridOps/merge", 3},

@@ -3,6 +3,7 @@
 
 #include "TilegridOps/stencils/kernels.h"
 #include "TilegridOps/stencils/pass.h"
+#include "TilegridOps/substrate/grading.h"
 
 #include <cstring>
 
@@ -54,6 +55,8 @@ template <class Tr> std::shared_ptr<Channels<Tr>> makeChannels(Load const& load)
 {
     auto made = std::make_shared<Channels<Tr>>();
     made->tree = treeOf<Tr>(load);
+    // As filters find their volumes: tiles that touch differ by one depth at the most.
+    CoreGL::TileTree3D::gradeTileTree<Tr>(*made->tree, nullptr, nullptr, 0, Tr::maxDepth);
     made->in = sphereChannel(*made->tree, SphereField{100.0f}, 0);
     made->out = Corvid::makeMutable<FloatChannel<Tr>>(*made->in);
     return made;

@@ -1,4 +1,5 @@
 #pragma once
+#include "TilegridOps/stencils/upsample.h"
 #include "TilegridOps/substrate/channel.h"
 #include "TilegridOps/substrate/halo.h"
 #include "TilegridOps/substrate/neighbor_walk.h"
@@ -48,7 +49,21 @@ private:
     static constexpr int kMargin = 8;
     static constexpr int kScratchTile = Tr::voxelCount + 2 * kMargin;
 
-    void fillMissing(Tile const& tile, std::uint32_t missing);
+    /// Tiles around a tile, with a bit for each direction in which none of its own depth lies; and its parent, if tiles of the
+    /// parent's depth lie in all of those.
+    struct Found {
+        std::array<float const*, 27> tiles;
+        std::uint32_t missing = 0;
+        bool oneAbove = true;
+        Tile const* parent = nullptr;
+    };
+    template <class Directions> void find(Tile const& tile, Directions const& directions, Found& found);
+    void fillMissing(Tile const& tile, Found const& found);
+    void fillMissingSlowly(Tile const& tile, std::uint32_t missing);
+    /// A tile of the channel with one layer around it. Kept until another tile of its depth is asked for.
+    Surrounded<Tr> const& surrounded(Tile const& tile);
+    void surround(Tile const& tile, Surrounded<Tr>& out);
+    float* missingTile(int direction) { return scratch_.data() + direction * kScratchTile + kMargin; }
 
     Container<Tr> const* tree_;
     Channel<Tr, float, Tr::width, 0> const* channel_;
@@ -59,6 +74,11 @@ private:
     StencilBlock<Tr> block_;
     std::vector<float> scratch_;
     OST::TileTree3D::TileData<float, Tr::width, 1> halo_;
+    struct Kept {
+        OST::int64 tile = -1;
+        Surrounded<Tr> surrounded;
+    };
+    std::array<std::unique_ptr<Kept>, Tr::levels> kept_;
 };
 
 extern template class BlockReader<OST::TileTree3D::BinaryTraits>;

@@ -115,7 +115,7 @@ void TileNeighbors<Tr>::buildDepth(Container<Tr> const& container, std::array<st
 template <class Tr> void TileNeighbors<Tr>::clear()
 {
     version_.store(~uint64(0), std::memory_order_relaxed);
-    for (Entries& entries : entries_) entries = {};
+    for (Entries& entries : entries_) entries = Entries();
 }
 
 template <class Tr> void TileNeighbors<Tr>::build(Container<Tr> const& container)
@@ -139,7 +139,7 @@ template <class Tr> void TileNeighbors<Tr>::memUse(std::size_t& used, std::size_
 template <class Tr> void HighNeighbors<Tr>::clear()
 {
     version_.store(~uint64(0), std::memory_order_relaxed);
-    for (auto& entries : entries_) entries = {};
+    for (auto& entries : entries_) entries = tilegrid::Slab<std::int32_t>();
 }
 
 template <class Tr> void HighNeighbors<Tr>::build(Container<Tr> const& container)

@@ -91,6 +91,20 @@ std::uint64_t checkScene(aiScene const& scene, std::string const& path)
     return faces;
 }
 
+/// Whether a face has more than three corners. Says of each mesh what it holds: assimp ends the program when it is to divide
+/// faces and finds a mesh that only has lines or points to offer.
+bool hasPolygons(aiScene const& scene)
+{
+    bool any = false;
+    for (aiMesh* mesh : std::span(scene.mMeshes, scene.mNumMeshes)) {
+        bool polygons = false;
+        for (aiFace const& face : std::span(mesh->mFaces, mesh->mNumFaces)) polygons |= face.mNumIndices > 3;
+        mesh->mPrimitiveTypes = polygons ? aiPrimitiveType_POLYGON : aiPrimitiveType_TRIANGLE;
+        any |= polygons;
+    }
+    return any;
+}
+
 TriangleMesh weldedTriangles(aiScene const& scene)
 {
     TriangleMesh result;
@@ -119,6 +133,7 @@ TriangleMesh imported(std::string const& path, std::string const& content, std::
     if (const std::uint64_t faces = checkScene(*scene, path); faces != counts.faces)
         fail(path,
              "it has " + std::to_string(counts.faces) + " faces, and " + std::to_string(faces) + " could be read");
+    if (!hasPolygons(*scene)) return weldedTriangles(*scene);
     scene = importer.ApplyPostProcessing(aiProcess_Triangulate);
     if (!scene) fail(path, "its polygons cannot be divided into triangles");
     return weldedTriangles(*scene);

@@ -1,4 +1,6 @@
 #pragma once
+#include "TilegridOps/host/export.h"
+
 #include <cmath>
 #include <compare>
 #include <cstddef>
@@ -7,14 +9,15 @@
 #include <ostream>
 
 /// Vectors, matrices and boxes of the host. All are plain values, packed, trivially copyable.
+/// They are public types, so that a template made for one of them can be public.
 ///
 /// Comparison operators of vectors and matrices hold if they hold for every component (a partial order, as is usual for
 /// bounds): `a < b` says that b lies above a in each component, so neither `a < b` nor `a >= b` may hold.
 namespace Ostara::Math {
 
-template <class T, int N> struct Vector;
+template <class T, int N> struct TILEGRID_API Vector;
 
-template <class T> struct Vector<T, 2> {
+template <class T> struct TILEGRID_API Vector<T, 2> {
     using Scalar = T;
     static constexpr int size = 2;
     T x{}, y{};
@@ -25,7 +28,7 @@ template <class T> struct Vector<T, 2> {
     constexpr T const& operator[](int i) const { return i == 0 ? x : y; }
 };
 
-template <class T> struct Vector<T, 3> {
+template <class T> struct TILEGRID_API Vector<T, 3> {
     using Scalar = T;
     static constexpr int size = 3;
     T x{}, y{}, z{};
@@ -37,7 +40,7 @@ template <class T> struct Vector<T, 3> {
     constexpr T const& operator[](int i) const { return i == 0 ? x : i == 1 ? y : z; }
 };
 
-template <class T> struct Vector<T, 4> {
+template <class T> struct TILEGRID_API Vector<T, 4> {
     using Scalar = T;
     static constexpr int size = 4;
     T x{}, y{}, z{}, w{};
@@ -49,7 +52,7 @@ template <class T> struct Vector<T, 4> {
 };
 
 /// `rows` x `columns`, row by row; component n of `operator[]` is element (n / columns, n % columns).
-template <class T, int Rows, int Columns> struct Matrix {
+template <class T, int Rows, int Columns> struct TILEGRID_API Matrix {
     using Scalar = T;
     static constexpr int size = Rows * Columns;
     T m[size]{};

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Everything: the host's classes, the tile tree, and all nodes.
+/// Everything: the host's classes, the tile tree, samplers, and all nodes.
 #include "TilegridOps/host/fields.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/host/logger.h"
@@ -11,6 +11,8 @@
 #include "TilegridOps/nodes/grading.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
+#include "TilegridOps/sampling/field_sampler.h"
+#include "TilegridOps/sampling/voxel_sampler_linear.h"
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/channel_services.h"
 #include "TilegridOps/substrate/child_values.h"

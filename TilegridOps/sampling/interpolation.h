@@ -5,7 +5,7 @@
 /// for the kinds above linear, that of the cubic sampler.
 namespace Geometry::Volume {
 
-enum InterpolationMode : int { kLinear = 0, kQuadraticC0Averaged = 1, kCubicC0 = 2, kCubicC1 = 3, kCubicC1Monotonic = 4 };
+enum class InterpolationMode : int { kLinear = 0, kQuadraticC0Averaged = 1, kCubicC0 = 2, kCubicC1 = 3, kCubicC1Monotonic = 4 };
 
 }  // namespace Geometry::Volume
 

@@ -1,8 +1,10 @@
 #include "benchmarks/support/peer.h"
 
+#include <openvdb/math/Stencils.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/Filter.h>
 #include <openvdb/tools/GridOperators.h>
+#include <openvdb/tools/Interpolation.h>
 #include <openvdb/tools/LevelSetSphere.h>
 #include <openvdb/tools/MeshToVolume.h>
 #include <openvdb/tree/LeafManager.h>
@@ -45,6 +47,23 @@ template <class Find> std::uint64_t locate(std::vector<int3> const& places, Find
     });
     // Addresses differ between runs; what counts is that every one was computed.
     return sum ? 1 : 0;
+}
+
+/// Sum over all positions of what a reader made per part says; the same for any number of threads.
+template <class MakeReader> double sumOver(std::vector<float3> const& positions, MakeReader makeReader)
+{
+    constexpr std::size_t kPart = 4096;
+    std::vector<double> sums((positions.size() + kPart - 1) / kPart);
+    tbb::parallel_for(std::size_t(0), sums.size(), [&](std::size_t part) {
+        auto read = makeReader();
+        double sum = 0;
+        for (std::size_t n = part * kPart; n < std::min(positions.size(), (part + 1) * kPart); ++n)
+            sum += read(openvdb::Vec3R(positions[n].x, positions[n].y, positions[n].z));
+        sums[part] = sum;
+    });
+    double total = 0;
+    for (double sum : sums) total += sum;
+    return total;
 }
 
 }  // namespace
@@ -149,6 +168,61 @@ std::uint64_t PeerGrid::leafPass()
         }
     });
     return std::uint64_t(to.empty() ? 0 : to[0]->buffer().data()[0] * 1000.0f);
+}
+
+std::vector<float> PeerGrid::values(std::vector<int3> const& places) const
+{
+    auto accessor = content_->grid->getConstUnsafeAccessor();
+    std::vector<float> result;
+    result.reserve(places.size());
+    for (int3 const& p : places) result.push_back(accessor.getValue(openvdb::Coord(p.x, p.y, p.z)));
+    return result;
+}
+
+std::vector<char> PeerGrid::holdCubes(std::vector<int3> const& places) const
+{
+    auto accessor = content_->grid->getConstUnsafeAccessor();
+    std::vector<char> result;
+    result.reserve(places.size());
+    for (int3 const& p : places) {
+        bool all = true;
+        for (int c = 0; c < 8 && all; ++c) all = accessor.isValueOn(openvdb::Coord(p.x + (c & 1), p.y + (c >> 1 & 1), p.z + (c >> 2)));
+        result.push_back(all);
+    }
+    return result;
+}
+
+double PeerGrid::sampleByAccessor(std::vector<float3> const& positions) const
+{
+    auto const& grid = *content_->grid;
+    return sumOver(positions, [&grid] {
+        return [accessor = grid.getConstUnsafeAccessor()](openvdb::Vec3R const& p) mutable {
+            return openvdb::tools::BoxSampler::sample(accessor, p);
+        };
+    });
+}
+
+double PeerGrid::sampleByStencil(std::vector<float3> const& positions) const
+{
+    auto const& grid = *content_->grid;
+    return sumOver(positions, [&grid] {
+        return [stencil = openvdb::math::BoxStencil<openvdb::FloatGrid, /*IsSafe*/ false>(grid)](openvdb::Vec3R const& p) mutable {
+            stencil.moveTo(p);
+            return stencil.interpolation(p);
+        };
+    });
+}
+
+double PeerGrid::gradientByStencil(std::vector<float3> const& positions) const
+{
+    auto const& grid = *content_->grid;
+    return sumOver(positions, [&grid] {
+        return [stencil = openvdb::math::BoxStencil<openvdb::FloatGrid, /*IsSafe*/ false>(grid)](openvdb::Vec3R const& p) mutable {
+            stencil.moveTo(p);
+            const auto g = stencil.gradient(p);
+            return stencil.interpolation(p) + g[0] + g[1] + g[2];
+        };
+    });
 }
 
 std::uint64_t peerBuildSphere(float radius)

@@ -20,7 +20,7 @@ TYPED_TEST(SamplerLimits, a_request_deeper_than_the_channel_reads_the_deepest_de
     const SampledVolume<Tr> whole(set, kCorner, noise), cut(set, kCorner, noise, 0.0f, 0, last);
     const auto wholeSampler = whole.sampler(), cutSampler = cut.sampler();
     int finer = 0;
-    for (float3 const& p : positionsIn<Tr>(set, 2, 1000, last, 1e9)) {
+    for (float3 const& p : positionsIn<Tr>(set, 2, 1000, Tr::maxDepth, 1e9)) {
         const float expected = wholeSampler.sampleLinear(p, last, kTileSpace);
         for (int depth : {last, last + 1, Tr::maxDepth, 1000}) ASSERT_TRUE(sameBits(cutSampler.sampleLinear(p, depth, kTileSpace), expected));
         finer += !sameBits(wholeSampler.sampleLinear(p, Tr::maxDepth, kTileSpace), expected);

@@ -24,6 +24,7 @@ template <class Tr> struct Volume {
     explicit Volume(Load const& load) : tree(treeOf<Tr>(load)), topology("voxels", kCorner)
     {
         constexpr int D = Tr::maxDepth, W = Tr::width;
+        tree->setVoxelSize(load.peer->voxelSize());
         const float outside = kBand;
         channel = std::make_unique<ChannelOf<W>>("distance", &outside, kInitializeNone, false, true, D, D);
         channel->updateTilesAdded(*tree);

@@ -1,53 +1,27 @@
 #include "TilegridOps/sampling/voxel_sampler_linear.h"
 
+#include <bit>
+
 namespace OST::TileTree3D {
 
-namespace {
-
-/// An axis of a stencil: which neighbour it reaches into, if any, and the two sites.
-struct StencilAxis {
-    /// -1, 0 or 1.
-    int side;
-    /// Whether the low and the high site lie in the neighbour, and their places in their tiles.
-    bool beyond[2];
-    int site[2];
-
-    StencilAxis(int low, int width) : side(low < 0 ? -1 : low >= width - 1 ? 1 : 0)
-    {
-        beyond[0] = side < 0;
-        beyond[1] = side > 0;
-        site[0] = side < 0 ? width - 1 : low;
-        site[1] = side > 0 ? 0 : low + 1;
-    }
-};
-
-}  // namespace
-
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
-bool VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::gatherAcross(LocatedVoxel const& at, int3 const& tileCorner, T const* own,
-                                                                        Corners& corners) const
+bool VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::lookUpNeighbors(std::uint32_t reached, int3 const& tileCorner) const
 {
-    const StencilAxis axis[3] = {{at.lijk.x, W}, {at.lijk.y, W}, {at.lijk.z, W}};
-    const int depth = at.treeIndex.depth, width = Tr::tileVoxelWidth(depth);
-    const int crossed = (axis[0].side != 0) | (axis[1].side != 0) << 1 | (axis[2].side != 0) << 2;
-    // A voxel in each tile: a place one unit below the tile, in it, or one tile further. No sum leaves 32 bits.
-    const auto beside = [&](int low, int a, int n) { return n >> a & 1 ? low + (axis[a].side < 0 ? -1 : width) : low; };
-    std::array<T const*, 8> tile;
-    tile[0] = own;
-    for (int n = 1; n < 8; ++n) {
-        if (n & ~crossed) continue;
-        const TreeIndex neighbor =
-            neighborAccessor_.find(beside(tileCorner.x, 0, n), beside(tileCorner.y, 1, n), beside(tileCorner.z, 2, n), depth);
-        if (neighbor.depth != depth) return false;
-        tile[n] = sourceChannel_->tileData(neighbor).data();
-        if (!tile[n]) return false;
+    const int depth = neighbors_.tile.depth, width = Tr::tileVoxelWidth(depth);
+    // A place in the neighbour: one unit below the tile, in it, or one tile further. No sum leaves 32 bits.
+    const auto beside = [width](int low, int step) { return step < 0 ? low - 1 : step > 0 ? low + width : low; };
+    for (std::uint32_t open = reached & ~neighbors_.known; open; open &= open - 1) {
+        const int direction = std::countr_zero(open);
+        const int3 step = neighborOffset(static_cast<NeighborDirection>(direction));
+        const TreeIndex found =
+            neighborAccessor_.find(beside(tileCorner.x, step.x), beside(tileCorner.y, step.y), beside(tileCorner.z, step.z), depth);
+        T const* voxels = found.depth == depth ? sourceChannel_->tileData(found).data() : nullptr;
+        neighbors_.known |= 1u << direction;
+        if (!voxels) return false;
+        neighbors_.present |= 1u << direction;
+        neighbors_.voxels[direction] = voxels;
     }
-    for (int n = 0; n < 8; ++n) {
-        const int x = n & 1, y = n >> 1 & 1, z = n >> 2;
-        const int in = axis[0].beyond[x] | axis[1].beyond[y] << 1 | axis[2].beyond[z] << 2;
-        corners[n] = tile[in] + flatIndex(W, axis[0].site[x], axis[1].site[y], axis[2].site[z]);
-    }
-    return true;
+    return !(reached & ~neighbors_.present);
 }
 
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>

@@ -132,8 +132,41 @@ private:
             return *this;
         }
     };
-    /// One element at each corner of a stencil that lies in several tiles.
-    using Corners = std::array<T const*, 8>;
+    /// The two sites of a stencil on an axis: their tiles (0 below, 1 the tile itself, 2 above), and their places in them.
+    struct AxisReach {
+        int tile[2], site[2];
+        explicit AxisReach(int low)
+        {
+            for (int n = 0; n < 2; ++n) {
+                tile[n] = 1 + (low + n >= W) - (low + n < 0);
+                site[n] = low + n - W * (tile[n] - 1);
+            }
+        }
+    };
+    /// The voxels of tiles of the same depth around the tile of the last stencil that left its tile, by `NeighborDirection`. A
+    /// copy starts without.
+    struct Neighbors {
+        TreeIndex tile;
+        uint64 version = 0;
+        /// Directions that were looked up, and those where such a tile is.
+        std::uint32_t known = 0, present = 0;
+        T const* voxels[27];
+
+        Neighbors() {}
+        Neighbors(Neighbors const&) {}
+        Neighbors& operator=(Neighbors const&)
+        {
+            tile = {};
+            return *this;
+        }
+        void begin(TreeIndex const& centre, uint64 treeVersion, T const* own)
+        {
+            tile = centre;
+            version = treeVersion;
+            known = present = 1u << kNeighborSelf;
+            voxels[kNeighborSelf] = own;
+        }
+    };
 
     template <class C> void take(C const& channel)
     {
@@ -176,8 +209,14 @@ private:
         if (liesInside(at.lijk)) return mixRows<W>(own + flatIndex(W, at.lijk.x, at.lijk.y, at.lijk.z), at.frac, mix);
         T const* halo = cache_.last(at.treeIndex);
         if (!halo) {
-            Corners corners;
-            if (gatherAcross(at, tileCorner, own, corners)) return mix([&corners](int n) -> T const& { return *corners[n]; }, at.frac);
+            const AxisReach x(at.lijk.x), y(at.lijk.y), z(at.lijk.z);
+            if (reachNeighbors(at.treeIndex, tileCorner, own, x, y, z))
+                return mix(
+                    [&](int n) -> T const& {
+                        const int i = n & 1, j = n >> 1 & 1, k = n >> 2;
+                        return neighbors_.voxels[9 * x.tile[i] + 3 * y.tile[j] + z.tile[k]][flatIndex(W, x.site[i], y.site[j], z.site[k])];
+                    },
+                    at.frac);
             halo = fetchHalo(at.treeIndex);
         }
         return this->offsetType_ == kCorner ? mixCompressed(halo, at, mix) : mixOneLayer(halo, at, mix);
@@ -201,8 +240,18 @@ private:
             }
         return at;
     }
-    /// Finds the eight elements in tiles of the same depth. False if there is none for one of them.
-    bool gatherAcross(LocatedVoxel const& at, int3 const& tileCorner, T const* own, Corners& corners) const;
+    /// Whether all tiles of the same depth are there that a stencil reaches; they are then in `neighbors_`.
+    bool reachNeighbors(TreeIndex const& tile, int3 const& tileCorner, T const* own, AxisReach const& x, AxisReach const& y,
+                        AxisReach const& z) const
+    {
+        if (neighbors_.tile != tile || neighbors_.version != this->container().version()) neighbors_.begin(tile, this->container().version(), own);
+        // One bit per direction.
+        const std::uint32_t alongZ = 1u << z.tile[0] | 1u << z.tile[1];
+        const std::uint32_t alongYZ = alongZ << 3 * y.tile[0] | alongZ << 3 * y.tile[1];
+        const std::uint32_t reached = alongYZ << 9 * x.tile[0] | alongYZ << 9 * x.tile[1];
+        return !(reached & ~neighbors_.present) || lookUpNeighbors(reached, tileCorner);
+    }
+    bool lookUpNeighbors(std::uint32_t reached, int3 const& tileCorner) const;
     T const* fetchHalo(TreeIndex const& tile) const;
     /// Asks for the memory that a read will touch.
     void prefetch(LocatedVoxel const& at) const;
@@ -214,6 +263,7 @@ private:
     /// Without a channel no depth is left.
     int minDepth_ = 0, maxDepth_ = -1;
     mutable Counter queryCounter_;
+    mutable Neighbors neighbors_;
     mutable HaloCache<Tr, T> cache_{N};
 };
 

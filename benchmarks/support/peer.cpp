@@ -170,6 +170,8 @@ std::uint64_t PeerGrid::leafPass()
     return std::uint64_t(to.empty() ? 0 : to[0]->buffer().data()[0] * 1000.0f);
 }
 
+float PeerGrid::voxelSize() const { return float(content_->grid->voxelSize()[0]); }
+
 std::vector<float> PeerGrid::values(std::vector<int3> const& places) const
 {
     auto accessor = content_->grid->getConstUnsafeAccessor();

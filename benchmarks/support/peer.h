@@ -35,13 +35,14 @@ public:
     /// The mean over 3x3x3 voxels of every active voxel, one pass.
     std::uint64_t mean() const;
 
+    float voxelSize() const;
     std::vector<float> values(std::vector<Ostara::Math::int3> const& places) const;
     /// For each place, whether the voxels of the cube from it to one further on each axis are all active.
     std::vector<char> holdCubes(std::vector<Ostara::Math::int3> const& places) const;
     /// Trilinear at positions in voxels: by the box sampler on an accessor per thread, or by a box stencil. \return the sum
     double sampleByAccessor(std::vector<Ostara::Math::float3> const& positions) const;
     double sampleByStencil(std::vector<Ostara::Math::float3> const& positions) const;
-    /// The same with the gradient, whose components are added to the sum.
+    /// The same with the gradient in world space, whose components are added to the sum.
     double gradientByStencil(std::vector<Ostara::Math::float3> const& positions) const;
 
 private:

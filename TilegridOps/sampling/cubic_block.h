@@ -29,14 +29,14 @@ private:
     alignas(16) S numbers_[64 * C];
 };
 
-extern template class CubicBlock<float>;
-extern template class CubicBlock<double>;
-extern template class CubicBlock<Ostara::Math::double3>;
-extern template class CubicBlock<Ostara::Math::float2>;
-extern template class CubicBlock<Ostara::Math::float3>;
-extern template class CubicBlock<Ostara::Math::float3x3>;
-extern template class CubicBlock<Ostara::Math::float4>;
-extern template class CubicBlock<Ostara::Math::float4x2>;
-extern template class CubicBlock<Ostara::Math::float4x4>;
+extern template class TILEGRID_API CubicBlock<float>;
+extern template class TILEGRID_API CubicBlock<double>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::double3>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float2>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float3>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float3x3>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float4>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float4x2>;
+extern template class TILEGRID_API CubicBlock<Ostara::Math::float4x4>;
 
 }  // namespace OST::TileTree3D

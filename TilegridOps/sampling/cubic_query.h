@@ -11,7 +11,7 @@ namespace OST::TileTree3D {
 ///
 /// Positions are tile-space integers. Kernels see them as floats relative to the query's voxel, so that they keep their
 /// differences wherever in tile space that is.
-template <class Tr, class T> class TILEGRID_API CubicQuery {
+template <class Tr, class T> class CubicQuery {
 public:
     using Sampler = VoxelSamplerCubic<Tr, T, float, float3, 0, 0>;
     using Tile = typename Container<Tr>::Tile;

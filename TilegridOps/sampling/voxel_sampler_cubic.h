@@ -6,6 +6,7 @@
 
 #include <list>
 #include <map>
+#include <optional>
 #include <vector>
 
 namespace OST::TileTree3D {
@@ -23,18 +24,18 @@ enum class JumpPolicy : std::int32_t {
 template <class Tr> class DofFlags {
 public:
     DofFlags(std::nullptr_t = nullptr) {}
-    DofFlags(Channel<Tr, short, Tr::width, 0> const* channel) { if (channel) view_ = VoxelView<short>(*channel); }
-    DofFlags(Channel<Tr, short, Tr::width, 1> const* channel) { if (channel) view_ = VoxelView<short>(*channel); }
-    explicit operator bool() const { return view_.channel != nullptr; }
+    DofFlags(Channel<Tr, short, Tr::width, 0> const* channel) { if (channel) view_.emplace(*channel); }
+    DofFlags(Channel<Tr, short, Tr::width, 1> const* channel) { if (channel) view_.emplace(*channel); }
+    explicit operator bool() const { return view_.has_value(); }
     /// Whether a voxel has a flag of the mask; false where the channel has no data.
     bool meets(TreeIndex const& tile, int3 const& voxel, std::int32_t mask) const
     {
-        short const* flags = view_.channel ? view_.tile(tile) : nullptr;
-        return flags && (flags[view_.index(voxel.x, voxel.y, voxel.z)] & mask) != 0;
+        short const* flags = view_ ? view_->tile(tile) : nullptr;
+        return flags && (flags[view_->index(voxel.x, voxel.y, voxel.z)] & mask) != 0;
     }
 
 private:
-    VoxelView<short> view_{nullptr, Tr::width, 0};
+    std::optional<VoxelView<short>> view_;
 };
 
 template <class Tr, class T> class CubicQuery;
@@ -141,9 +142,10 @@ private:
 
 template <class Tr, class T> using CubicSampler = VoxelSamplerCubic<Tr, T, float, float3, 0, 0>;
 
-#define TILEGRID_DECLARE_CUBIC(T)                               \
-    extern template class VoxelSamplerCubic<BinaryTraits, T, float, float3, 0, 0>; \
-    extern template class VoxelSamplerCubic<QuinaryTraits, T, float, float3, 0, 0>;
+// Types of the arguments are hidden from other libraries unless the instances are shown one by one.
+#define TILEGRID_DECLARE_CUBIC(T)                                                                \
+    extern template class TILEGRID_API VoxelSamplerCubic<BinaryTraits, T, float, float3, 0, 0>;  \
+    extern template class TILEGRID_API VoxelSamplerCubic<QuinaryTraits, T, float, float3, 0, 0>;
 TILEGRID_DECLARE_CUBIC(float)
 TILEGRID_DECLARE_CUBIC(double)
 TILEGRID_DECLARE_CUBIC(Ostara::Math::double3)

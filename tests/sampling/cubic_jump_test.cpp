@@ -55,9 +55,11 @@ TYPED_TEST(CubicJumps, are_none_for_the_uniform_kernel_at_the_deepest_level)
             float3 p = randomPosition(random, 6);
             for (int a = 0; a < 3; ++a) p[a] = std::floor(p[a]) + 0.015625f * float(random.between(1, 63));
             ASSERT_EQ(sampler.sampleCubic(p, this->D, kTileSpace), uniform.sampleCubic(p, this->D, kTileSpace)) << p;
-            // Along one and two axes the same kernels, without those at fraction 0, which change nothing.
+            // Along two axes the same kernels in another order, which only the limiter minds, without that at fraction 0.
             p.x = std::floor(p.x);
-            ASSERT_NEAR(sampler.sampleCubic(p, this->D, kTileSpace), uniform.sampleCubic(p, this->D, kTileSpace), 700 * kEpsilon) << p;
+            if (mode == CubicMode::kCubicC1Monotonic) continue;
+            ASSERT_NEAR(sampler.sampleCubic(p, this->D, kTileSpace), uniform.sampleCubic(p, this->D, kTileSpace), 700 * kEpsilon)
+                << p;
         }
     }
 }
@@ -87,7 +89,7 @@ TYPED_TEST(CubicJumps, are_crossed_with_the_degree_of_the_mode)
             // less than 3 over the spacings that a jump makes.
             ASSERT_LE(error, 20 * 15 * (1 + 3 + 9) * kEpsilon) << interpolationName(mode) << " at " << p;
         }
-        RecordProperty(interpolationName(mode), std::to_string(worst / kEpsilon));
+        this->RecordProperty(interpolationName(mode), std::to_string(worst / kEpsilon));
     }
 }
 
@@ -127,7 +129,7 @@ TYPED_TEST(CubicJumps, from_fine_to_coarse_along_an_axis_use_the_positions_found
     const float B = TypeParam::branching;
     for (CubicMode mode : kCubicModes) {
         const auto sampler = walking(volume, mode);
-        const float3 p(float(origin[0]), float(origin[1]), float(origin[2]));
+        const float3 p(toInt3(origin));
         // The last fine voxel: its right neighbours are coarse.
         const std::array<float, 4> f = {at(-2, this->D), at(-1, this->D), at(0, this->D - 1), at(std::int64_t(B), this->D - 1)};
         EXPECT_NEAR(sampler.sampleCubic(p + float3(-0.25f, 0, 0), this->D, kTileSpace),
@@ -151,7 +153,7 @@ TYPED_TEST(CubicJumps, to_nothing_continue_at_the_last_spacing_with_the_default)
         return CubicSampler<TypeParam, float>::getVoxelValueAtTijk(toInt3(low) + int3(x, 0, 0), this->D, kCorner, volume.channel,
                                                                    volume.tree.tileAccessor());
     };
-    const float3 p(float(low[0]), float(low[1]), float(low[2]));
+    const float3 p(toInt3(low));
     // The coarser tiles beside the box read as the default at their own voxels, the nearest of which lies at the border.
     const float B = TypeParam::branching;
     const auto sampler = walking(volume, CubicMode::kCubicC0);
@@ -243,7 +245,9 @@ TYPED_TEST(CubicJumps, with_voxels_that_are_not_free_reproduce_the_degree_of_the
     const auto sampler = walking<TypeParam>(volume, CubicMode::kCubicC0, false, &flags, kDofHanging);
     Random random(10);
     for (int n = 0; n < 2000; ++n) {
-        const float3 p = randomPosition(random, this->reach());
+        float3 p = randomPosition(random, this->reach());
+        // The uniform kernel does not look at flags, so none of the finest voxels may come to it.
+        p.z = std::floor(p.z);
         ASSERT_NEAR(sampler.sampleCubic(p, this->D, kTileSpace), field(p.x, p.y, p.z), 20 * 15 * (1 + 3 + 9) * kEpsilon) << p;
     }
 }

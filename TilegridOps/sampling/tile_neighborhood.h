@@ -15,6 +15,7 @@ public:
     {
         // No overflow: tile space and one tile more on either side fit 32 bits in both structures.
         const std::int32_t width = Tr::tileVoxelWidth(tile.depth);
+        auto const* table = accessor.container().tileNeighbors();
         atResolutionJump_ = false;
         first_ = firstPlace(voxel, axes);
         for (int n = 0; n < 8; ++n) {
@@ -25,6 +26,11 @@ public:
             const int3 step(first_.x + (n & 1), first_.y + (n >> 1 & 1), first_.z + (n >> 2));
             if ((step.x | step.y | step.z) == 0) {
                 tiles_[n] = tile;
+                continue;
+            }
+            if (table) {
+                tiles_[n] = table->find(tile, neighborDirection(step.x, step.y, step.z));
+                atResolutionJump_ |= tiles_[n].depth != tile.depth;
                 continue;
             }
             const int3 at(corner.x + step.x * width, corner.y + step.y * width, corner.z + step.z * width);

@@ -5,12 +5,31 @@
 
 namespace OST::TileTree3D {
 
+namespace {
+
+/// Copies a stencil from the arrays of eight tiles (number x + 2 y + 4 z).
+/// \param low  its lowest voxel; of each row, `First` voxels lie in the tile on the low side
+template <int First, int W, class T> void gatherRows(T const* const (&values)[8], int3 const& low, CubicBlock<T>& block)
+{
+    for (int k = 0; k < 4; ++k) {
+        const int z = low.z + k, zBit = z >= W;
+        for (int j = 0; j < 4; ++j) {
+            const int y = low.y + j, yBit = y >= W;
+            T const* const* pair = values + 2 * yBit + 4 * zBit;
+            const int row = flatIndex(W, 0, y - W * yBit, z - W * zBit);
+            block.template setRow<First>(j, k, pair[0] + row + low.x, pair[1] + row);
+        }
+    }
+}
+
+}  // namespace
+
 template <class Tr, class T, class S, class Pos, int B0, int B1>
 VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::VoxelSamplerCubic(Container<Tr> const& container, VoxelTopology<Tr> const& topology,
                                                             ChannelT const* channel, CubicMode cubicMode, bool clampOutput,
                                                             JumpPolicy jumpPolicy, DofFlags<Tr> dofChannel, std::int32_t dofMask,
                                                             int64 haloCacheCapacity)
-    : VoxelSampler<Tr, S, Pos>(container, topology), neighborAccessor_(container), channel_(channel), cubicMode_(cubicMode),
+    : VoxelSampler<Tr, S, Pos>(container, topology), channel_(channel), cubicMode_(cubicMode),
       clampOutput_(clampOutput), jumpPolicy_(jumpPolicy), dofs_(dofChannel), dofMask_(dofMask)
 {
     if (channel) {
@@ -23,7 +42,7 @@ VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::VoxelSamplerCubic(Container<Tr> const&
 
 template <class Tr, class T, class S, class Pos, int B0, int B1>
 VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::VoxelSamplerCubic(VoxelSamplerCubic const& other)
-    : VoxelSampler<Tr, S, Pos>(other), neighborAccessor_(other.neighborAccessor_), channel_(other.channel_),
+    : VoxelSampler<Tr, S, Pos>(other), channel_(other.channel_),
       defaultValue_(other.defaultValue_), cubicMode_(other.cubicMode_), clampOutput_(other.clampOutput_),
       jumpPolicy_(other.jumpPolicy_), dofs_(other.dofs_), dofMask_(other.dofMask_), minDepth_(other.minDepth_),
       maxDepth_(other.maxDepth_)
@@ -62,7 +81,7 @@ TileNeighborhood<Tr> const& VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::neighborho
     const uint64 version = this->container().version();
     if (last_.tile != ti || last_.version != version ||
         !(last_.tiles.first() == TileNeighborhood<Tr>::firstPlace(lijk, kAllAxes))) {
-        last_.tiles.fetchTiles(neighborAccessor_, ti, corner, lijk, kAllAxes);
+        last_.tiles.fetchTiles(this->accessor_, ti, corner, lijk, kAllAxes);
         last_.tile = ti;
         last_.version = version;
     }
@@ -77,26 +96,14 @@ T VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::uniformValue(TileNeighborhood<Tr> co
         values[n] = channel_->tileData(near[n]).data();
         if (!values[n]) return defaultValue_;
     }
-    // Of the four voxels along an axis, counted from the low corner of the first place: the place's bit, and the voxel there.
-    const auto split = [](std::int32_t lowest, int n, int& bit) {
-        const int voxel = lowest + n;
-        bit = voxel >= W;
-        return voxel - (bit ? W : 0);
-    };
-    const int3 low(lijk.x - 1 - W * near.first().x, lijk.y - 1 - W * near.first().y, lijk.z - 1 - W * near.first().z);
-    const int inFirst = std::min(4, W - low.x);
+    // The lowest voxel of the stencil, from the low corner of the first place.
+    const int3 low = lijk - int3(1) - W * near.first();
     CubicBlock<T> block;
-    for (int k = 0; k < 4; ++k) {
-        int zBit;
-        const int z = split(low.z, k, zBit);
-        for (int j = 0; j < 4; ++j) {
-            int yBit;
-            const int y = split(low.y, j, yBit);
-            T const* const* row = values + 2 * yBit + 4 * zBit;
-            T const* from = row[0] + flatIndex(W, low.x, y, z);
-            T const* next = row[1] + flatIndex(W, 0, y, z) - inFirst;
-            for (int i = 0; i < 4; ++i) block.set(i, j, k, i < inFirst ? from[i] : next[i]);
-        }
+    switch (W - low.x) {
+    case 1: gatherRows<1, W>(values, low, block); break;
+    case 2: gatherRows<2, W>(values, low, block); break;
+    case 3: gatherRows<3, W>(values, low, block); break;
+    default: gatherRows<4, W>(values, low, block);
     }
     return block.interpolate(cubicMode_, frac, clampOutput_);
 }
@@ -115,7 +122,7 @@ T VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::trilinearValue(TileNeighborhood<Tr> 
         }
         auto const& own = this->container().tile(ti);
         return getVoxelValueAtTijk(own.tijk() + own.voxelDataWidth() * (lijk + int3(i, j, k)), ti.depth, this->offsetType_, *channel_,
-                                   neighborAccessor_);
+                                   this->accessor_);
     };
     return mixSites<T>({0, frac.x}, {0, frac.y}, {0, frac.z}, at);
 }
@@ -127,7 +134,7 @@ T VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::cachedValue(TreeIndex const& ti, int
     CubicBlock<T> block;
     for (int k = 0; k < 4; ++k)
         for (int j = 0; j < 4; ++j)
-            for (int i = 0; i < 4; ++i) block.set(i, j, k, tile(lijk.x - 1 + i, lijk.y - 1 + j, lijk.z - 1 + k));
+            block.template setRow<4>(j, k, &tile(lijk.x - 1, lijk.y - 1 + j, lijk.z - 1 + k), nullptr);
     return block.interpolate(cubicMode_, frac, clampOutput_);
 }
 
@@ -147,7 +154,7 @@ auto VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::cachedTile(TreeIndex const& ti) c
         lruList_.front().tile = {};
     }
     CacheEntry& entry = lruList_.front();
-    setHaloTile<Tr, T, 0, 1, 1, 0>(ti, *channel_, kHaloLinear, kHaloAll, neighborAccessor_, cacheData_[entry.slot], 0.0f, 1.0f, kCorner);
+    setHaloTile<Tr, T, 0, 1, 1, 0>(ti, *channel_, kHaloLinear, kHaloAll, this->accessor_, cacheData_[entry.slot], 0.0f, 1.0f, kCorner);
     lruMap_.emplace(ti, lruList_.begin());
     entry.tile = ti;
     return cacheData_[entry.slot];

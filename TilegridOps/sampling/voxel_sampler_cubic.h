@@ -116,7 +116,6 @@ private:
     T cachedValue(TreeIndex const& ti, int3 const& lijk, float3 const& frac) const;
     CachedTile const& cachedTile(TreeIndex const& ti) const;
 
-    ConstTileAccessor<Tr> neighborAccessor_;
     ChannelT const* channel_;
     T defaultValue_{};
     CubicMode cubicMode_;
@@ -142,10 +141,9 @@ private:
 
 template <class Tr, class T> using CubicSampler = VoxelSamplerCubic<Tr, T, float, float3, 0, 0>;
 
-// Types of the arguments are hidden from other libraries unless the instances are shown one by one.
-#define TILEGRID_DECLARE_CUBIC(T)                                                                \
-    extern template class TILEGRID_API VoxelSamplerCubic<BinaryTraits, T, float, float3, 0, 0>;  \
-    extern template class TILEGRID_API VoxelSamplerCubic<QuinaryTraits, T, float, float3, 0, 0>;
+#define TILEGRID_DECLARE_CUBIC(T) \
+    extern template class VoxelSamplerCubic<BinaryTraits, T, float, float3, 0, 0>; \
+    extern template class VoxelSamplerCubic<QuinaryTraits, T, float, float3, 0, 0>;
 TILEGRID_DECLARE_CUBIC(float)
 TILEGRID_DECLARE_CUBIC(double)
 TILEGRID_DECLARE_CUBIC(Ostara::Math::double3)

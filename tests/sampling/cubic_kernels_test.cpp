@@ -168,14 +168,18 @@ TEST(CubicBlocks, are_sums_over_64_values)
     for (CubicMode mode : kCubicModes)
         for (int n = 0; n < 200; ++n) {
             CubicBlock<float4> block;
-            float values[4][4][4][4];
+            float4 values[4][4][4];
             for (int k = 0; k < 4; ++k)
-                for (int j = 0; j < 4; ++j)
-                    for (int i = 0; i < 4; ++i) {
-                        for (float& v : values[k][j][i]) v = unit(random);
-                        auto const& v = values[k][j][i];
-                        block.set(i, j, k, float4(v[0], v[1], v[2], v[3]));
+                for (int j = 0; j < 4; ++j) {
+                    for (float4& v : values[k][j]) v = {unit(random), unit(random), unit(random), unit(random)};
+                    float4 const* row = values[k][j];
+                    switch (random.below(4)) {
+                    case 0: block.setRow<1>(j, k, row, row + 1); break;
+                    case 1: block.setRow<2>(j, k, row, row + 2); break;
+                    case 2: block.setRow<3>(j, k, row, row + 3); break;
+                    default: block.setRow<4>(j, k, row, nullptr);
                     }
+                }
             const Ostara::Math::float3 at(fraction(random), fraction(random), fraction(random));
             const float4 result = block.interpolate(mode, at, false);
             for (int c = 0; c < 4; ++c) {
@@ -195,13 +199,15 @@ TEST(CubicBlocks, clamp_to_the_eight_values_in_the_middle)
         CubicBlock<float> block;
         float low = 2, high = -2;
         for (int k = 0; k < 4; ++k)
-            for (int j = 0; j < 4; ++j)
+            for (int j = 0; j < 4; ++j) {
+                float row[4];
                 for (int i = 0; i < 4; ++i) {
                     const bool middle = i % 3 != 0 && j % 3 != 0 && k % 3 != 0;
-                    const float v = middle ? 0.1f * unit(random) : unit(random);
-                    block.set(i, j, k, v);
-                    if (middle) low = std::min(low, v), high = std::max(high, v);
+                    row[i] = middle ? 0.1f * unit(random) : unit(random);
+                    if (middle) low = std::min(low, row[i]), high = std::max(high, row[i]);
                 }
+                block.setRow<4>(j, k, row, nullptr);
+            }
         const Ostara::Math::float3 at(fraction(random), fraction(random), fraction(random));
         const float free = block.interpolate(CubicMode::kCubicC0, at, false);
         EXPECT_EQ(block.interpolate(CubicMode::kCubicC0, at, true), std::clamp(free, low, high));

@@ -1,3 +1,4 @@
+#include "TilegridOps/sampling/voxel_sampler_cubic.h"
 #include "TilegridOps/sampling/voxel_sampler_linear.h"
 #include "TilegridOps/substrate/halo.h"
 #include "benchmarks/support/bench.h"
@@ -8,7 +9,8 @@
 #include <cstdlib>
 #include <random>
 
-/// Trilinear samples at positions whose eight voxels are all active, with the peer's values in our channel.
+/// Trilinear samples at positions whose eight voxels are all active, with the peer's values in our channel; and cubic ones, of
+/// the peer's quadratic sampler on the other side, where they take the full stencil.
 
 namespace {
 
@@ -37,6 +39,10 @@ template <class Tr> struct Volume {
         halo = std::make_unique<ChannelOf<W + 1>>("halo", &outside, kInitializeNone, false, true, D, D);
         halo->updateTilesAdded(*tree);
         computeHalo<Tr, float, 0, 0, 1, 0>(*channel, std::as_const(*tree), *halo, -1, -1);
+    }
+    CubicSampler<Tr, float> cubic(CubicMode mode) const
+    {
+        return {*tree, topology, channel.get(), mode, /*clampOutput*/ true, JumpPolicy::kTrilinearAtJump, nullptr, 0, 0};
     }
     Sampler source() const { return {*tree, topology, channel.get()}; }
     Sampler compressed() const { return {*tree, topology, halo.get()}; }
@@ -67,6 +73,14 @@ template <class Sampler> double sampleAll(Sampler const& prototype, std::vector<
     return sumOver(prototype, positions, [](Sampler const& sampler, float3 const* p, std::int64_t count) {
         double sum = 0;
         for (std::int64_t n = 0; n < count; ++n) sum += sampler.sampleLinear(p[n], Sampler::SourceChannel::Traits::maxDepth, kTileSpace);
+        return sum;
+    });
+}
+template <class Tr> double cubicAll(CubicSampler<Tr, float> const& prototype, std::vector<float3> const& positions)
+{
+    return sumOver(prototype, positions, [](CubicSampler<Tr, float> const& sampler, float3 const* p, std::int64_t count) {
+        double sum = 0;
+        for (std::int64_t n = 0; n < count; ++n) sum += sampler.sampleCubic(p[n], Tr::maxDepth, kTileSpace);
         return sum;
     });
 }
@@ -144,6 +158,23 @@ Positions turnedGrid(Load const& load)
     return whole(load, positions);
 }
 
+/// The positions around which all tiles are there that the cubic sampler asks for.
+template <class Tr> Positions uniformOnly(Container<Tr> const& tree, std::vector<float3> const& positions)
+{
+    const auto accessor = tree.tileAccessor();
+    auto kept = std::make_shared<std::vector<float3>>();
+    for (float3 const& p : positions) {
+        const int3 lowest(int(std::floor(p.x)) - 1, int(std::floor(p.y)) - 1, int(std::floor(p.z)) - 1);
+        bool all = true;
+        for (int n = 0; n < 8 && all; ++n) {
+            const int3 at = lowest + Tr::width * int3(n & 1, n >> 1 & 1, n >> 2);
+            all = accessor.find(at.x, at.y, at.z, Tr::maxDepth).depth == Tr::maxDepth;
+        }
+        if (all) kept->push_back(p);
+    }
+    return kept;
+}
+
 void requireEqual(std::string const& what, double ours, double peer, std::size_t count)
 {
     if (std::fabs(ours - peer) <= 1e-5 * double(count)) return;
@@ -184,6 +215,19 @@ template <class Tr> void addAll(std::string const& structure, Load const& load, 
     addOne("sample_linear_scanline", lines, sample, samplePeers);
     addOne("sample_linear_halo_batch", random, batch, samplePeers);
     addOne("sample_gradient", random, gradient, gradientPeer);
+
+    const auto cubic = [](Volume<Tr> const& v, std::vector<float3> const& p) { return cubicAll<Tr>(v.cubic(CubicMode::kCubicC1), p); };
+    const auto quadraticPeer = [&](std::string const& name, int threads, Positions positions) {
+        add(name, "peer", threads, std::int64_t(positions->size()), [peer, positions] { return std::uint64_t(std::fabs(peer->sampleQuadratic(*positions))); });
+    };
+    const Positions randomUniform = uniformOnly(*volume->tree, *random), coherent = uniformOnly(*volume->tree, *lines);
+    for (auto const& positions : {randomUniform, coherent}) {
+        // Different kernels over the same smooth field: a few hundredths of a voxel where it bends.
+        const double difference = cubic(*volume, *positions) - peer->sampleQuadratic(*positions);
+        if (std::fabs(difference) > 0.01 * double(positions->size())) requireEqual(load.name + ", cubic", difference, 0, 0);
+    }
+    addOne("sample_cubic_random", randomUniform, cubic, quadraticPeer);
+    addOne("sample_cubic_coherent", coherent, cubic, quadraticPeer);
 }
 
 }  // namespace

@@ -204,6 +204,16 @@ double PeerGrid::sampleByAccessor(std::vector<float3> const& positions) const
     });
 }
 
+double PeerGrid::sampleQuadratic(std::vector<float3> const& positions) const
+{
+    auto const& grid = *content_->grid;
+    return sumOver(positions, [&grid] {
+        return [accessor = grid.getConstUnsafeAccessor()](openvdb::Vec3R const& p) mutable {
+            return openvdb::tools::QuadraticSampler::sample(accessor, p);
+        };
+    });
+}
+
 double PeerGrid::sampleByStencil(std::vector<float3> const& positions) const
 {
     auto const& grid = *content_->grid;

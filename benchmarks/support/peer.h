@@ -42,6 +42,8 @@ public:
     /// Trilinear at positions in voxels: by the box sampler on an accessor per thread, or by a box stencil. \return the sum
     double sampleByAccessor(std::vector<Ostara::Math::float3> const& positions) const;
     double sampleByStencil(std::vector<Ostara::Math::float3> const& positions) const;
+    /// Triquadratic, on an accessor per thread. \return the sum
+    double sampleQuadratic(std::vector<Ostara::Math::float3> const& positions) const;
     /// The same with the gradient in world space, whose components are added to the sum.
     double gradientByStencil(std::vector<Ostara::Math::float3> const& positions) const;
 

@@ -50,6 +50,9 @@ public:
         return inRange(at.x) && inRange(at.y) && inRange(at.z);
     }
 
+    /// The same tiles seen from one of them: for a query whose places are these.
+    void setFirst(int3 const& first) { first_ = first; }
+
     /// Number x + 2 y + 4 z: the finest tile there not deeper than the query's, (-1,-1) for none.
     TreeIndex const& operator[](int n) const { return tiles_[n]; }
     int3 const& first() const { return first_; }

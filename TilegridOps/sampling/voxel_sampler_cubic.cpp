@@ -78,13 +78,18 @@ TileNeighborhood<Tr> const& VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::neighborho
                                                                                    int3 const& lijk) const
 {
     constexpr int kAllAxes = 7;
+    const int3 first = TileNeighborhood<Tr>::firstPlace(lijk, kAllAxes);
+    const std::int32_t width = Tr::tileVoxelWidth(ti.depth);
+    const int3 low(corner.x + first.x * width, corner.y + first.y * width, corner.z + first.z * width);
     const uint64 version = this->container().version();
-    if (last_.tile != ti || last_.version != version ||
-        !(last_.tiles.first() == TileNeighborhood<Tr>::firstPlace(lijk, kAllAxes))) {
-        last_.tiles.fetchTiles(this->accessor_, ti, corner, lijk, kAllAxes);
-        last_.tile = ti;
-        last_.version = version;
+    if (last_.depth == ti.depth && last_.version == version && last_.low.x == low.x && last_.low.y == low.y && last_.low.z == low.z) {
+        last_.tiles.setFirst(first);
+        return last_.tiles;
     }
+    last_.tiles.fetchTiles(this->accessor_, ti, corner, lijk, kAllAxes);
+    last_.depth = ti.depth;
+    last_.low = low;
+    last_.version = version;
     return last_.tiles;
 }
 
@@ -97,7 +102,8 @@ T VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::uniformValue(TileNeighborhood<Tr> co
         if (!values[n]) return defaultValue_;
     }
     // The lowest voxel of the stencil, from the low corner of the first place.
-    const int3 low = lijk - int3(1) - W * near.first();
+    int3 const& first = near.first();
+    const int3 low(lijk.x - 1 - W * first.x, lijk.y - 1 - W * first.y, lijk.z - 1 - W * first.z);
     CubicBlock<T> block;
     switch (W - low.x) {
     case 1: gatherRows<1, W>(values, low, block); break;

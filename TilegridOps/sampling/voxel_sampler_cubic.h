@@ -125,10 +125,11 @@ private:
     std::int32_t dofMask_;
     int minDepth_ = 0, maxDepth_ = Tr::maxDepth;
 
-    /// The tiles around the last query, which serve the next one beside it.
+    /// The tiles around the last query, which serve the next one beside it, in another of them too.
     struct LastNeighborhood {
         TileNeighborhood<Tr> tiles;
-        TreeIndex tile;
+        int3 low;
+        int depth = -1;
         uint64 version = 0;
     };
     mutable LastNeighborhood last_;

@@ -4,7 +4,7 @@
 #include "TilegridOps/substrate/dofs.h"
 #include "support/cubic_oracle.h"
 #include "support/output.h"
-#include "support/sampled_volume.h"
+#include "sampling/cubic_volume.h"
 #include "support/text_match.h"
 
 /// The walk across spacings: `JumpPolicy::kHierarchical`.
@@ -18,7 +18,7 @@ using OST::int64;
 constexpr double kEpsilon = std::numeric_limits<float>::epsilon();
 
 template <class Tr>
-CubicSampler<Tr, float> walking(SampledVolume<Tr> const& volume, CubicMode mode, bool clamp = false, DofFlags<Tr> dofs = nullptr,
+CubicSampler<Tr, float> walking(CubicVolume<Tr> const& volume, CubicMode mode, bool clamp = false, DofFlags<Tr> dofs = nullptr,
                                 int mask = 0)
 {
     return {volume.tree, volume.topology, &volume.channel, mode, clamp, JumpPolicy::kHierarchical, dofs, mask, 0};
@@ -45,7 +45,7 @@ TYPED_TEST_SUITE(CubicJumps, Structures, StructureNames);
 
 TYPED_TEST(CubicJumps, are_none_for_the_uniform_kernel_at_the_deepest_level)
 {
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), noise);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), noise);
     for (CubicMode mode : kCubicModes) {
         const auto sampler = walking(volume, mode);
         const CubicSampler<TypeParam, float> uniform(volume.tree, volume.topology, &volume.channel, mode, false,
@@ -77,7 +77,7 @@ TYPED_TEST(CubicJumps, are_crossed_with_the_degree_of_the_mode)
     const auto set = threeDepths<TypeParam>(2);
     for (auto const& [mode, field] : fields) {
         const Field scaled = [field, scale](double x, double y, double z) { return field(x * scale, y * scale, z * scale); };
-        const SampledVolume<TypeParam> volume(set, sampled<TypeParam>(scaled));
+        const CubicVolume<TypeParam> volume(set, sampled<TypeParam>(scaled));
         const auto sampler = walking(volume, mode);
         Random random(3);
         double worst = 0;
@@ -98,7 +98,7 @@ TYPED_TEST(CubicJumps, leave_an_affine_field_as_it_is_also_clamped)
     const Field field = [](double x, double y, double z) { return 3 + (x - 2 * y + 0.5 * z) / 64; };
     const double largest = 3 + 3.5 * 3 * this->coarse() / 64;
     const auto set = threeDepths<TypeParam>(4);
-    const SampledVolume<TypeParam> volume(set, sampled<TypeParam>(field));
+    const CubicVolume<TypeParam> volume(set, sampled<TypeParam>(field));
     for (CubicMode mode : kCubicModes)
         for (bool clamp : {false, true}) {
             const auto sampler = walking(volume, mode, clamp);
@@ -120,7 +120,7 @@ TYPED_TEST(CubicJumps, from_fine_to_coarse_along_an_axis_use_the_positions_found
     const std::int64_t coarse = Set::tileWidth(this->D - 1);
     set.addBox({origin[0] - 2 * coarse, origin[1] - 2 * coarse, origin[2] - 2 * coarse},
                {origin[0] - 1, origin[1] + 2 * coarse - 1, origin[2] + 2 * coarse - 1}, this->D);
-    const SampledVolume<TypeParam> volume(set, noise);
+    const CubicVolume<TypeParam> volume(set, noise);
     const auto accessor = volume.tree.tileAccessor();
     const auto at = [&](std::int64_t x, int depth) {
         return CubicSampler<TypeParam, float>::getVoxelValueAtTijk(toInt3({origin[0] + x, origin[1], origin[2]}), depth, kCorner,
@@ -146,7 +146,7 @@ TYPED_TEST(CubicJumps, to_nothing_continue_at_the_last_spacing_with_the_default)
 {
     const float fallback = 0.25f;
     // Only the finest tiles have values, so that there are none beside the box.
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 1), noise, 7, fallback, this->D);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 1), noise, 7, fallback, this->D);
     const Place low = TileSet<TypeParam>::keyAt({0, 0, 0}, this->D).low;
     const int W = TypeParam::width;
     const auto at = [&](int x) {
@@ -169,7 +169,7 @@ TYPED_TEST(CubicJumps, out_of_tile_space_continue_at_the_last_spacing_with_the_d
     const Place low = {Set::rangeMin, Set::rangeMin, Set::rangeMin};
     set.addBox(low, {low[0] + 3 * Set::tileWidth(this->D) - 1, low[1] + 3 * Set::tileWidth(this->D) - 1, low[2]}, this->D);
     const float fallback = 0.25f;
-    const SampledVolume<TypeParam> volume(set, noise, 7, fallback);
+    const CubicVolume<TypeParam> volume(set, noise, 7, fallback);
     const TreeIndex first = indexOf(volume.tree, {this->D, low});
     auto const* v = volume.channel.tileData(first).data();
     const auto sampler = walking(volume, CubicMode::kCubicC0);
@@ -181,7 +181,7 @@ TYPED_TEST(CubicJumps, of_trees_that_are_not_graded_keep_a_constant)
 {
     for (std::uint64_t seed : {6, 7, 8}) {
         const auto set = randomSet<TypeParam>(seed, 60, false);
-        const SampledVolume<TypeParam> volume(set, [](auto const&, int, int, int) { return 0.75; }, 7, 0.75f);
+        const CubicVolume<TypeParam> volume(set, [](auto const&, int, int, int) { return 0.75; }, 7, 0.75f);
         for (CubicMode mode : kCubicModes) {
             const auto sampler = walking(volume, mode);
             Random random(seed);
@@ -198,7 +198,7 @@ TYPED_TEST(CubicJumps, of_trees_that_are_not_graded_keep_a_constant)
 TYPED_TEST(CubicJumps, read_voxels_that_are_not_free_from_the_tile_above)
 {
     using Set = TileSet<TypeParam>;
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     auto flags = flagsOf<TypeParam>(volume.tree);
     const TileKey key = Set::keyAt({0, 0, 0}, this->D);
     const TreeIndex tile = indexOf(volume.tree, key);
@@ -225,7 +225,7 @@ TYPED_TEST(CubicJumps, with_voxels_that_are_not_free_reproduce_the_degree_of_the
         return 0.3 + x * x * x - 2 * y * z + z * z * y - x;
     };
     const auto set = threeDepths<TypeParam>(9);
-    SampledVolume<TypeParam> volume(set, sampled<TypeParam>(field));
+    CubicVolume<TypeParam> volume(set, sampled<TypeParam>(field));
     auto flags = flagsOf<TypeParam>(volume.tree);
     computeDofs(volume.tree, flags);
     // What hangs holds nonsense: only its flag keeps it out.
@@ -257,7 +257,7 @@ TYPED_TEST(CubicJumps, keep_their_step_at_a_flagged_voxel_without_a_parent)
     TileSet<TypeParam> set;
     set.add({0, 0, 0}, 0);
     const float fallback = -3;
-    const SampledVolume<TypeParam> volume(set, noise, 7, fallback);
+    const CubicVolume<TypeParam> volume(set, noise, 7, fallback);
     auto flags = flagsOf<TypeParam>(volume.tree);
     flags.tileData(TreeIndex{0, 0})(2, 1, 0) = 1;
     const auto sampler = walking<TypeParam>(volume, CubicMode::kCubicC0, false, &flags, 1);
@@ -270,7 +270,7 @@ TYPED_TEST(CubicJumps, keep_their_step_at_a_flagged_voxel_without_a_parent)
 
 TYPED_TEST(CubicJumps, of_a_flag_channel_with_a_halo_read_the_same_flags)
 {
-    const SampledVolume<TypeParam> volume(threeDepths<TypeParam>(11), noise);
+    const CubicVolume<TypeParam> volume(threeDepths<TypeParam>(11), noise);
     auto plain = flagsOf<TypeParam>(volume.tree);
     computeDofs(volume.tree, plain);
     const short none = 0;
@@ -305,7 +305,7 @@ struct DiagnosticsGuard {
 TYPED_TEST(CubicJumps, with_nan_give_zero_and_a_report)
 {
     DiagnosticsGuard guard;
-    SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     const TreeIndex tile = indexOf(volume.tree, TileSet<TypeParam>::keyAt({0, 0, 0}, this->D));
     volume.channel.tileData(tile)(1, 1, 1) = std::numeric_limits<float>::quiet_NaN();
     const auto sampler = walking(volume, CubicMode::kCubicC1);
@@ -338,7 +338,7 @@ TYPED_TEST(CubicJumps, with_checks_on_report_where_nan_comes_from)
 {
     DiagnosticsGuard guard;
     cubicDiagnostics().checks = true;
-    SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     const TreeIndex tile = indexOf(volume.tree, TileSet<TypeParam>::keyAt({0, 0, 0}, this->D));
     const auto sampler = walking(volume, CubicMode::kCubicC1);
     const auto value = [&] { return sampler.getValue(tile, int3(1), float3(0.5f, 0, 0), this->D, false); };
@@ -366,7 +366,7 @@ TYPED_TEST(CubicJumps, with_traces_on_tell_their_steps)
 {
     DiagnosticsGuard guard;
     cubicDiagnostics().traces = true;
-    const SampledVolume<TypeParam> volume(threeDepths<TypeParam>(13), noise);
+    const CubicVolume<TypeParam> volume(threeDepths<TypeParam>(13), noise);
     const auto sampler = walking(volume, CubicMode::kCubicC1);
     const CapturedStream out;
     Random random(14);

@@ -4,7 +4,7 @@
 #include "TilegridOps/substrate/parallel.h"
 #include "support/cubic_oracle.h"
 #include "support/jobs.h"
-#include "support/sampled_volume.h"
+#include "sampling/cubic_volume.h"
 
 namespace tilegrid::test {
 namespace {
@@ -18,7 +18,7 @@ constexpr double kEpsilon = std::numeric_limits<float>::epsilon();
 constexpr double kNoiseBound = 90 * (1 + 1.25 + 1.5625) * kEpsilon;
 
 template <class Tr, class T>
-CubicSampler<Tr, T> cubicOver(SampledVolume<Tr, T> const& volume, CubicMode mode, bool clamp = false,
+CubicSampler<Tr, T> cubicOver(CubicVolume<Tr, T> const& volume, CubicMode mode, bool clamp = false,
                               JumpPolicy policy = JumpPolicy::kTrilinearAtJump, int64 cache = 0)
 {
     return {volume.tree, volume.topology, &volume.channel, mode, clamp, policy, nullptr, 0, cache};
@@ -35,7 +35,7 @@ TYPED_TEST_SUITE(CubicSampling, Structures, StructureNames);
 
 /// Compares one sampler with the oracle at random positions; counts those at jumps and elsewhere.
 template <class Tr>
-void compareWithOracle(SampledVolume<Tr> const& volume, int offset, SiteOracle<Tr>& sites, CubicMode mode, std::uint64_t seed,
+void compareWithOracle(CubicVolume<Tr> const& volume, int offset, SiteOracle<Tr>& sites, CubicMode mode, std::uint64_t seed,
                        double reach, int64 (&seen)[2])
 {
     sites.offset = offset;
@@ -60,7 +60,7 @@ TYPED_TEST(CubicSampling, is_a_sum_of_64_voxels_or_a_linear_mix_where_one_of_eig
 {
     const auto set = threeDepths<TypeParam>(1);
     for (int offset : {7, 0, 5}) {
-        const SampledVolume<TypeParam> volume(set, noise, offset);
+        const CubicVolume<TypeParam> volume(set, noise, offset);
         SiteOracle<TypeParam> sites(set);
         int64 seen[2] = {};
         for (CubicMode mode : kCubicModes) compareWithOracle(volume, offset, sites, mode, 3, 1.4 * this->coarse(), seen);
@@ -73,7 +73,7 @@ TYPED_TEST(CubicSampling, mixes_linearly_in_trees_with_jumps_of_many_depths)
 {
     for (std::uint64_t seed : {5, 6}) {
         const auto set = randomSet<TypeParam>(seed, 60, false);
-        const SampledVolume<TypeParam> volume(set, noise, seed == 5 ? 7 : 0);
+        const CubicVolume<TypeParam> volume(set, noise, seed == 5 ? 7 : 0);
         SiteOracle<TypeParam> sites(set);
         int64 seen[2] = {};
         compareWithOracle(volume, seed == 5 ? 7 : 0, sites, CubicMode::kCubicC1, seed, 10.0 * TypeParam::width, seen);
@@ -84,7 +84,7 @@ TYPED_TEST(CubicSampling, mixes_linearly_in_trees_with_jumps_of_many_depths)
 
 TYPED_TEST(CubicSampling, gives_a_voxels_own_value_at_its_position_in_all_modes)
 {
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     for (CubicMode mode : kCubicModes)
         for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical}) {
             const auto sampler = cubicOver(volume, mode, false, policy);
@@ -104,11 +104,11 @@ TYPED_TEST(CubicSampling, mixes_linearly_if_a_place_lacks_its_tile_that_the_sten
     // Voxels 0 to 3 of the tile make the stencil.
     const int3 lijk(1, 1, 1);
     const float3 frac(0.5f, 0.25f, 0.75f);
-    const SampledVolume<TypeParam> whole(set, noise);
+    const CubicVolume<TypeParam> whole(set, noise);
     Place beyond = own.low;
     for (auto& x : beyond) x += TypeParam::width;
     set.remove(Set::keyAt(beyond, this->D));
-    const SampledVolume<TypeParam> holed(set, noise);
+    const CubicVolume<TypeParam> holed(set, noise);
     for (CubicMode mode : kCubicModes) {
         SiteOracle<TypeParam> sites(set);
         CubicSamplerOracle<TypeParam> oracle(set, sites);
@@ -125,7 +125,7 @@ TYPED_TEST(CubicSampling, reproduces_an_affine_field_across_jumps)
     const Field field = [](double x, double y, double z) { return 3 + (x - 2 * y + 0.5 * z) / 64; };
     const auto set = threeDepths<TypeParam>(2);
     for (int offset : {7, 0}) {
-        const SampledVolume<TypeParam> volume(set, sampled<TypeParam>(field, offset), offset);
+        const CubicVolume<TypeParam> volume(set, sampled<TypeParam>(field, offset), offset);
         for (CubicMode mode : kCubicModes)
             for (bool clamp : {false, true}) {
                 const auto sampler = cubicOver(volume, mode, clamp);
@@ -140,7 +140,7 @@ TYPED_TEST(CubicSampling, reproduces_an_affine_field_across_jumps)
 
 TYPED_TEST(CubicSampling, clamps_into_the_eight_voxels_around_the_position)
 {
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), noise);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), noise);
     const auto accessor = volume.tree.tileAccessor();
     int moved = 0;
     for (CubicMode mode : kCubicModes) {
@@ -166,7 +166,7 @@ TYPED_TEST(CubicSampling, clamps_into_the_eight_voxels_around_the_position)
 TYPED_TEST(CubicSampling, from_the_cache_is_the_same_on_uniform_stretches_and_for_every_size_of_the_cache)
 {
     const auto set = threeDepths<TypeParam>(3);
-    const SampledVolume<TypeParam> volume(set, noise);
+    const CubicVolume<TypeParam> volume(set, noise);
     SiteOracle<TypeParam> sites(set);
     const CubicSamplerOracle<TypeParam> oracle(set, sites);
     const auto plain = cubicOver(volume, CubicMode::kCubicC1);
@@ -192,7 +192,7 @@ TYPED_TEST(CubicSampling, from_the_cache_is_the_same_on_uniform_stretches_and_fo
 
 TYPED_TEST(CubicSampling, keeps_the_tiles_used_last)
 {
-    SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), [](auto const&, int, int, int) { return 1.0; });
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), [](auto const&, int, int, int) { return 1.0; });
     const auto sampler = cubicOver(volume, CubicMode::kCubicC1, false, JumpPolicy::kTrilinearAtJump, 2);
     const auto at = [&](int tile) {
         return sampler.sampleCubic(float3(float(tile * TypeParam::width) + 1.5f, 1.5f, 1.5f), this->D, kTileSpace);
@@ -214,7 +214,7 @@ TYPED_TEST(CubicSampling, keeps_the_tiles_used_last)
 TYPED_TEST(CubicSampling, reads_no_deeper_than_the_channel_nor_than_asked)
 {
     const auto set = threeDepths<TypeParam>(4);
-    const SampledVolume<TypeParam> whole(set, noise), shallow(set, noise, 7, 0, 0, this->D - 1);
+    const CubicVolume<TypeParam> whole(set, noise), shallow(set, noise, 7, 0, 0, this->D - 1);
     for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical}) {
         const auto a = cubicOver(whole, CubicMode::kCubicC0, false, policy), b = cubicOver(shallow, CubicMode::kCubicC0, false, policy);
         Random random(10);
@@ -229,7 +229,7 @@ TYPED_TEST(CubicSampling, gives_the_default_where_there_is_nothing)
 {
     const float fallback = -7;
     const TileSet<TypeParam> none;
-    const SampledVolume<TypeParam> empty(none, noise, 7, fallback), deep(uniformBox<TypeParam>(this->D, 1), noise, 7, fallback, this->D);
+    const CubicVolume<TypeParam> empty(none, noise, 7, fallback), deep(uniformBox<TypeParam>(this->D, 1), noise, 7, fallback, this->D);
     for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical}) {
         const auto overEmpty = cubicOver(empty, CubicMode::kCubicC1, false, policy);
         EXPECT_EQ(overEmpty.sampleCubic(float3(1, 2, 3)), fallback);
@@ -258,7 +258,7 @@ TYPED_TEST(CubicSampling, works_at_every_depth_and_at_the_border_of_tile_space)
     set.add({Set::rangeMin, Set::rangeMin, Set::rangeMin}, this->D);
     set.add({Set::rangeMax, Set::rangeMax, Set::rangeMax}, this->D);
     for (int offset : {7, 0}) {
-        const SampledVolume<TypeParam> volume(set, [](auto const&, int, int, int) { return 4.0; }, offset, 4.0f);
+        const CubicVolume<TypeParam> volume(set, [](auto const&, int, int, int) { return 4.0; }, offset, 4.0f);
         for (CubicMode mode : kCubicModes)
             for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical})
                 for (int64 cache : {0, 2}) {
@@ -283,7 +283,7 @@ TYPED_TEST(CubicSampling, reads_a_tree_of_one_root_tile)
 {
     TileSet<TypeParam> set;
     set.add({0, 0, 0}, 0);
-    const SampledVolume<TypeParam> volume(set, noise, 7, 0.5f);
+    const CubicVolume<TypeParam> volume(set, noise, 7, 0.5f);
     SiteOracle<TypeParam> sites(set);
     sites.outside = 0.5;
     int64 seen[2] = {};
@@ -293,7 +293,7 @@ TYPED_TEST(CubicSampling, reads_a_tree_of_one_root_tile)
 
 TYPED_TEST(CubicSampling, takes_world_positions)
 {
-    SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     volume.tree.setVoxelSize(0.25f);
     const auto sampler = cubicOver(volume, CubicMode::kCubicC1);
     EXPECT_EQ(sampler.sampleCubic(float3(0.125f, 0.25f, -0.5f)), sampler.sampleCubic(float3(0.5f, 1, -2), this->D, kTileSpace));
@@ -301,7 +301,7 @@ TYPED_TEST(CubicSampling, takes_world_positions)
 
 TYPED_TEST(CubicSampling, names_its_mode)
 {
-    const SampledVolume<TypeParam> volume(TileSet<TypeParam>{}, noise);
+    const CubicVolume<TypeParam> volume(TileSet<TypeParam>{}, noise);
     const char* const names[] = {"kQuadraticC0Averaged", "kCubicC0", "kCubicC1", "kCubicC1Monotonic"};
     Corvid::String name;
     for (int n = 0; n < 4; ++n) {
@@ -314,14 +314,14 @@ TYPED_TEST(CubicSampling, names_its_mode)
 
 TYPED_TEST(CubicSampling, with_a_number_without_a_mode_gives_zero_away_from_jumps)
 {
-    const SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
     EXPECT_EQ(cubicOver(volume, kNoCubicMode).sampleCubic(float3(0.5f, 0.5f, 0.5f), this->D, kTileSpace), 0);
 }
 
 TYPED_TEST(CubicSampling, follows_the_tree_when_it_has_grown)
 {
     using Set = TileSet<TypeParam>;
-    SampledVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 1), noise, 7, 9.0f);
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 1), noise, 7, 9.0f);
     const auto sampler = cubicOver(volume, CubicMode::kCubicC1);
     const float3 p(TypeParam::width - 0.5f, 0.5f, 0.5f);
     const float before = sampler.sampleCubic(p, this->D, kTileSpace);
@@ -339,7 +339,7 @@ TYPED_TEST(CubicSampling, at_sites_agrees_with_a_linear_halo)
 {
     const auto set = threeDepths<TypeParam>(5);
     for (int offset : {7, 0, 6}) {
-        const SampledVolume<TypeParam> volume(set, noise, offset, 0.5f);
+        const CubicVolume<TypeParam> volume(set, noise, offset, 0.5f);
         const auto accessor = volume.tree.tileAccessor();
         const auto type = static_cast<VoxelOffsetType>(offset);
         constexpr int W = TypeParam::width;
@@ -373,7 +373,7 @@ template <class Tr> std::vector<float> sampleAll(CubicSampler<Tr, float> const& 
 
 TYPED_TEST(CubicSampling, gives_the_same_bytes_on_any_number_of_threads)
 {
-    const SampledVolume<TypeParam> volume(threeDepths<TypeParam>(6), noise);
+    const CubicVolume<TypeParam> volume(threeDepths<TypeParam>(6), noise);
     for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical})
         for (int64 cache : {0, 4}) {
             const auto prototype = cubicOver(volume, CubicMode::kCubicC1, true, policy, cache);
@@ -392,8 +392,8 @@ template <class Tr, class T> void compareComponents(TileSet<Tr> const& set, doub
 {
     using Element = Ostara::Math::ElementTraits<T>;
     using S = typename Element::Scalar;
-    SampledVolume<Tr, T> volume(set, noise);
-    const SampledVolume<Tr, S> plain(set, noise);
+    CubicVolume<Tr, T> volume(set, noise);
+    const CubicVolume<Tr, S> plain(set, noise);
     // Component c holds c + 1 times the noise, halved often enough to stay exact: powers of two.
     for (int d = 0; d <= Tr::maxDepth; ++d)
         for (int64 n = 0; n < volume.tree.tileCount(d); ++n)
@@ -423,8 +423,8 @@ TYPED_TEST(CubicSampling, reads_all_element_types)
     }(TypeList<double, Ostara::Math::double3, Ostara::Math::float2, float3, Ostara::Math::float3x3, Ostara::Math::float4,
                Ostara::Math::float4x2, Ostara::Math::float4x4>());
     // A double keeps more digits than a float; the fractions are floats in both.
-    const SampledVolume<TypeParam, double> fine(set, noise);
-    const SampledVolume<TypeParam> plain(set, noise);
+    const CubicVolume<TypeParam, double> fine(set, noise);
+    const CubicVolume<TypeParam> plain(set, noise);
     Random random(12);
     for (int n = 0; n < 200; ++n) {
         const float3 p = randomPosition(random, reach);

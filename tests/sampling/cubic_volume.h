@@ -18,14 +18,14 @@ template <class Tr> VoxelFunction sampled(Field field, int offset = 7)
 }
 
 /// A tree, a topology and one channel: what a sampler is made over.
-template <class Tr, class T = float> struct SampledVolume {
+template <class Tr, class T = float> struct CubicVolume {
     using ChannelT = OST::TileTree3D::Channel<Tr, T, Tr::width, 0>;
     TileSet<Tr> set;
     Tree<Tr> tree{"tree"};
     OST::TileTree3D::VoxelTopology<Tr> topology;
     ChannelT channel;
 
-    SampledVolume(TileSet<Tr> const& tiles, VoxelFunction const& voxel, int offset = 7, T const& defaultValue = T(), int minDepth = 0,
+    CubicVolume(TileSet<Tr> const& tiles, VoxelFunction const& voxel, int offset = 7, T const& defaultValue = T(), int minDepth = 0,
                   int depth = Tr::maxDepth)
         : set(tiles), topology("topology", static_cast<OST::TileTree3D::VoxelOffsetType>(offset)),
           channel((addAll(tiles, tree), channelOf<ChannelT>(tree, voxel, defaultValue, minDepth, depth)))

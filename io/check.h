@@ -1,0 +1,70 @@
+#pragma once
+#include "TilegridOps/host/object.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tilegrid::io {
+
+/// How a kind of values that follow from others agrees with those.
+struct DependentCheck {
+    std::int64_t voxels = 0, wrong = 0;
+    /// Largest difference of a component, among all of them; infinite where a NaN stands on one side only.
+    double largest = 0;
+};
+
+struct PropertyCheck {
+    std::string name;
+    /// Voxels that have a child tile. They hold the value of the child's voxel at their place; on an axis with samples in
+    /// the middle, the mean of the child's voxels inside them.
+    DependentCheck aboveChildren;
+    /// Voxels on a low face of their tile against a coarser neighbour. They hold what is interpolated from there, and so is
+    /// what a sampler reads there from both sides. Only for corner samples and types with a fraction, and not where samples
+    /// beyond tile space would take part.
+    std::optional<DependentCheck> hanging;
+};
+
+/// | |gradient| - 1 | of a level set over the leaf voxels of a depth inside the band.
+struct GradientCheck {
+    int depth = 0;
+    std::int64_t voxels = 0;
+    double mean = 0, largest = 0;
+};
+
+/// What is wrong with a volume.
+struct VolumeCheck {
+    std::int64_t tiles = 0;
+    /// One line per violation: links, places, sizes of topology and channels. What follows is only looked at without any.
+    std::vector<std::string> tree;
+    bool graded = true;
+    std::vector<PropertyCheck> properties;
+    /// By depth, where there is a voxel. A measure: where surfaces face each other and at creases it is off by design.
+    std::vector<GradientCheck> gradient;
+
+    bool good() const;
+};
+
+/// Checks a volume. Wrong are: a tree that breaks its invariants; tiles that touch and differ by two levels or more; values
+/// above children that are not the child's (for corner samples bit by bit, else within rounding); hanging values further
+/// from their interpolation than rounding explains. Signed distances may keep true distances at hanging voxels: there the
+/// bound is what a function of slope 1 can differ from its bilinear interpolation, the coarser voxel's width times the root
+/// of one half.
+///
+/// The gradient is measured by central differences between neighbours of the same depth, at leaf voxels of
+/// `voxel_signed_distance` with all six of them and a distance below the default value, which is the band's half width.
+/// \throws InputError for an object without a tile tree
+VolumeCheck checkVolume(Ostara::Object const& volume);
+
+/// The part of it about values above children.
+std::vector<PropertyCheck> checkValuesAboveChildren(Ostara::Object const& volume);
+
+/// Keys: good, tiles, tree[], graded, properties[{name, above_children{voxels,wrong,largest}, hanging{...} or null}],
+/// gradient[{depth,voxels,mean,largest}]. One object.
+std::string toJson(VolumeCheck const& check);
+std::string toText(VolumeCheck const& check);
+/// One line that names what is wrong, empty if nothing is.
+std::string faultsOf(VolumeCheck const& check);
+
+}  // namespace tilegrid::io

@@ -2,12 +2,15 @@
 
 #include "TilegridOps/host/property_names.h"
 #include "io/atomic_file.h"
+#include "io/check.h"
 #include "io/error.h"
 #include "io/text.h"
 #include "io/vdb_grids.h"
+#include "io/vdb_levels.h"
 
 #include <openvdb/io/Stream.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -123,6 +126,27 @@ std::string describe(std::vector<PlacedGrid> const& group)
         + (group.front().placement.centre ? ", at centres)" : ")");
 }
 
+NamedVolume levelVolume(std::string const& path, openvdb::GridPtrVec const& all, VdbOptions const& options,
+                        Corvid::RuntimeServices const& services)
+{
+    std::vector<openvdb::GridBase::ConstPtr> grids;
+    for (openvdb::GridBase::Ptr const& grid : all)
+        if (grid) grids.push_back(grid);
+    try {
+        NamedVolume volume = volumeFromLevelGrids(grids, options);
+        for (PropertyCheck const& property : checkValuesAboveChildren(*volume.volume))
+            if (property.aboveChildren.wrong > 0)
+                services.message(Severity::kWarning,
+                                 "'" + path + "': property '" + property.name + "' has "
+                                     + std::to_string(property.aboveChildren.wrong) + " of "
+                                     + std::to_string(property.aboveChildren.voxels)
+                                     + " voxels above children that do not hold the child's value");
+        return volume;
+    } catch (InputError const& error) {
+        fail(path, error.what());
+    }
+}
+
 }  // namespace
 
 GridPlacement placementOf(openvdb::GridBase const& grid)
@@ -162,6 +186,8 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
                                  Corvid::RuntimeServices const& services)
 {
     const openvdb::GridPtrVecPtr all = gridsOf(path);
+    const auto isLevel = [](openvdb::GridBase::Ptr const& grid) { return grid && isLevelGrid(*grid); };
+    if (std::any_of(all->begin(), all->end(), isLevel)) return {levelVolume(path, *all, options, services)};
     std::vector<PlacedGrid> grids;
     for (openvdb::GridBase::Ptr const& grid : *all) {
         if (!grid) continue;
@@ -189,10 +215,12 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
     return volumes;
 }
 
-void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services)
+void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
+              VdbLayout layout)
 {
     openvdb::initialize();
-    const auto grids = gridsFromVolume(volume, services);
+    const auto grids =
+        layout == VdbLayout::kFlat ? gridsFromVolume(volume, services) : levelGridsFromVolume(volume, services);
     if (grids.empty())
         throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
     AtomicFile file(path);

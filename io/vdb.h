@@ -29,18 +29,35 @@ struct NamedVolume {
 /// all tiles get the distance to the grid's zero surface with the sign that the grid has there. Other grids: every voxel
 /// gets the grid's value at its place (at centres, a voxel with children their mean), and constant active regions become
 /// the largest tiles that fit into them.
+///
+/// A file of the level layout (see `writeVdb`) gives the volume as it was written, in its own structure. Any grid of it that
+/// is not as the writer makes them is refused by name.
 /// \throws InputError for files that cannot be read, hold no such grid, take more than `maxBytes` (0: no limit) or have
 ///         a transform that is refused (with a hint)
 std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options,
                                  Corvid::RuntimeServices const& services);
 
-/// Writes every property that has a grid type, flattened to the finest depth in use, under a temporary name first. Active
+/// How a volume of several depths is put into grids.
+enum class VdbLayout {
+    /// One grid for each property, with the voxels of the finest depth in use, as every program reads it.
+    kFlat,
+    /// One grid for each property and depth, with exactly the voxels of the tiles: nothing is lost.
+    kLevels
+};
+
+/// `kFlat`: writes every property that has a grid type, flattened to the finest depth in use, under a temporary name first. Active
 /// are all voxels of the tiles of that depth, so that reading the file gives the same finest tiles with the same bits.
 /// In coarser leaf cells a level set is resampled where the surface passes through them, and the rest is told by the
 /// sign of the background; other properties become constant regions where they differ from their default value, but
 /// beside a level set they are written where its finest tiles are. Equal volumes give equal files.
+///
+/// `kLevels`: every grid holds the tiles of one depth, all their voxels active, with metadata (`tilegrid_...`) that tells
+/// structure, voxel size, sample offset, refinement error, depth, and name, default value, initializer and depth range of
+/// the property. Reading the file restores tiles and values bit for bit; tiles then lie in Morton order, and halo layers
+/// are left out.
 /// \throws InputError if nothing can be written or the file cannot be
-void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services);
+void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
+              VdbLayout layout = VdbLayout::kFlat);
 
 /// The zero surface of `voxel_signed_distance`, flattened to the finest depth in use, with normals outward. No triangle if
 /// the distance has one sign.

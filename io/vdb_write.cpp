@@ -1,8 +1,7 @@
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "io/error.h"
-#include "io/vdb_grids.h"
-#include "io/volume_access.h"
+#include "io/vdb_lattice.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,57 +16,9 @@ namespace {
 /// wider.
 constexpr int kWidestVoxel = 4096;
 
-/// The lattice of the deepest depth in use: where its samples lie in the grid that is written.
-template <class Tr> struct FlatLattice {
-    int depth, width;
-
-    explicit FlatLattice(Container<Tr> const& tree)
-        : depth(tree.deepestDepth()), width(Tr::voxelDataWidth(std::max(depth, 0)))
-    {}
-
-    /// Index of the voxel with that low corner. Tiles of every depth lie on multiples of its width from the low end of
-    /// tile space.
-    openvdb::Coord index(int3 const& corner) const { return {along(corner.x), along(corner.y), along(corner.z)}; }
-    /// The low corner of a voxel in tile space.
-    double3 corner(openvdb::Coord const& index) const
-    {
-        return {origin() + double(index.x()) * width, origin() + double(index.y()) * width,
-                origin() + double(index.z()) * width};
-    }
-    /// Uniform scale, and the shift of sample 0.
-    openvdb::math::Transform::Ptr transform(float voxelSize, VoxelOffsetType offset) const
-    {
-        const double h = voxelSize;
-        auto transform = openvdb::math::Transform::createLinearTransform(width * h);
-        const float3 shift = voxelOffset(offset);
-        transform->postTranslate(
-            h * openvdb::Vec3d(origin() + shift.x * width, origin() + shift.y * width, origin() + shift.z * width));
-        return transform;
-    }
-
-private:
-    int along(int place) const { return static_cast<int>((OST::int64(place) - Tr::rangeMin) / width + lowIndex()); }
-    /// Number of the first voxel of tile space, chosen so that voxel 0 lies at the origin, or across it.
-    OST::int64 lowIndex() const { return -((-OST::int64(Tr::rangeMin) + width - 1) / width); }
-    double origin() const { return double(Tr::rangeMin) - double(lowIndex()) * width; }
-};
-
-/// Copies the W^3 values of a tile, i fastest, out of a channel of any layout; false if it has none there. It stands
-/// between channels and grids so that code for grids is made once per element type.
-template <class T> using FetchTile = parallel::FunctionRef<bool(TreeIndex const&, T*)>;
-
-template <class Tr, class C> auto fetchFrom(C const& channel)
-{
-    return [&channel](TreeIndex const& tile, typename C::Element* out) {
-        const auto values = channel.tileData(tile);
-        for (int flat = 0; values && flat < Tr::voxelCount; ++flat) out[flat] = values(cubeIndex(Tr::width, flat));
-        return static_cast<bool>(values);
-    };
-}
-
 /// Writes the voxels of the deepest tiles, all active.
 template <class Tr, class T>
-void fillDeepest(Container<Tr> const& tree, FetchTile<T> fetch, FlatLattice<Tr> const& lattice, GridSink<T>& sink)
+void fillDeepest(Container<Tr> const& tree, FetchTile<T> fetch, LevelLattice<Tr> const& lattice, GridSink<T>& sink)
 {
     std::array<T, Tr::voxelCount> values;
     for (OST::int64 n = 0; n < tree.tileCount(lattice.depth); ++n)
@@ -92,7 +43,7 @@ template <class Tr, class Visit> void forEachCoarseLeafVoxel(Container<Tr> const
 /// for that
 template <class Tr, class T>
 OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& background,
-                      FlatLattice<Tr> const& lattice, GridSink<T>& sink)
+                      LevelLattice<Tr> const& lattice, GridSink<T>& sink)
 {
     OST::int64 tooWide = 0;
     std::array<T, Tr::voxelCount> values;
@@ -115,7 +66,7 @@ OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& ba
 /// \param bandOnly  only the deepest tiles: beside a level set the coarse tiles reach through all of tile space, and a
 ///        reader would get that space back as tiles
 template <class Tr, class C>
-openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, FlatLattice<Tr> const& lattice,
+openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, LevelLattice<Tr> const& lattice,
                                  std::string const& name, bool bandOnly, Corvid::RuntimeServices const& services)
 {
     using T = typename C::Element;
@@ -199,7 +150,7 @@ private:
 /// where the surface passes through them; elsewhere inside and outside are told by the sign of the background.
 template <class Tr, class C>
 openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
-                                          FlatLattice<Tr> const& lattice)
+                                          LevelLattice<Tr> const& lattice)
 {
     const float band = std::abs(channel.defaultValue());
     const auto sink = makeGridSink<float>(band > 0.0f ? band : 3.0f * tree.voxelSize());
@@ -229,7 +180,7 @@ openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> cons
                                    VoxelTopology<Tr> const& topology)
 {
     openvdb::FloatGrid::Ptr grid;
-    const FlatLattice<Tr> lattice(tree);
+    const LevelLattice<Tr> lattice(tree.deepestDepth());
     const auto flatten = [&]<class C>() {
         grid = flattenedLevelSet(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance),
                                  topology.offsetType(), lattice);
@@ -262,7 +213,7 @@ std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume
         volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
             std::vector<openvdb::GridBase::Ptr> grids;
             if (tree.deepestDepth() < 0) return grids;
-            const FlatLattice<Tr> lattice(tree);
+            const LevelLattice<Tr> lattice(tree.deepestDepth());
             if (auto levelSet = levelSetOf(native, tree, topology)) grids.push_back(levelSet);
             const bool bandOnly = !grids.empty();
             for (std::string const& name : propertyNames<Tr>(native)) {

@@ -3,15 +3,25 @@
 #include "TilegridOps/host/runtime.h"
 #include "io/mesh.h"
 
+#include <optional>
+
 namespace tilegrid::io {
 
 enum class Structure { kBinary, kQuinary };
 
+/// A box of world space in which a level set is finer.
+struct FinerBox {
+    Ostara::Math::double3 low, high;
+    /// By how many depths.
+    int levels = 1;
+};
+
 struct LevelSetOptions {
-    /// World size of a finest voxel.
+    /// World size of a voxel of the band: outside of `finer`, if that is given.
     float voxelSize = 0.0f;
-    /// Half width of the band of finest tiles, in finest voxels.
+    /// Half width of the band, in voxels: in those of `voxelSize`, and of tiles that lie in `finer` in their own.
     float bandVoxels = 3.0f;
+    std::optional<FinerBox> finer;
     Structure structure = Structure::kBinary;
     /// Refuse results whose estimate is larger.
     std::uint64_t maxBytes = 0;
@@ -21,11 +31,15 @@ struct LevelSetOptions {
 /// depth, the root too, holds the signed distance to the triangles, negative inside, in world units, computed in double
 /// and rounded to float. The default value is the band's half width in world units. Samples lie at voxel corners.
 ///
+/// With `finer` the finest tiles are those that meet its box; the band of `voxelSize` lies that many depths above them, in
+/// the box too. The tree is then graded, and the voxel size of the volume is that of its finest voxels.
+///
 /// Inside is where the surface winds around a place, in either direction: parts may overlap, and cavities whose
 /// triangles look into them stay outside. Holes count as covered where the winding number passes one half; a message
 /// says so.
 /// \throws InputError for a mesh that no reader makes; for a voxel size that is not positive and finite, is larger than
-///         the mesh, or is too small for tile space or `maxBytes`, with the estimate
+///         the mesh, or is too small for tile space or `maxBytes`, with the estimate; for a finer box that is empty, not
+///         finite or beside the mesh, or more levels than there are
 Corvid::Ptr<Ostara::Object> levelSetFromMesh(TriangleMesh const& mesh, LevelSetOptions const& options,
                                              Corvid::RuntimeServices const& services);
 

@@ -1,8 +1,10 @@
 #pragma once
 #include "TilegridOps/host/object.h"
+#include "io/sample.h"
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,9 +29,13 @@ struct SliceOptions {
     std::string property;
     /// Longer side in pixels.
     int size = 1024;
+    /// What lies between samples. None: the value of the nearest one, as for types without a fraction always.
+    std::optional<SampleMode> mode = SampleMode::kLinear;
+    /// Each voxel shows so many values along an axis, each from the middle of its part; 0: every pixel its own.
+    int cells = 0;
 };
 
-/// One plane of a property: diverging colours around zero, the zero line, and the tile borders by depth.
+/// One plane of a property, read as a sampler reads it, in the finest tiles: diverging colours around zero, the zero line, and the tile borders by depth.
 /// \throws InputError for a missing property (names the ones there are) or options out of range
 Image sliceImage(Ostara::Object const& volume, SliceOptions const& options);
 

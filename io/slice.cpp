@@ -18,6 +18,7 @@ using Colour = std::array<double, 3>;
 /// Share of the content's longest side that is shown around it.
 constexpr double kMargin = 0.06;
 constexpr int kLargestSide = 16384;
+constexpr int kMostCells = 64;
 
 /// What one pixel shows. Places are in tile space.
 struct Pixel {
@@ -86,6 +87,56 @@ std::vector<Pixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOf
                 Pixel& pixel = pixels[static_cast<std::size_t>(y) * window.width + x];
                 pixel = {static_cast<float>(reader.at(nearest, found.depth)),
                          static_cast<float>(reader.at(place, found.depth)), found.depth};
+            }
+    });
+    return pixels;
+}
+
+/// The place whose value a pixel shows: the middle of its part of the voxel, if voxels are shown in parts.
+template <class Tile> double3 placeShown(Tile const& tile, double3 const& place, int cells, int axisOfPlane)
+{
+    if (cells == 0) return place;
+    const double part = double(tile.voxelDataWidth()) / cells;
+    double3 shown = place;
+    for (int axis = 0; axis < 3; ++axis) {
+        // In the direction of sight the plane stays where it is.
+        if (axis == axisOfPlane) continue;
+        shown[axis] = tile.tijk()[axis] + (std::floor((place[axis] - tile.tijk()[axis]) / part) + 0.5) * part;
+    }
+    return shown;
+}
+
+double magnitudeOf(std::vector<double> const& components)
+{
+    if (components.size() == 1) return components.front();
+    double sum = 0.0;
+    for (const double c : components) sum += c * c;
+    return std::sqrt(sum);
+}
+
+/// What a sampler gives.
+template <class Tr>
+std::vector<Pixel> sampledPixels(Container<Tr> const& tree, PropertyReaders const& readers, int cells, Window const& window)
+{
+    std::vector<Pixel> pixels(static_cast<std::size_t>(window.width) * window.height);
+    parallel::loop(0, window.height, 8, [&](OST::int64 begin, OST::int64 end) {
+        const auto reader = readers.make();
+        const ConstTileAccessor<Tr> accessor(tree);
+        std::vector<double> components(static_cast<std::size_t>(readers.components));
+        const auto valueAt = [&](double3 const& place) {
+            reader->read(float3(place), components.data());
+            return static_cast<float>(magnitudeOf(components));
+        };
+        for (OST::int64 y = begin; y < end; ++y)
+            for (int x = 0; x < window.width; ++x) {
+                const double3 place = window.place(x, static_cast<int>(y));
+                int3 cell;
+                if (!cellOf<Tr>(place, cell)) continue;
+                const TreeIndex found = accessor.find(cell.x, cell.y, cell.z, Tr::maxDepth);
+                if (!found.valid()) continue;
+                const float smooth = valueAt(place);
+                const float value = cells == 0 ? smooth : valueAt(placeShown(tree.tile(found), place, cells, window.axis));
+                pixels[static_cast<std::size_t>(y) * window.width + x] = {value, smooth, found.depth};
             }
     });
     return pixels;
@@ -249,6 +300,8 @@ void checkOptions(SliceOptions const& options)
 {
     if (options.axis < 0 || options.axis > 2) throw InputError("the axis of a slice is 0, 1 or 2");
     if (!(options.at >= 0.0 && options.at <= 1.0)) throw InputError("the place of a slice lies between 0 and 1");
+    if (options.cells < 0 || options.cells > kMostCells)
+        throw InputError("a voxel shows 1 to " + std::to_string(kMostCells) + " values along an axis, or 0 for one per pixel");
     if (options.size < 16 || options.size > kLargestSide)
         throw InputError("the size of a picture lies between 16 and " + std::to_string(kLargestSide) + " pixels");
 }
@@ -266,6 +319,8 @@ Image sliceImage(Ostara::Object const& volume, SliceOptions const& options)
             const double unit = 1.0 / tree.voxelSize();
             const Window window = windowAround(double3(box.min) * unit, double3(box.max) * unit, options);
             std::vector<Pixel> pixels;
+            const PropertyReaders readers = options.mode ? readersOf(volume, name.str(), *options.mode) : PropertyReaders();
+            if (readers.components > 0) return SlicePainter<Tr>(window, sampledPixels(tree, readers, options.cells, window)).paint();
             tryElements<Tr>(native, name, [&]<class C>() {
                 pixels = pixelsOf<Tr, C>(tree, *native.component<C>(name), topology.offsetType(), window);
             });

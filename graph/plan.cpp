@@ -128,7 +128,12 @@ private:
 
     void setDefault(ParameterInfo const& parameter, std::string const* file, Arguments& arguments)
     {
-        if (parameter.defaultText)
+        const bool isNone = parameter.defaultText && parameter.defaultText->empty();
+        if (isNone && parameter.type == ParameterType::kVector)
+            arguments.set(parameter.name, std::vector<double>());  // which no text means
+        else if (isNone && parameter.type == ParameterType::kOutputFile)
+            arguments.set(parameter.name, std::string());
+        else if (parameter.defaultText)
             arguments.set(parameter.name, parseValue(parameter, *parameter.defaultText));
         else if (parameter.onlyFor.empty() || (file && applies(parameter, file)))
             stepProblem("'" + parameter.name + "' is missing. Give " + parameter.name + "=" +
@@ -212,6 +217,7 @@ void checkFiles(Plan const& plan)
             const bool input = parameter.type == ParameterType::kInputFile, output = parameter.type == ParameterType::kOutputFile;
             if (!input && !output) continue;
             std::string const& file = step.arguments.text(parameter.name);
+            if (file.empty()) continue;
             const auto place = std::filesystem::path(file).lexically_normal();
             std::string problem;
             if (output)

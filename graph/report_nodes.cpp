@@ -1,8 +1,11 @@
 #include "graph/files.h"
 #include "graph/node_families.h"
 #include "graph/suggest.h"
+#include "io/atomic_file.h"
+#include "io/check.h"
 #include "io/info.h"
 #include "io/picture.h"
+#include "io/sample.h"
 
 #include <nlohmann/json.hpp>
 
@@ -14,23 +17,58 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-void printInfo(StepContext& step, io::NamedVolume const& volume)
+/// Prints a report (of io) with the name of its volume, as text or as JSON in one line.
+template <class Report> void print(StepContext& step, std::string const& name, Report const& report)
 {
-    const io::VolumeInfo info = io::describeVolume(*volume.volume);
     if (step.arguments.flag("json")) {
-        Json document = {{"name", volume.name}};
-        document.update(Json::parse(io::toJson(info)));
+        Json document = {{"name", name}};
+        document.update(Json::parse(io::toJson(report)));
         step.results << document.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
         return;
     }
-    if (!volume.name.empty()) step.results << volume.name << "\n";
-    const std::string text = io::toText(info);
+    if (!name.empty()) step.results << name << "\n";
+    const std::string text = io::toText(report);
     step.results << text << (text.ends_with('\n') ? "" : "\n");
 }
 
 Result runInfo(StepContext& step)
 {
-    for (io::NamedVolume const& volume : step.inputs[0]) printInfo(step, volume);
+    for (io::NamedVolume const& volume : step.inputs[0]) print(step, volume.name, io::describeVolume(*volume.volume));
+    return {};
+}
+
+Result runValidate(StepContext& step)
+{
+    for (io::NamedVolume const& volume : step.inputs[0]) {
+        const io::VolumeCheck check = io::checkVolume(*volume.volume);
+        print(step, volume.name, check);
+        if (!check.good())
+            step.services.message(Severity::kError,
+                                  (volume.name.empty() ? "the volume" : "'" + volume.name + "'") + " is wrong: " + io::faultsOf(check) + ".");
+    }
+    return {};
+}
+
+/// The modes of samplers, in the order of `io::SampleMode`.
+const std::vector<std::string> kModes = {"linear", "quadratic", "cubic", "cubic_c1", "cubic_monotonic"};
+constexpr char kModeHelp[] = "how values between voxels are made";
+
+Result runSample(StepContext& step)
+{
+    io::NamedVolume const& volume = step.volume();
+    std::string const &property = step.arguments.text("property"), &output = step.arguments.text("output");
+    requireProperty(volume, property);
+    const auto places = io::readPlaces(step.arguments.text("points"), step.maxBytes);
+    const auto samples = io::samplePlaces(*volume.volume, property, io::SampleMode(step.arguments.choice("mode")), places);
+    const std::string text = io::toCsv(places, property, samples);
+    // A cancelled run must not replace a file any more.
+    if (Corvid::isJobCancelled()) return {};
+    if (output.empty()) {
+        step.results << text;
+        return {};
+    }
+    createParentFolders(output);
+    io::writeAtomically(output, [&text](std::ostream& file) { file << text; });
     return {};
 }
 
@@ -41,6 +79,10 @@ Result runSlice(StepContext& step)
     options.at = step.arguments.number("at");
     options.property = step.arguments.text("property");
     options.size = int(step.arguments.integer("size"));
+    options.cells = int(step.arguments.integer("cells"));
+    // The mode before the samplers' own.
+    const int mode = step.arguments.choice("mode");
+    options.mode = mode == 0 ? std::nullopt : std::optional(io::SampleMode(mode - 1));
     if (!options.property.empty()) requireProperty(step.volume(), options.property);
     const io::Image image = io::sliceImage(*step.volume().volume, options);
     // A cancelled run must not replace a file any more.
@@ -58,8 +100,21 @@ NodeInfo infoNode()
     return node;
 }
 
+NodeInfo validateNode()
+{
+    NodeInfo node{.name = "validate",
+                  .help = "checks tree, grading and values that follow from others, and measures the slope of a level set; ends the run "
+                          "with an error where something is wrong",
+                  .hasResult = false, .run = runValidate};
+    node.inputs = {{.name = "volume", .help = "a volume, or all volumes of a file", .several = true}};
+    node.parameters = {jsonParameter()};
+    return node;
+}
+
 NodeInfo sliceNode()
 {
+    std::vector<std::string> modes = kModes;
+    modes.insert(modes.begin(), "nearest");
     NodeInfo node{.name = "slice", .help = "draws one plane of a property, with the tile borders, as a picture", .hasResult = false, .run = runSlice};
     node.inputs = {{.name = "volume", .help = "a volume with a property of numbers"}};
     node.parameters = {
@@ -70,6 +125,24 @@ NodeInfo sliceNode()
         {.name = "property", .help = "the property; none: the signed distance, else the fog density, else the first", .defaultText = ""},
         {.name = "size", .type = ParameterType::kInt, .help = "longer side of the picture", .unit = "pixels", .defaultText = "1024",
          .range = {.min = 1, .max = 16384}},
+        {.name = "mode", .type = ParameterType::kEnum, .help = kModeHelp + std::string("; nearest: not at all"), .defaultText = "linear",
+         .choices = std::move(modes)},
+        {.name = "cells", .type = ParameterType::kInt, .help = "values that a voxel shows along an axis, so that voxels can be told apart; 0: one per pixel",
+         .defaultText = "0", .range = {.min = 0, .max = 64}},
+    };
+    return node;
+}
+
+NodeInfo sampleNode()
+{
+    NodeInfo node{.name = "sample", .help = "prints the values of a property at points, as CSV", .hasResult = false, .run = runSample};
+    node.inputs = {{.name = "volume", .help = "a volume with a property of numbers"}};
+    node.parameters = {
+        {.name = "points", .type = ParameterType::kInputFile, .help = "points in world units, three numbers in a row, separated by commas; a row of names may stand above",
+         .positional = true, .endings = {".csv"}},
+        {.name = "property", .help = "the property", .defaultText = "voxel_signed_distance"},
+        {.name = "mode", .type = ParameterType::kEnum, .help = kModeHelp, .defaultText = "linear", .choices = kModes},
+        {.name = "output", .type = ParameterType::kOutputFile, .help = "file for the values; none: standard output", .defaultText = "", .endings = {".csv"}},
     };
     return node;
 }
@@ -78,7 +151,7 @@ NodeInfo sliceNode()
 
 std::vector<NodeInfo> reportNodes()
 {
-    return {infoNode(), sliceNode()};
+    return {infoNode(), validateNode(), sliceNode(), sampleNode()};
 }
 
 }  // namespace tilegrid::graph

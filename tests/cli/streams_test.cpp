@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace {
 
 using Json = nlohmann::json;
@@ -99,6 +101,50 @@ TEST(Status, is_1_for_an_option_that_is_none_and_names_what_is_near)
     }
     // A negative number is no option.
     EXPECT_EQ(folder.run({"create_empty_volume", "1", "!", "update_voxel_position", "!", "scale_property", "voxel_position", "-2"}).status, 0);
+}
+
+TEST(Status, is_3_where_validation_finds_something_and_0_where_it_does_not)
+{
+    const WorkFolder folder;
+    const Words coarse = {"read", bunny(), "voxel=0.5"};
+    Words words = coarse;
+    words.insert(words.end(), {"!", "validate", "--json"});
+    const auto wrong = folder.run(words);
+    EXPECT_EQ(wrong.status, 3) << wrong.err;
+    const Json document = Json::parse(wrong.out);
+    EXPECT_EQ(document.at("good"), false);
+    EXPECT_EQ(document.at("graded"), false);
+    EXPECT_EQ(document.at("tree"), Json::array());
+    EXPECT_TRUE(holds(wrong.err, "grade_volume")) << wrong.err;
+
+    words = coarse;
+    words.insert(words.end(), {"inside=-10,3,-10,10,10,10", "levels=2", "!", "write", "a.vdb", "layout=levels"});
+    ASSERT_EQ(folder.run(words).status, 0);
+    const auto good = folder.run({"validate", "a.vdb"});
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_TRUE(holds(good.out, "verdict     good")) << good.out;
+    EXPECT_EQ(good.err, "");
+}
+
+TEST(Samples, are_csv_on_standard_output)
+{
+    const WorkFolder folder;
+    std::ofstream(folder.path("p.csv")) << "0,3,0\n0,50,0\n";
+    std::ofstream(folder.path("bad.csv")) << "0,3,0\n0,fifty,0\n";
+    const auto result = folder.run({"sample", bunny(), "p.csv", "voxel=0.5", "mode=cubic", "-vvv"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    std::istringstream lines(result.out);
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        EXPECT_EQ(std::count(line.begin(), line.end(), ','), 3) << line;
+    }
+    EXPECT_EQ(count, 3);
+    const auto bad = folder.run({"sample", bunny(), "bad.csv", "voxel=0.5"});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_TRUE(holds(bad.err, "line 2: 'fifty' is no number")) << bad.err;
 }
 
 TEST(Help, is_a_result)

@@ -152,7 +152,11 @@ public:
         std::vector<PropertyCheck> checks;
         for (std::string const& name : propertyNames<Tr>(native_))
             tryElements<Tr>(native_, Corvid::String(name), [&]<class C>() {
-                checks.push_back(check(name, plainCopy<Tr>(tree_, *native_.component<C>(Corvid::String(name)))));
+                const auto channel = native_.component<C>(Corvid::String(name));
+                if constexpr (std::is_same_v<C, PlainChannel<Tr, typename C::Element>>)
+                    checks.push_back(check(name, *channel));
+                else
+                    checks.push_back(check(name, plainCopy<Tr>(tree_, *channel)));
             });
         return checks;
     }

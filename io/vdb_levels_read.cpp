@@ -170,7 +170,7 @@ struct LeafPart {
     int3 shift;
 };
 
-/// Calls `visit(part)` for each tile that a leaf meets inside tile space. False if it has active voxels outside.
+/// Calls `visit(part)` for each tile that a leaf meets; what lies beyond tile space is passed over.
 template <class Tr, class Visit> void forEachPart(LevelLattice<Tr> const& lattice, Leaf const& leaf, Visit const& visit)
 {
     const OST::int64 low = lattice.lowIndex();

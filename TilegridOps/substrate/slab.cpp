@@ -25,7 +25,10 @@ namespace {
 
 // From this size on a slab is a mapping of its own, which the system can grow without copying.
 constexpr std::size_t kMappedBytes = 128 * 1024;
-constexpr std::size_t kAlignment = 64;
+// Two cache lines, as the largest elements want. The front margin takes as much, so that the data starts at such a place.
+constexpr std::size_t kAlignment = 128;
+constexpr std::size_t kMargins = kAlignment + RawSlab::kMargin;
+static_assert(kAlignment >= RawSlab::kMargin);
 
 bool isMapped(std::size_t capacity)
 {
@@ -36,20 +39,20 @@ bool isMapped(std::size_t capacity)
 std::byte* acquire(std::size_t& capacity)
 {
     if (!isMapped(capacity))
-        return static_cast<std::byte*>(OST::allocate_jemalloc(capacity + 2 * RawSlab::kMargin, kAlignment)) + RawSlab::kMargin;
-    std::size_t bytes = capacity + 2 * RawSlab::kMargin;
+        return static_cast<std::byte*>(OST::allocate_jemalloc(capacity + kMargins, kAlignment)) + kAlignment;
+    std::size_t bytes = capacity + kMargins;
     void* block = SlabPool::acquire(bytes);
-    capacity = bytes - 2 * RawSlab::kMargin;
-    return static_cast<std::byte*>(block) + RawSlab::kMargin;
+    capacity = bytes - kMargins;
+    return static_cast<std::byte*>(block) + kAlignment;
 }
 
 void release(std::byte* data, std::size_t capacity)
 {
     if (!data) return;
     if (isMapped(capacity))
-        SlabPool::release(data - RawSlab::kMargin, capacity + 2 * RawSlab::kMargin);
+        SlabPool::release(data - kAlignment, capacity + kMargins);
     else
-        OST::deallocate_jemalloc(data - RawSlab::kMargin);
+        OST::deallocate_jemalloc(data - kAlignment);
 }
 
 }  // namespace
@@ -87,10 +90,10 @@ void RawSlab::reserve(std::size_t bytes)
 void RawSlab::reallocate(std::size_t capacity)
 {
     if (data_ && isMapped(capacity_) && isMapped(capacity)) {
-        std::size_t bytes = capacity + 2 * kMargin;
-        void* block = SlabPool::grow(data_ - kMargin, capacity_ + 2 * kMargin, bytes);
-        capacity = bytes - 2 * kMargin;
-        data_ = static_cast<std::byte*>(block) + kMargin;
+        std::size_t bytes = capacity + kMargins;
+        void* block = SlabPool::grow(data_ - kAlignment, capacity_ + kMargins, bytes);
+        capacity = bytes - kMargins;
+        data_ = static_cast<std::byte*>(block) + kAlignment;
     } else {
         std::byte* grown = acquire(capacity);
         if (size_) std::memcpy(grown, data_, size_);

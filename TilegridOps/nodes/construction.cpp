@@ -20,14 +20,14 @@ void create_empty_volume(float detail_size, AutoSubdivisionStructure structure, 
                          Corvid::RuntimeServices const& services)
 {
     using namespace tilegrid::nodes;
-    constexpr NodeSpec const& spec = nodeSpec("create_empty_volume");
+    constexpr NodeSpec const& row = nodeSpec("create_empty_volume");
     const auto work = [&] {
         if (Corvid::isJobCancelled()) {
             volume = Ostara::createObject();
             return;
         }
         if (!(detail_size > kZeroTolerance)) {
-            CoreGL::CorvidLogger(services).error(spec.typeError);
+            CoreGL::CorvidLogger(services).error(row.typeError);
             volume = Ostara::createObject();
             return;
         }
@@ -37,7 +37,7 @@ void create_empty_volume(float detail_size, AutoSubdivisionStructure structure, 
             case AutoSubdivisionStructure::kBinary: volume = emptyVolume<OST::TileTree3D::BinaryTraits>(detail_size); break;
         }
     };
-    guarded(spec, services, work, [&] { volume = Ostara::createObject(); });
+    guarded(row, services, work, [&] { volume = Ostara::createObject(); });
 }
 
 void setResolutionField(Ostara::Math::float3 const& first, Ostara::Math::float3 const& second, int resolution, ResolutionField& field)

@@ -15,9 +15,9 @@ namespace {
 
 using Corvid::String;
 
-std::unique_ptr<CoreGL::Logger::Timer> startTimer(NodeSpec const& spec, Corvid::RuntimeServices const& services)
+std::unique_ptr<CoreGL::Logger::Timer> startTimer(NodeSpec const& row, Corvid::RuntimeServices const& services)
 {
-    return spec.timer.empty() ? nullptr : CoreGL::Logger::timer(String(spec.timer), &services);
+    return row.timer.empty() ? nullptr : CoreGL::Logger::timer(String(row.timer), &services);
 }
 
 [[maybe_unused]] void complain(std::string_view node, std::string const& what)
@@ -56,7 +56,7 @@ void checkVolume([[maybe_unused]] OST::Object const& volume, [[maybe_unused]] st
 #endif
 }
 
-void guarded(NodeSpec const& spec, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled)
+void guarded(NodeSpec const& row, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled)
 {
     try {
         if (services.job() && services.job() != Job::current())
@@ -66,28 +66,28 @@ void guarded(NodeSpec const& spec, Corvid::RuntimeServices const& services, Func
     } catch (std::exception const& error) {
         if (!(String(error.what()) == OST::exceptionMessage)) throw;
         parallel::cancelCurrentGroup();
-        CoreGL::terminateMessage(String(spec.name));
+        CoreGL::terminateMessage(String(row.name));
         cancelled();
     }
 }
 
-bool checkType(NodeSpec const& spec, Ostara::Object const& object, CoreGL::CorvidLogger const& logger)
+bool checkType(NodeSpec const& row, Ostara::Object const& object, CoreGL::CorvidLogger const& logger)
 {
     using namespace Ostara::Geometry;
     bool fits = true;
-    if (spec.prototype == Prototype::kVolume) fits = Ostara::Object::isA(object, *getVolumePrototype());
-    if (spec.prototype == Prototype::kLevelSet) fits = Ostara::Object::isA(object, *getLevelSetPrototype());
-    if (!fits) logger.error(spec.typeError);
+    if (row.prototype == Prototype::kVolume) fits = Ostara::Object::isA(object, *getVolumePrototype());
+    if (row.prototype == Prototype::kLevelSet) fits = Ostara::Object::isA(object, *getLevelSetPrototype());
+    if (!fits) logger.error(row.typeError);
     return fits;
 }
 
-void modifyVolume(NodeSpec const& spec, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
+void modifyVolume(NodeSpec const& row, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
                   Corvid::RuntimeServices const& services, FunctionRef<bool(CoreGL::CorvidLogger const&)> handsThrough,
                   FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run)
 {
-    if (spec.enablesPool) OST::TileTree3D::ChannelPool::enable();
+    if (row.enablesPool) OST::TileTree3D::ChannelPool::enable();
     const int verbose = CoreGL::Logger::verboseLevel();
-    const auto timer = startTimer(spec, services);
+    const auto timer = startTimer(row, services);
     const auto work = [&] {
         if (Corvid::isJobCancelled()) {
             output = Ostara::createObject();
@@ -96,33 +96,33 @@ void modifyVolume(NodeSpec const& spec, Corvid::Ptr<Ostara::Object> input, Corvi
         output = Corvid::toMutable(input);
         const CoreGL::CorvidLogger logger(services);
         // A null input is no volume; there is nothing to hand through but the null itself.
-        if (!output) return logger.error(spec.typeError);
-        if (!checkType(spec, *output, logger) || handsThrough(logger)) return;
+        if (!output) return logger.error(row.typeError);
+        if (!checkType(row, *output, logger) || handsThrough(logger)) return;
         if (verbose > 0) {
-            std::cout << spec.name << ".begin" << std::endl;
+            std::cout << row.name << ".begin" << std::endl;
             parameters(std::cout);
         }
         auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(output));
         if (native) {
             run(*native, logger);
-            checkVolume(*native, spec.name);
+            checkVolume(*native, row.name);
             output = Ostara::Geometry::move_ost_volume_to_object(*native);
         }
-        if (verbose > 0) std::cout << spec.name << ".end" << std::endl;
+        if (verbose > 0) std::cout << row.name << ".end" << std::endl;
     };
-    guarded(spec, services, work, [&] { output = Ostara::createObject(); });
+    guarded(row, services, work, [&] { output = Ostara::createObject(); });
 }
 
-void queryVolume(NodeSpec const& spec, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
+void queryVolume(NodeSpec const& row, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
                  FunctionRef<void(CoreGL::CorvidLogger const&)> read, FunctionRef<void()> restore)
 {
-    const auto timer = startTimer(spec, services);
+    const auto timer = startTimer(row, services);
     const auto work = [&] {
         if (Corvid::isJobCancelled()) return;
         const CoreGL::CorvidLogger logger(services);
-        if (checkType(spec, volume, logger)) read(logger);
+        if (checkType(row, volume, logger)) read(logger);
     };
-    guarded(spec, services, work, restore);
+    guarded(row, services, work, restore);
 }
 
 }  // namespace tilegrid::nodes

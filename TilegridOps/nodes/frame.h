@@ -22,22 +22,22 @@ inline bool countsAsZero(float x)
 
 /// Runs `work` under the job of the services. A cancellation that surfaces as an exception ends here: the task group and
 /// the host are told, and `cancelled` restores the outputs. Every other exception passes through.
-void guarded(NodeSpec const& spec, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled);
+void guarded(NodeSpec const& row, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled);
 
 /// Whether the object is what the node asks for; one error message if not.
-bool checkType(NodeSpec const& spec, Ostara::Object const& object, CoreGL::CorvidLogger const& logger);
+bool checkType(NodeSpec const& row, Ostara::Object const& object, CoreGL::CorvidLogger const& logger);
 
 /// A node that changes a volume. The output is the input up to the moment the native volume is taken out.
 /// \param handsThrough  true leaves output = input (after the type check; it may warn)
 /// \param parameters  writes one line per parameter, for verbose levels above 0
 /// \param run  the node's own work on the native volume
-void modifyVolume(NodeSpec const& spec, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
+void modifyVolume(NodeSpec const& row, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
                   Corvid::RuntimeServices const& services, FunctionRef<bool(CoreGL::CorvidLogger const&)> handsThrough,
                   FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run);
 
 /// A node that only reads; its defaults are written before. `read` is not called if the job is cancelled or the type is wrong.
 /// `restore` writes the defaults again after a cancellation inside `read`.
-void queryVolume(NodeSpec const& spec, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
+void queryVolume(NodeSpec const& row, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
                  FunctionRef<void(CoreGL::CorvidLogger const&)> read, FunctionRef<void()> restore);
 
 /// In builds with tree checks, aborts with the list of violations if the volume's tree or the sizes of its channels are

@@ -41,21 +41,21 @@ bool isVolume(Ptr<Ostara::Object> const& object)
 
 void grade_volume(Ptr<Ostara::Object>& volume, Corvid::RuntimeServices const& services)
 {
-    constexpr NodeSpec const& spec = nodeSpec("grade_volume");
+    constexpr NodeSpec const& row = nodeSpec("grade_volume");
     const auto work = [&] {
         if (Corvid::isJobCancelled()) {
             volume = Ostara::createObject();
             return;
         }
-        if (!isVolume(volume)) return services.logError(spec.typeError);
+        if (!isVolume(volume)) return services.logError(row.typeError);
         auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(volume));
         if (!native) return;
         gradeVolume<BinaryTraits>(*native);
         gradeVolume<QuinaryTraits>(*native);
-        checkVolume(*native, spec.name);
+        checkVolume(*native, row.name);
         volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     };
-    guarded(spec, services, work, [&] { volume = Ostara::createObject(); });
+    guarded(row, services, work, [&] { volume = Ostara::createObject(); });
 }
 
 void validate_volume(Ptr<Ostara::Object> volume, Ptr<Ostara::Object>& output, Corvid::RuntimeServices const& services)

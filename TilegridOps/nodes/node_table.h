@@ -36,8 +36,8 @@ inline constexpr std::array kNodeTable{
 /// The row of a node; a name without one does not compile.
 consteval NodeSpec const& nodeSpec(std::string_view name)
 {
-    for (NodeSpec const& spec : kNodeTable)
-        if (spec.name == name) return spec;
+    for (NodeSpec const& row : kNodeTable)
+        if (row.name == name) return row;
     throw "no such node";
 }
 

@@ -17,22 +17,22 @@ template <class T>
 void remap(Ostara::Object const& geometry, Corvid::String const& property, T const& newMin, T const& newMax,
            Corvid::Ptr<Ostara::Object>& output, Corvid::RuntimeServices const& services)
 {
-    constexpr NodeSpec const& spec = nodeSpec("remap_property");
+    constexpr NodeSpec const& row = nodeSpec("remap_property");
     const auto work = [&] {
         if (Corvid::isJobCancelled()) {
             output = Ostara::createObject();
             return;
         }
         const CorvidLogger logger(services);
-        if (!checkType(spec, geometry, logger)) return;
+        if (!checkType(row, geometry, logger)) return;
         auto shared = Ostara::Geometry::shallow_copy_object_to_ost_volume(geometry);
         auto native = Corvid::toMutable(shared);
         if (!native) return;
         tilegrid::remapProperty(*native, property, newMin, newMax);
-        checkVolume(*native, spec.name);
+        checkVolume(*native, row.name);
         output = Ostara::Geometry::move_ost_volume_to_object(*native);
     };
-    guarded(spec, services, work, [&] { output = Ostara::createObject(); });
+    guarded(row, services, work, [&] { output = Ostara::createObject(); });
 }
 
 }  // namespace

@@ -119,9 +119,9 @@ void get_volume_tile_info(Ostara::Object const& volume, Corvid::Ptr<Corvid::Arra
         describe.template operator()<BinaryTraits>(SubdivisionStructure::kBinary, BinaryTraits::rangeMax);
     };
     restore();
-    constexpr NodeSpec const& spec = nodeSpec("get_volume_tile_info");
+    constexpr NodeSpec const& row = nodeSpec("get_volume_tile_info");
     queryVolume(
-        spec, volume, services,
+        row, volume, services,
         [&](CorvidLogger const& logger) {
             TileInfo info;
             const auto view = Ostara::Geometry::shallow_copy_object_to_ost_volume(volume);
@@ -134,7 +134,7 @@ void get_volume_tile_info(Ostara::Object const& volume, Corvid::Ptr<Corvid::Arra
             };
             if (!attempt.template operator()<BinaryTraits>(SubdivisionStructure::kBinary) &&
                 !attempt.template operator()<QuinaryTraits>(SubdivisionStructure::kQuinary))
-                logger.error(spec.typeError);
+                logger.error(row.typeError);
         },
         restore);
 }

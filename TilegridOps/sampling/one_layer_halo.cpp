@@ -1,5 +1,6 @@
 #include "TilegridOps/sampling/one_layer_halo.h"
 
+#include "TilegridOps/substrate/instances.h"
 #include "TilegridOps/substrate/coarse_read.h"
 
 namespace OST::TileTree3D {
@@ -96,17 +97,6 @@ void fillOneLayerHalo(Tile<Tr, Tr::childCount> const& tile, T const* parentHalo,
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                     \
     template void fillOneLayerHalo<Tr, T>(Tile<Tr, Tr::childCount> const&, T const*, Channel<Tr, T, Tr::width, 0> const&,   \
                                           ConstTileAccessor<Tr> const&, VoxelOffsetType, T*);
-#define TILEGRID_INSTANTIATE(T)               \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T) \
-    TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
-TILEGRID_INSTANTIATE(float)
-TILEGRID_INSTANTIATE(Ostara::Math::float2)
-TILEGRID_INSTANTIATE(Ostara::Math::float3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4)
-TILEGRID_INSTANTIATE(Ostara::Math::float3x3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x2)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x4)
-TILEGRID_INSTANTIATE(double)
-TILEGRID_INSTANTIATE(Ostara::Math::double3)
+TILEGRID_FOR_REAL_TYPES(TILEGRID_INSTANTIATE_FOR)
 
 }  // namespace OST::TileTree3D

@@ -1,5 +1,6 @@
 #include "TilegridOps/substrate/child_values.h"
 
+#include "TilegridOps/substrate/instances.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "TilegridOps/substrate/traversal.h"
 
@@ -112,18 +113,7 @@ void averageChildren(VoxelChannelCore& channel, int width, int halo, Container<T
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                \
     template TILEGRID_API void detail::averageChildren<Tr, T>(VoxelChannelCore&, int, int, Container<Tr> const&,       \
                                                               VoxelOffsetType, int, int);
-#define TILEGRID_INSTANTIATE(T)                                                                                        \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T)                                                                          \
-    TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
-TILEGRID_INSTANTIATE(float)
-TILEGRID_INSTANTIATE(Ostara::Math::float2)
-TILEGRID_INSTANTIATE(Ostara::Math::float3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4)
-TILEGRID_INSTANTIATE(Ostara::Math::float3x3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x2)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x4)
-TILEGRID_INSTANTIATE(double)
-TILEGRID_INSTANTIATE(Ostara::Math::double3)
+TILEGRID_FOR_REAL_TYPES(TILEGRID_INSTANTIATE_FOR)
 template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<BinaryTraits> const&, int,
                                                     int);
 template TILEGRID_API void detail::copyFromChildren(VoxelChannelCore&, int, int, Container<QuinaryTraits> const&, int,

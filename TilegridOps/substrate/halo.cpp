@@ -1,5 +1,6 @@
 #include "TilegridOps/substrate/halo.h"
 
+#include "TilegridOps/substrate/instances.h"
 #include "TilegridOps/substrate/coarse_read.h"
 
 namespace OST::TileTree3D {
@@ -172,26 +173,6 @@ void gatherHalo(TreeIndex const& tile, Channel<Tr, T, Tr::width, 0> const& chann
     template TILEGRID_API void detail::gatherHalo<Tr, T>(TreeIndex const&, Channel<Tr, T, Tr::width, 0> const&,        \
                                                          HaloMode, HaloType, ConstTileAccessor<Tr> const&,             \
                                                          HaloTarget<T> const&, T const&, float, VoxelOffsetType);
-#define TILEGRID_INSTANTIATE(T)                                                                                        \
-    TILEGRID_INSTANTIATE_FOR(BinaryTraits, T)                                                                          \
-    TILEGRID_INSTANTIATE_FOR(QuinaryTraits, T)
-TILEGRID_INSTANTIATE(float)
-TILEGRID_INSTANTIATE(Ostara::Math::float2)
-TILEGRID_INSTANTIATE(Ostara::Math::float3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4)
-TILEGRID_INSTANTIATE(Ostara::Math::float3x3)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x2)
-TILEGRID_INSTANTIATE(Ostara::Math::float4x4)
-TILEGRID_INSTANTIATE(double)
-TILEGRID_INSTANTIATE(Ostara::Math::double3)
-TILEGRID_INSTANTIATE(signed char)
-TILEGRID_INSTANTIATE(short)
-TILEGRID_INSTANTIATE(int)
-TILEGRID_INSTANTIATE(Ostara::Math::int3)
-TILEGRID_INSTANTIATE(int64)
-TILEGRID_INSTANTIATE(unsigned char)
-TILEGRID_INSTANTIATE(unsigned short)
-TILEGRID_INSTANTIATE(unsigned int)
-TILEGRID_INSTANTIATE(uint64)
+TILEGRID_FOR_ALL_TYPES(TILEGRID_INSTANTIATE_FOR)
 
 }  // namespace OST::TileTree3D

@@ -1,4 +1,6 @@
 #pragma once
+#include "TilegridOps/stencils/rows.h"
+#include "TilegridOps/stencils/tile_block.h"
 #include "TilegridOps/substrate/coarse_read.h"
 
 #include <algorithm>
@@ -7,109 +9,168 @@
 
 namespace tilegrid::stencils {
 
-using OST::TileTree3D::int3;
-
-/// A tile of floats with one layer around it: position (i,j,k), each from -1 to W. Rows take eight floats, of which the last are
-/// of no account.
-template <class Tr> struct Surrounded {
-    static constexpr int W = Tr::width, N = W + 2, kRow = 8;
-    static constexpr int row(int j, int k) { return kRow * (j + 1 + N * (k + 1)); }
-    static constexpr int index(int i, int j, int k) { return row(j, k) + i + 1; }
-
-    alignas(32) std::array<float, std::size_t(kRow) * N * N> values;
-};
-
-/// Values of a tile's border from its parent: trilinear among the parent's samples, mixed along x, then y, then z; all that a
-/// border needs lies in the parent with one layer around it. The same bits as `mixSites`. Rows are made when they are asked
-/// for, and what they share is kept.
-template <class Tr> class Upsampler {
+/// Where the halo positions of a tile, -1 to W along an axis, lie among the samples of its parent.
+template <class Tr> struct ParentTaps {
     static constexpr int W = Tr::width, N = W + 2;
     /// Parent samples that the N positions of an axis lie among.
-    static constexpr int kSites = 4;
+    static constexpr int kSites = Tr::branching == 2 ? 4 : 3;
+
+    /// Of each position: the lower sample, counted from `low`, and the fraction of the way to the next.
+    std::array<OST::TileTree3D::SiteTap, N> tap{};
+    /// The first sample, in voxels of the parent.
+    int low = 0;
+    /// A bit for each sample that a position needs.
+    std::array<std::uint8_t, N> sites{};
+
+    constexpr ParentTaps() = default;
+    constexpr ParentTaps(int cell, bool centred)
+    {
+        using OST::TileTree3D::siteTap;
+        low = siteTap(cell * W - 1, 1, Tr::childStride, centred).base;
+        for (int n = 0; n < N; ++n) {
+            auto& at = tap[std::size_t(n)];
+            at = siteTap(cell * W + n - 1, 1, Tr::childStride, centred);
+            at.base -= low;
+            sites[std::size_t(n)] = std::uint8_t((at.fraction == 0 ? 1 : 3) << at.base);
+        }
+    }
+    /// Whether samples of the tile before (-1) or after (1) the parent are among them.
+    constexpr bool leaves(int side) const
+    {
+        int last = 0;
+        for (int bits : sites)
+            for (int site = 0; site < kSites; ++site)
+                if (bits >> site & 1) last = std::max(last, site);
+        return side < 0 ? low < 0 : low + last >= W;
+    }
+
+    static constexpr int kVariants = 2 * Tr::branching;
+    static constexpr int variant(int cell, int offset, int axis) { return (offset >> axis & 1 ? 0 : Tr::branching) + cell; }
+};
+
+template <class Tr> inline constexpr auto kParentTaps = [] {
+    std::array<ParentTaps<Tr>, ParentTaps<Tr>::kVariants> all;
+    for (int n = 0; n < ParentTaps<Tr>::kVariants; ++n)
+        all[std::size_t(n)] = ParentTaps<Tr>(n % Tr::branching, n >= Tr::branching);
+    return all;
+}();
+
+/// The rows (j,k) around a tile that pass through the same tiles, and which of those are wanted: bits 1, 2 and 4 for the tile
+/// at low x, the middle and high x.
+struct RowClass {
+    int dy, dz, wanted;
+};
+
+/// What the layer around a tile takes from its parent, trilinear among the parent's samples, mixed along x, then y, then z: the
+/// same bits as `mixSites`.
+template <class Tr> class Upsampler {
+    static constexpr int W = Tr::width, N = W + 2, kSites = ParentTaps<Tr>::kSites;
+    using Taps = ParentTaps<Tr>;
+    using Sites = float __attribute__((vector_size(16)));
+    using Positions = float __attribute__((vector_size(32)));
 
 public:
-    using Vector = float __attribute__((vector_size(32)));
+    /// Values from one direction's scratch to the next: a tile, and what rows of vectors may touch around it.
+    static constexpr int kMargin = 8;
+    static constexpr int kScratchTile = Tr::voxelCount + 2 * kMargin;
 
-    /// \param cell    where in the parent the tile lies
-    /// \param offset  where samples lie
-    Upsampler(Surrounded<Tr> const& parent, int3 const& cell, OST::TileTree3D::VoxelOffsetType offset)
-        : parent_(parent), y_(taps(offset, 1, cell.y)), z_(taps(offset, 2, cell.z))
-    {
-        const int variant = (offset & 1 ? 0 : Tr::branching) + cell.x;
-        mixAlongX_ = kMixAlongX[std::size_t(variant)];
-    }
-    /// Positions -1 to W (lanes 0 to W + 1) of row (j,k).
-    Vector const& row(int j, int k)
-    {
-        auto const& tap = z_[std::size_t(k + 1)];
-        Vector const& low = plane(tap.base, j);
-        if (tap.fraction == 0) return low;
-        result_ = (plane(tap.base + 1, j) - low) * tap.fraction + low;
-        return result_;
-    }
+    struct Task {
+        StencilBlock<Tr> const* parent;
+        Taps const *y, *z;
+        RowClass const* classes;
+        int classCount;
+        /// Where the values go: `kScratchTile` floats for each of the 27 directions, of which only the layer next to the tile
+        /// is written.
+        float* scratch;
+    };
+    using Fill = void (*)(Task const&);
+    /// For a tile whose place in its parent along x is `variantX`.
+    static Fill fill(int variantX) { return kFill[std::size_t(variantX)]; }
 
 private:
-    using Taps = std::array<OST::TileTree3D::SiteTap, N>;
-    using MixAlongX = void (*)(Vector& out, float const* row);
-
-    static constexpr std::array<std::array<Taps, Tr::branching>, 2> allTaps()
+    /// The samples that the positions of a row lie among.
+    template <int Variant> [[gnu::always_inline]] static void load(Sites& sites, StencilBlock<Tr> const& parent, int y, int z)
     {
-        std::array<std::array<Taps, Tr::branching>, 2> all{};
-        for (int centred = 0; centred < 2; ++centred)
-            for (int cell = 0; cell < Tr::branching; ++cell)
-                for (int i = -1; i <= W; ++i)
-                    all[std::size_t(centred)][std::size_t(cell)][std::size_t(i + 1)] =
-                        OST::TileTree3D::siteTap(cell * W + i, 1, Tr::childStride, centred);
-        return all;
+        constexpr Taps const& taps = kParentTaps<Tr>[Variant];
+        std::memcpy(&sites, parent.row(0, y, z) + taps.low, sizeof sites);
+        if constexpr (taps.low < 0) sites[0] = parent.row(-1, y, z)[W - 1];
+        if constexpr (taps.leaves(1)) sites[W - taps.low] = parent.row(1, y, z)[0];
     }
-    static constexpr auto kTaps = allTaps();
-    static Taps const& taps(int offset, int axis, int cell) { return kTaps[offset >> axis & 1 ? 0 : 1][std::size_t(cell)]; }
-
-    template <int Variant> static void mixAlongX(Vector& out, float const* row)
+    template <int Variant, int... Lane>
+    [[gnu::always_inline]] static void mixAlongX(Positions& out, Sites const& sites, std::integer_sequence<int, Lane...>)
     {
-        constexpr Taps const& taps = kTaps[Variant / Tr::branching][Variant % Tr::branching];
-        const auto at = [row](int n) {
-            const auto tap = taps[std::size_t(std::min(n, N - 1))];
-            const float low = row[tap.base + 1];
-            return tap.fraction == 0 ? low : (row[tap.base + 2] - low) * tap.fraction + low;
-        };
-        out = Vector{at(0), at(1), at(2), at(3), at(4), at(5), at(6), 0.0f};
+        constexpr auto tap = [](int lane) { return kParentTaps<Tr>[Variant].tap[std::size_t(std::min(lane, N - 1))]; };
+        const Positions low = __builtin_shufflevector(sites, sites, (tap(Lane).base)...);
+        const Positions high = __builtin_shufflevector(sites, sites, (tap(Lane).base + (tap(Lane).fraction != 0))...);
+        const Positions mixed = (high - low) * Positions{tap(Lane).fraction...} + low;
+        // A position on a sample takes it as it is, whatever the next one holds.
+        out = __builtin_shufflevector(low, mixed, (tap(Lane).fraction == 0 ? Lane : 8 + Lane)...);
     }
-    template <int... Variants> static constexpr std::array<MixAlongX, sizeof...(Variants)> variants(std::integer_sequence<int, Variants...>)
+    [[gnu::always_inline]] static void mix(Positions& out, Positions const* at, std::ptrdiff_t step, float fraction)
     {
-        return {&mixAlongX<Variants>...};
+        if (fraction == 0)
+            out = *at;
+        else
+            out = (at[step] - *at) * fraction + *at;
     }
-    static constexpr auto kMixAlongX = variants(std::make_integer_sequence<int, 2 * Tr::branching>());
+    /// First position of a class along an axis, and how many.
+    static constexpr int first(int d) { return d < 0 ? -1 : d == 0 ? 0 : W; }
+    static constexpr int count(int d) { return d == 0 ? W : 1; }
 
-    Vector const& line(int siteZ, int siteY)
-    {
-        const int z = siteZ - z_[0].base, y = siteY - y_[0].base;
-        Vector& line = lines_[z][y];
-        if (!(linesDone_ >> (kSites * z + y) & 1)) {
-            linesDone_ |= 1u << (kSites * z + y);
-            mixAlongX_(line, parent_.values.data() + Surrounded<Tr>::row(siteY, siteZ));
+    /// Samples of the parent, and positions -1 to W, that the rows of the classes need along an axis.
+    struct Needed {
+        unsigned sites = 0, positions = 0;
+        [[gnu::always_inline]] void add(Taps const& taps, int d)
+        {
+            for (int n = first(d); n < first(d) + count(d); ++n) sites |= taps.sites[std::size_t(n + 1)], positions |= 1u << (n + 1);
         }
-        return line;
-    }
-    Vector const& plane(int siteZ, int j)
+    };
+
+    template <int Variant> TILEGRID_CLONES static void fillFrom(Task const& task)
     {
-        auto const& tap = y_[std::size_t(j + 1)];
-        if (tap.fraction == 0) return line(siteZ, tap.base);
-        const int z = siteZ - z_[0].base;
-        Vector& mixed = planes_[z][j + 1];
-        if (!(planesDone_ >> (8 * z + j + 1) & 1)) {
-            planesDone_ |= 1u << (8 * z + j + 1);
-            Vector const& low = line(siteZ, tap.base);
-            mixed = (line(siteZ, tap.base + 1) - low) * tap.fraction + low;
+        Taps const &ty = *task.y, &tz = *task.z;
+        Needed y, z;
+        for (int n = 0; n < task.classCount; ++n) y.add(ty, task.classes[n].dy), z.add(tz, task.classes[n].dz);
+
+        Positions planes[kSites][N];
+        for (int sz = 0; sz < kSites; ++sz) {
+            if (!(z.sites >> sz & 1)) continue;
+            Positions lines[kSites];
+            for (int sy = 0; sy < kSites; ++sy) {
+                if (!(y.sites >> sy & 1)) continue;
+                Sites sites;
+                load<Variant>(sites, *task.parent, ty.low + sy, tz.low + sz);
+                mixAlongX<Variant>(lines[sy], sites, std::make_integer_sequence<int, 8>());
+            }
+            for (unsigned left = y.positions; left; left &= left - 1) {
+                const int n = __builtin_ctz(left);
+                mix(planes[sz][n], lines + ty.tap[std::size_t(n)].base, 1, ty.tap[std::size_t(n)].fraction);
+            }
         }
-        return mixed;
+        for (int n = 0; n < task.classCount; ++n) fillClass(task, task.classes[n], planes);
+    }
+    [[gnu::always_inline]] static void fillClass(Task const& task, RowClass const& rows, Positions const (*planes)[N])
+    {
+        const int direction = 3 * (rows.dy + 1) + rows.dz + 1;
+        float* low = task.scratch + direction * kScratchTile;
+        float *middle = low + 9 * kScratchTile, *high = low + 18 * kScratchTile;
+        for (int k = first(rows.dz); k < first(rows.dz) + count(rows.dz); ++k)
+            for (int j = first(rows.dy); j < first(rows.dy) + count(rows.dy); ++j) {
+                auto const& tap = task.z->tap[std::size_t(k + 1)];
+                Positions row;
+                mix(row, &planes[tap.base][j + 1], N, tap.fraction);
+                const int at = W * ((j - W * rows.dy) + W * (k - W * rows.dz));
+                if (rows.wanted & 1) low[at + W - 1] = row[0];
+                if (rows.wanted & 2) std::memcpy(middle + at, reinterpret_cast<float const*>(&row) + 1, W * sizeof(float));
+                if (rows.wanted & 4) high[at] = row[W + 1];
+            }
     }
 
-    Surrounded<Tr> const& parent_;
-    Taps const &y_, &z_;
-    MixAlongX mixAlongX_;
-    std::uint32_t linesDone_ = 0, planesDone_ = 0;
-    Vector lines_[kSites][kSites], planes_[kSites][N], result_;
+    template <int... Variants> static constexpr std::array<Fill, sizeof...(Variants)> fills(std::integer_sequence<int, Variants...>)
+    {
+        return {&fillFrom<Variants>...};
+    }
+    static constexpr auto kFill = fills(std::make_integer_sequence<int, Taps::kVariants>());
 };
 
 }  // namespace tilegrid::stencils

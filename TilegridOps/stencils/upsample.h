@@ -67,7 +67,9 @@ template <class Tr> class Upsampler {
     static constexpr int W = Tr::width, N = W + 2, kSites = ParentTaps<Tr>::kSites;
     using Taps = ParentTaps<Tr>;
     using Sites = float __attribute__((vector_size(16)));
+    /// A row from its middle on: positions 0 to W, then -1; the last lanes are of no account.
     using Positions = float __attribute__((vector_size(32)));
+    static constexpr int kHigh = W, kLow = W + 1;
 
 public:
     /// Values from one direction's scratch to the next: a tile, and what rows of vectors may touch around it.
@@ -99,7 +101,7 @@ private:
     template <int Variant, int... Lane>
     [[gnu::always_inline]] static void mixAlongX(Positions& out, Sites const& sites, std::integer_sequence<int, Lane...>)
     {
-        constexpr auto tap = [](int lane) { return kParentTaps<Tr>[Variant].tap[std::size_t(std::min(lane, N - 1))]; };
+        constexpr auto tap = [](int lane) { return kParentTaps<Tr>[Variant].tap[std::size_t(lane <= W ? lane + 1 : 0)]; };
         const Positions low = __builtin_shufflevector(sites, sites, (tap(Lane).base)...);
         const Positions high = __builtin_shufflevector(sites, sites, (tap(Lane).base + (tap(Lane).fraction != 0))...);
         const Positions mixed = (high - low) * Positions{tap(Lane).fraction...} + low;
@@ -151,19 +153,21 @@ private:
     }
     [[gnu::always_inline]] static void fillClass(Task const& task, RowClass const& rows, Positions const (*planes)[N])
     {
-        const int direction = 3 * (rows.dy + 1) + rows.dz + 1;
-        float* low = task.scratch + direction * kScratchTile;
+        float* low = task.scratch + (3 * (rows.dy + 1) + rows.dz + 1) * kScratchTile;
         float *middle = low + 9 * kScratchTile, *high = low + 18 * kScratchTile;
-        for (int k = first(rows.dz); k < first(rows.dz) + count(rows.dz); ++k)
-            for (int j = first(rows.dy); j < first(rows.dy) + count(rows.dy); ++j) {
-                auto const& tap = task.z->tap[std::size_t(k + 1)];
+        const int j = first(rows.dy), k = first(rows.dz), rowCount = count(rows.dy);
+        for (int n = 0; n < count(rows.dz); ++n) {
+            auto const& tap = task.z->tap[std::size_t(k + n + 1)];
+            Positions const* plane = &planes[tap.base][j + 1];
+            int at = W * ((j - W * rows.dy) + W * (k + n - W * rows.dz));
+            for (int m = 0; m < rowCount; ++m, at += W) {
                 Positions row;
-                mix(row, &planes[tap.base][j + 1], N, tap.fraction);
-                const int at = W * ((j - W * rows.dy) + W * (k - W * rows.dz));
-                if (rows.wanted & 1) low[at + W - 1] = row[0];
-                if (rows.wanted & 2) std::memcpy(middle + at, reinterpret_cast<float const*>(&row) + 1, W * sizeof(float));
-                if (rows.wanted & 4) high[at] = row[W + 1];
+                mix(row, plane + m, N, tap.fraction);
+                if (rows.wanted & 1) low[at + W - 1] = row[kLow];
+                if (rows.wanted & 2) std::memcpy(middle + at, &row, W * sizeof(float));
+                if (rows.wanted & 4) high[at] = row[kHigh];
             }
+        }
     }
 
     template <int... Variants> static constexpr std::array<Fill, sizeof...(Variants)> fills(std::integer_sequence<int, Variants...>)

@@ -1,6 +1,7 @@
 #include "graph/chain.h"
 
 #include "graph/error.h"
+#include "graph/help.h"
 #include "graph/registry.h"
 
 #include <algorithm>
@@ -101,7 +102,7 @@ private:
             if (parameter.positional && !step.parameter(parameter.name)) open.push_back(parameter.name);
 
         const std::size_t inputs = words.size() > open.size() ? words.size() - open.size() : 0;
-        if (inputs > node.inputs.size()) {
+        if (inputs > node.inputs.size() && !node.takesInputs(inputs)) {
             problem(label(step) + ": '" + words.back() + "' is one word too many. Parameters are written as name=value; '" + step.node +
                     "' takes " + usage(node) + ".");
             return;
@@ -117,7 +118,7 @@ private:
     static std::string usage(NodeInfo const& node)
     {
         std::string text;
-        for (InputInfo const& input : node.inputs) text += (text.empty() ? "[" : " [") + input.name + "]";
+        for (InputInfo const& input : node.inputs) text += (text.empty() ? "" : " ") + inputWord(input);
         for (ParameterInfo const& parameter : node.parameters)
             if (parameter.positional) text += (text.empty() ? "" : " ") + parameter.name;
         return text.empty() ? "none" : text;

@@ -23,7 +23,7 @@ std::string padded(std::string text, std::size_t width)
 std::string useLine(NodeInfo const& node)
 {
     std::string line = node.name;
-    for (InputInfo const& input : node.inputs) line += " [" + input.name + "]";
+    for (InputInfo const& input : node.inputs) line += " " + inputWord(input);
     for (ParameterInfo const& parameter : node.parameters)
         if (parameter.positional) line += " " + parameter.name;
     for (ParameterInfo const& parameter : node.parameters)
@@ -58,7 +58,7 @@ std::string detailOf(ParameterInfo const& parameter)
 
 Json inputToJson(InputInfo const& input)
 {
-    return {{"name", input.name}, {"help", input.help}, {"several", input.several}};
+    return {{"name", input.name}, {"help", input.help}, {"several", input.several}, {"repeated", input.repeated}};
 }
 
 Json parameterToJson(ParameterInfo const& parameter)
@@ -77,6 +77,11 @@ Json parameterToJson(ParameterInfo const& parameter)
 }
 
 }  // namespace
+
+std::string inputWord(InputInfo const& input)
+{
+    return "[" + input.name + (input.repeated ? "...]" : "]");
+}
 
 std::string nodeList()
 {

@@ -19,12 +19,14 @@ struct InputInfo {
     std::string help;
     /// Whether it takes a result of several volumes.
     bool several = false;
+    /// Whether any number of results may be named for it, one at the least. Only the last input of a node.
+    bool repeated = false;
 };
 
 /// What a running step works with.
 struct StepContext {
     Arguments const& arguments;
-    /// One for each input of the node. A result that no later step reads is held by nobody else, so that a node may change
+    /// One for each input of the node, or more where the last is repeated. A result that no later step reads is held by nobody else, so that a node may change
     /// it in place.
     std::vector<Result> inputs;
     Corvid::RuntimeServices const& services;
@@ -56,6 +58,12 @@ struct NodeInfo {
         for (ParameterInfo const& candidate : parameters)
             if (candidate.name == parameterName) return &candidate;
         return nullptr;
+    }
+    /// The input that the n-th result named is for.
+    InputInfo const& input(std::size_t n) const { return inputs[n < inputs.size() ? n : inputs.size() - 1]; }
+    bool takesInputs(std::size_t count) const
+    {
+        return count == inputs.size() || (count > inputs.size() && !inputs.empty() && inputs.back().repeated);
     }
     std::vector<std::string> parameterNames() const
     {

@@ -61,13 +61,13 @@ private:
 
     void checkInputs(Step const& step, NodeInfo const& node, PlannedStep& planned)
     {
-        if (!step.inputs.empty() && step.inputs.size() != node.inputs.size()) {
+        if (!step.inputs.empty() && !node.takesInputs(step.inputs.size())) {
             stepProblem("it has " + std::to_string(step.inputs.size()) + " inputs, but '" + step.node + "' takes " +
                         std::to_string(node.inputs.size()) + ".");
             return;
         }
-        for (std::size_t n = 0; n < node.inputs.size(); ++n)
-            planned.inputs.push_back({source(step.inputs.empty() ? kLastResult : step.inputs[n], node.inputs[n])});
+        for (std::size_t n = 0; n < std::max(step.inputs.size(), node.inputs.size()); ++n)
+            planned.inputs.push_back({source(step.inputs.empty() ? kLastResult : step.inputs[n], node.input(n))});
     }
 
     /// The step whose result is meant; 0 after a problem.

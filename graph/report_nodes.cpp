@@ -1,8 +1,11 @@
+#include "TilegridOps/nodes/query.h"
+
 #include "graph/files.h"
 #include "graph/node_families.h"
 #include "graph/suggest.h"
 #include "io/atomic_file.h"
 #include "io/check.h"
+#include "io/compare.h"
 #include "io/info.h"
 #include "io/picture.h"
 #include "io/sample.h"
@@ -69,6 +72,23 @@ Result runSample(StepContext& step)
     }
     createParentFolders(output);
     io::writeAtomically(output, [&text](std::ostream& file) { file << text; });
+    return {};
+}
+
+Result runCompare(StepContext& step)
+{
+    io::CompareOptions options;
+    options.property = step.arguments.text("property");
+    options.mode = io::SampleMode(step.arguments.choice("mode"));
+    io::NamedVolume const &volume = step.volume(0), &reference = step.volume(1);
+    requireProperty(volume, options.property);
+    requireProperty(reference, options.property);
+    if (const Length within = step.arguments.length("within"); within.value > 0) {
+        float voxelSize = 1;
+        if (within.unit == LengthUnit::kVoxels) Geometry::Volume::get_voxel_size(*reference.volume, voxelSize, step.services);
+        options.within = within.value * voxelSize;
+    }
+    print(step, volume.name, io::compareVolumes(*volume.volume, *reference.volume, options));
     return {};
 }
 
@@ -147,11 +167,28 @@ NodeInfo sampleNode()
     return node;
 }
 
+NodeInfo compareNode()
+{
+    NodeInfo node{.name = "compare", .help = "prints how far a volume is from another one, at the leaf voxels of the other",
+                  .hasResult = false, .run = runCompare};
+    node.inputs = {{.name = "volume", .help = "a volume with a property of one number"},
+                   {.name = "reference", .help = "the other one; its voxels may have other sizes"}};
+    node.parameters = {
+        {.name = "property", .help = "the property", .defaultText = "voxel_signed_distance"},
+        {.name = "within", .type = ParameterType::kLength,
+         .help = "only where the reference is smaller than this, as near its surface if the property is a distance; 0: everywhere",
+         .unit = "world units, or voxels of the reference as in 2vx", .defaultText = "0", .range = {.min = 0}},
+        {.name = "mode", .type = ParameterType::kEnum, .help = kModeHelp, .defaultText = "linear", .choices = kModes},
+        jsonParameter(),
+    };
+    return node;
+}
+
 }  // namespace
 
 std::vector<NodeInfo> reportNodes()
 {
-    return {infoNode(), validateNode(), sliceNode(), sampleNode()};
+    return {infoNode(), validateNode(), sliceNode(), sampleNode(), compareNode()};
 }
 
 }  // namespace tilegrid::graph

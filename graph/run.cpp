@@ -86,7 +86,7 @@ private:
         StepContext context{step.arguments, {}, services, options_.results, options_.maxBytes};
         for (std::size_t i = 0; i < step.inputs.size(); ++i) {
             Result& source = results_[step.inputs[i].step];
-            if (source.size() != 1 && !step.node->inputs[i].several) refuseSeveral(step, source);
+            if (source.size() != 1 && !step.node->input(i).several) refuseSeveral(step, source);
             context.inputs.push_back(step.inputs[i].lastUse ? std::exchange(source, {}) : source);
         }
         return step.node->run(context);

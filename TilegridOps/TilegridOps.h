@@ -9,6 +9,7 @@
 #include "TilegridOps/host/runtime.h"
 #include "TilegridOps/nodes/construction.h"
 #include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
 #include "TilegridOps/sampling/field_sampler.h"

@@ -26,6 +26,8 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"get_voxel_count", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"get_voxel_size", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"grade_volume", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"merge_volumes_internal", false, "Geometry::Volume::merge_volumes", Prototype::kVolume,
+             "Input 'volumes' contains an object that is not a volume."},
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},

@@ -10,6 +10,7 @@ std::vector<NodeInfo> queryNodes();
 std::vector<NodeInfo> constructionNodes();
 std::vector<NodeInfo> propertyNodes();
 std::vector<NodeInfo> gradingNodes();
+std::vector<NodeInfo> mergeNodes();
 
 /// Names of the properties of a volume, in the order of their texts.
 std::vector<std::string> propertyNames(Ostara::Object const& volume);

@@ -11,7 +11,8 @@ std::vector<NodeInfo> const& nodes()
 {
     static const std::vector<NodeInfo> all = [] {
         std::vector<NodeInfo> joined;
-        for (auto family : {fileNodes, reportNodes, queryNodes, constructionNodes, propertyNodes, gradingNodes}) std::ranges::move(family(), std::back_inserter(joined));
+        for (auto family : {fileNodes, reportNodes, queryNodes, constructionNodes, propertyNodes, gradingNodes, mergeNodes})
+            std::ranges::move(family(), std::back_inserter(joined));
         return joined;
     }();
     return all;

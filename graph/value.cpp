@@ -58,9 +58,9 @@ Value parseInt(ParameterInfo const& parameter, std::string const& text)
 
 Value parseBool(std::string const& text)
 {
-    if (text == "true") return true;
-    if (text == "false") return false;
-    throw UsageError("'" + text + "' is neither true nor false.");
+    if (text == "true" || text == "yes") return true;
+    if (text == "false" || text == "no") return false;
+    throw UsageError("'" + text + "' is neither true (or yes) nor false (or no).");
 }
 
 Value parseChoice(ParameterInfo const& parameter, std::string const& text)

@@ -14,7 +14,7 @@ namespace tilegrid::graph {
 enum class ParameterType {
     kFloat,       ///< a finite number that a float can hold
     kInt,
-    kBool,        ///< true or false
+    kBool,        ///< true or false, yes or no
     kString,
     kEnum,        ///< one of `choices`
     kVector,      ///< finite numbers, separated by commas

@@ -95,11 +95,12 @@ Comparison compareVolumes(Ostara::Object const& volume, Ostara::Object const& re
     const PropertyReaders readers = floatReaders(volume, options);
     return withTree(reference, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
         std::optional<Sum> sum;
-        tryLayouts<Tr, float>(native, Corvid::String(options.property), [&]<class C>() {
+        const auto measureChannel = [&]<class C>() {
             const double scale = double(tree.voxelSize()) / voxelSizeOf(volume);
             const auto plain = plainCopy<Tr>(tree, *native.component<C>(Corvid::String(options.property)));
             sum = measure<Tr>(readers, scale, tree, plain, topology.offset(), options.within);
-        });
+        };
+        tryLayouts<Tr, float>(native, Corvid::String(options.property), measureChannel);
         if (!sum) throw InputError("the volume to compare with has no property '" + options.property + "' of type float");
         Comparison result{sum->voxels, 0, 0, sum->largest, double(tree.voxelSize()) * sum->where};
         if (sum->voxels > 0) {

@@ -177,17 +177,26 @@ std::string grouped(std::int64_t count)
 
 }  // namespace
 
+VolumeInfo describeTiles(Ostara::Object const& volume)
+{
+    return withTree(volume, []<class Tr>(OST::Object const&, Container<Tr> const& tree, VoxelTopology<Tr> const&) {
+        VolumeInfo info;
+        info.structure = Tr::branching == 2 ? "binary" : "quinary";
+        info.voxelSize = tree.voxelSize();
+        for (int depth = 0; depth <= Tr::maxDepth; ++depth) {
+            info.tilesByDepth.push_back(tree.tileCount(depth));
+            info.leafVoxelsByDepth.push_back(tree.voxelCount(depth));
+        }
+        return info;
+    });
+}
+
 VolumeInfo describeVolume(Ostara::Object const& volume)
 {
     return withTree(
         volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-            VolumeInfo info;
-            info.structure = Tr::branching == 2 ? "binary" : "quinary";
-            info.voxelSize = tree.voxelSize();
-            for (int depth = 0; depth <= Tr::maxDepth; ++depth) {
-                info.tilesByDepth.push_back(tree.tileCount(depth));
-                info.leafVoxelsByDepth.push_back(tree.voxelCount(depth));
-            }
+            VolumeInfo info = describeTiles(volume);
+            if (float const* error = volume.get<float>(kRefinementError)) info.refinementError = *error;
             for (Corvid::String const& name : native.componentRange()) {
                 std::size_t used = 0, reserved = 0;
                 native.component<OST::Component>(name)->memUse(used, reserved, /*withLookup*/ false);
@@ -221,6 +230,7 @@ std::string toJson(VolumeInfo const& info)
                              {"bounds_max", jsonOf(info.levelSet->boundsMax)},
                              {"volume", info.levelSet->volume},
                              {"area", info.levelSet->area}};
+    if (info.refinementError) json["refinement_error"] = jsonOf(static_cast<float>(*info.refinementError));
     // Names are bytes from files: what is no UTF-8 is shown as a replacement character.
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -233,6 +243,7 @@ std::string toText(VolumeInfo const& info)
     out << "structure   " << info.structure << "\nvoxel size  " << number(info.voxelSize) << "\n";
     out << "memory      " << byteText(double(info.bytes));
     if (leafVoxels > 0) out << " (" << number(double(info.bytes) / double(leafVoxels)) << " bytes per leaf voxel)";
+    if (info.refinementError) out << "\nrefined     until the level set is within " << number(*info.refinementError) << " world units";
     out << "\ndepth           tiles       leaf voxels\n";
     for (std::size_t depth = 0; depth < info.tilesByDepth.size(); ++depth)
         if (info.tilesByDepth[depth] > 0)

@@ -27,15 +27,22 @@ struct VolumeInfo {
     std::uint64_t bytes = 0;
     std::vector<PropertyInfo> properties;
     std::optional<LevelSetInfo> levelSet;
+    /// How far the level set may be off where voxels are coarse, in world units, if the volume says so.
+    std::optional<double> refinementError;
 };
+
+/// The entry (a float) of an adaptive volume that holds `VolumeInfo::refinementError`.
+inline constexpr char kRefinementError[] = "refinement_error";
 
 /// Measures a volume. Enclosed volume and area come from marching the leaf cells' corner values, in double, in index
 /// order.
 /// \throws InputError for an object without a tile tree
 VolumeInfo describeVolume(Ostara::Object const& volume);
+/// Structure, voxel size, tiles and leaf voxels alone, without a look at any value. \throws as above
+VolumeInfo describeTiles(Ostara::Object const& volume);
 
 /// Keys: structure, voxel_size, tiles_by_depth, leaf_voxels_by_depth, bytes, properties[{name,type,default,min,max}],
-/// level_set{bounds_min,bounds_max,volume,area} (only for level sets). One object, indented.
+/// level_set{bounds_min,bounds_max,volume,area} (only for level sets), refinement_error (only if the volume has it). One object, indented.
 std::string toJson(VolumeInfo const& info);
 /// For people: the same in lines, with bytes per leaf voxel.
 std::string toText(VolumeInfo const& info);

@@ -45,6 +45,16 @@ TEST(Words, beyond_inputs_and_parameters_are_refused)
     EXPECT_TRUE(contains(complaint({"read", "a.vdb", "b.vdb"}), "too many"));
 }
 
+TEST(Words, go_to_a_repeated_input_as_many_as_there_are)
+{
+    EXPECT_EQ(parsed({"merge", "a", "b", "c"}).steps.back().inputs, (Words{"a", "b", "c"}));
+    EXPECT_TRUE(parsed({"merge"}).steps.back().inputs.empty());
+    const Graph files = parsed({"merge", "a.vdb", "mesh", "voxel=0.5"});
+    ASSERT_EQ(files.steps.size(), 3u);
+    EXPECT_EQ(*files.steps[1].parameter("voxel"), "0.5");
+    EXPECT_EQ(files.steps[2].inputs, (Words{"a", "mesh"}));
+}
+
 TEST(Words, with_an_equals_sign_in_a_path_are_no_parameters)
 {
     const Graph graph = parsed({"read", "runs/a=1.vdb", "!", "write", "out/b=2.vdb"});

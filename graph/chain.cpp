@@ -140,10 +140,18 @@ private:
         NodeInfo const& reader = *findNode("read");
         const auto readsOnly = [&](auto const& entry) { return !node.parameter(entry.first) && reader.parameter(entry.first); };
         for (auto const& entry : step.parameters)
-            if (readsOnly(entry))
-                for (Step& read : reads) read.parameters.push_back(entry);
+            if (readsOnly(entry)) giveToReads(reads, *reader.parameter(entry.first), entry);
         std::erase_if(step.parameters, readsOnly);
         std::move(reads.begin(), reads.end(), std::back_inserter(graph_.steps));
+    }
+
+    /// To those whose file it means something for; to all, so that the check complains, if there is none.
+    static void giveToReads(std::vector<Step>& reads, ParameterInfo const& parameter, std::pair<std::string, std::string> const& entry)
+    {
+        const auto wants = [&](Step const& read) { return applies(parameter, read.parameter("file")); };
+        const bool any = std::any_of(reads.begin(), reads.end(), wants);
+        for (Step& read : reads)
+            if (!any || wants(read)) read.parameters.push_back(entry);
     }
 
     /// A name for the result of reading `file`: its stem, made a name that no result has or gets later.

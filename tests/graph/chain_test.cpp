@@ -52,6 +52,7 @@ TEST(Words, go_to_a_repeated_input_as_many_as_there_are)
     const Graph files = parsed({"merge", "a.vdb", "mesh", "voxel=0.5"});
     ASSERT_EQ(files.steps.size(), 3u);
     EXPECT_EQ(*files.steps[1].parameter("voxel"), "0.5");
+    EXPECT_FALSE(parsed({"merge", "a.vdb", "b.obj", "voxel=0.5"}).steps[0].parameter("voxel")) << "it means nothing for a .vdb";
     EXPECT_EQ(files.steps[2].inputs, (Words{"a", "mesh"}));
 }
 

@@ -15,13 +15,13 @@ namespace {
 
 struct Candidate {
     int3 corner;
-    /// The triangle nearest to the tile's middle: where the search in its children starts.
-    std::int32_t nearest;
+    /// What is known about the middle of its samples: where the search in its children starts.
+    std::int32_t guess;
 };
 
 /// What is looked for: tiles of one depth with a voxel within the band, and maybe in a box.
 struct Search {
-    TriangleTree const& tree;
+    DistanceSource const& surface;
     double band;
     int depth;
     TileSpaceBox const* inside;
@@ -44,54 +44,32 @@ double3 middleOf(int3 const& corner, int tileWidth, int spacing)
     return {corner.x + half, corner.y + half, corner.z + half};
 }
 
-/// Whether a tile of the depth has a voxel within the band. `middle` is what is known about the middle of its samples.
-template <class Tr> bool hasVoxelInBand(Search const& search, int3 const& corner, TriangleTree::Nearest middle)
-{
-    const int spacing = search.spacing;
-    const auto within = [&](int i, int j, int k) {
-        const double3 place(double(corner.x) + i * spacing, double(corner.y) + j * spacing, double(corner.z) + k * spacing);
-        middle = search.tree.nearest(place, middle.triangle);
-        return middle.squaredDistance <= search.band * search.band;
-    };
-    // The voxel next to the point of the surface that is nearest to the middle decides most tiles.
-    const double3 near = search.tree.nearestPoint(middleOf(corner, Tr::width * spacing, spacing), middle.triangle);
-    const auto clamped = [spacing](double v) {
-        return static_cast<int>(std::clamp(std::round(v / spacing), 0.0, Tr::width - 1.0));
-    };
-    if (within(clamped(near.x - corner.x), clamped(near.y - corner.y), clamped(near.z - corner.z))) return true;
-    for (int k = 0; k < Tr::width; ++k)
-        for (int j = 0; j < Tr::width; ++j)
-            for (int i = 0; i < Tr::width; ++i)
-                if (within(i, j, k)) return true;
-    return false;
-}
-
 /// Appends the children of `parent` that may, or at the depth of the search do, hold a voxel within the band.
 template <class Tr>
 void appendChildren(Search const& search, Candidate const& parent, int childDepth, std::vector<Candidate>& out)
 {
     const int childWidth = Tr::tileVoxelWidth(childDepth);
     const double reach = search.band + 0.5 * std::numbers::sqrt3 * (childWidth - search.spacing);
-    std::int32_t guess = parent.nearest;
+    std::int32_t guess = parent.guess;
     for (int cell = 0; cell < Tr::childCount; ++cell) {
         const int3 corner = parent.corner + childWidth * OST::TileTree3D::cubeIndex(Tr::branching, cell);
         if (!search.meetsBox(corner, childWidth)) continue;
-        const auto nearest = search.tree.nearest(middleOf(corner, childWidth, search.spacing), guess);
-        guess = nearest.triangle;
+        const auto nearest = search.surface.nearest(middleOf(corner, childWidth, search.spacing), guess);
+        guess = nearest.guess;
         // The slack keeps a tile whose voxel lies just on the rim of the band whatever the rounding here.
         if (nearest.squaredDistance > reach * reach * (1.0 + 1e-12)) continue;
-        if (childDepth < search.depth || hasVoxelInBand<Tr>(search, corner, nearest))
-            out.push_back({corner, nearest.triangle});
+        if (childDepth < search.depth || search.surface.anyWithin(double3(corner), search.spacing, Tr::width, search.band, guess))
+            out.push_back({corner, guess});
     }
 }
 
 }  // namespace
 
 template <class Tr>
-std::vector<int3> tilesNearSurface(TriangleTree const& tree, double band, int depth, TileSpaceBox const* inside)
+std::vector<int3> tilesNearSurface(DistanceSource const& surface, double band, int depth, TileSpaceBox const* inside)
 {
     constexpr OST::int64 kPart = 64;
-    const Search search{tree, band, depth, inside, Tr::voxelDataWidth(depth)};
+    const Search search{surface, band, depth, inside, Tr::voxelDataWidth(depth)};
     std::vector<Candidate> tiles{{int3(Tr::rangeMin), 0}};
     for (int childDepth = 1; childDepth <= depth; ++childDepth) {
         const auto count = static_cast<OST::int64>(tiles.size());
@@ -129,8 +107,8 @@ template <class Tr> double estimatedLevelSetBytes(double area, double size, doub
     return bytes;
 }
 
-template std::vector<int3> tilesNearSurface<OST::TileTree3D::BinaryTraits>(TriangleTree const&, double, int, TileSpaceBox const*);
-template std::vector<int3> tilesNearSurface<OST::TileTree3D::QuinaryTraits>(TriangleTree const&, double, int, TileSpaceBox const*);
+template std::vector<int3> tilesNearSurface<OST::TileTree3D::BinaryTraits>(DistanceSource const&, double, int, TileSpaceBox const*);
+template std::vector<int3> tilesNearSurface<OST::TileTree3D::QuinaryTraits>(DistanceSource const&, double, int, TileSpaceBox const*);
 template double estimatedLevelSetBytes<OST::TileTree3D::BinaryTraits>(double, double, double);
 template double estimatedLevelSetBytes<OST::TileTree3D::QuinaryTraits>(double, double, double);
 

@@ -1,7 +1,7 @@
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
-#include "io/distance_tiles.h"
 #include "io/error.h"
+#include "io/mesh_distance.h"
 #include "io/text.h"
 #include "io/vdb_grids.h"
 #include "io/volume_builder.h"

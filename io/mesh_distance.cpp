@@ -1,4 +1,4 @@
-#include "io/distance_tiles.h"
+#include "io/mesh_distance.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +19,7 @@ constexpr int kFewTriangles = 48;
 }  // namespace
 
 /// The samples of one tile.
-class DistanceTiles::Lattice {
+class MeshDistance::Lattice {
 public:
     Lattice(double3 const& first, double spacing, int n) : first_(first), spacing_(spacing), n_(n) {}
 
@@ -97,7 +97,32 @@ private:
     std::array<bool, kLargest> inside_;
 };
 
-void DistanceTiles::fill(double3 const& first, double spacing, int n, double unit, float* values) const
+DistanceSource::Nearest MeshDistance::nearest(double3 const& place, std::int32_t guess) const
+{
+    const auto found = tree_.nearest(place, guess);
+    return {found.squaredDistance, found.triangle};
+}
+
+bool MeshDistance::anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const
+{
+    const auto within = [&](int i, int j, int k) {
+        const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
+        guess = found.triangle;
+        return found.squaredDistance <= reach * reach;
+    };
+    // The sample next to the point of the surface that is nearest to the middle decides most tiles.
+    const double half = 0.5 * (n - 1) * spacing;
+    const double3 near = tree_.nearestPoint({first.x + half, first.y + half, first.z + half}, guess);
+    const auto clamped = [spacing, n](double v) { return static_cast<int>(std::clamp(std::round(v / spacing), 0.0, n - 1.0)); };
+    if (within(clamped(near.x - first.x), clamped(near.y - first.y), clamped(near.z - first.z))) return true;
+    for (int k = 0; k < n; ++k)
+        for (int j = 0; j < n; ++j)
+            for (int i = 0; i < n; ++i)
+                if (within(i, j, k)) return true;
+    return false;
+}
+
+void MeshDistance::fill(double3 const& first, double spacing, int n, double unit, float* values) const
 {
     Lattice lattice(first, spacing, n);
     lattice.findDistances(tree_);

@@ -5,10 +5,11 @@
 #include "io/error.h"
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
+#include "io/mesh_transform.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <optional>
+#include <iterator>
 
 namespace tilegrid::graph {
 
@@ -17,32 +18,23 @@ namespace {
 const std::vector<std::string> kMeshEndings = {".obj", ".ply", ".stl"};
 const std::vector<std::string> kVolumeEndings = {".vdb"};
 
-io::Structure structureOf(Arguments const& arguments)
+io::MeshTransform placementOf(Arguments const& arguments)
 {
-    return arguments.choice("structure") == 0 ? io::Structure::kBinary : io::Structure::kQuinary;
-}
-
-std::optional<io::FinerBox> finerBox(Arguments const& arguments)
-{
-    std::vector<double> const& box = arguments.vector("inside");
-    if (box.empty()) return {};
-    if (box.size() != 6)
-        throw UsageError("'inside' has " + std::to_string(box.size()) + " numbers: give xmin,ymin,zmin,xmax,ymax,zmax.");
-    return io::FinerBox{{box[0], box[1], box[2]}, {box[3], box[4], box[5]}, int(arguments.integer("levels"))};
+    io::MeshTransform placement;
+    placement.scale = vectorOfThree(arguments, "scale", /*oneForAll*/ true).value();
+    for (int axis = 0; axis < 3; ++axis)
+        if (!(placement.scale[axis] > 0)) throw UsageError("'scale' is " + shortest(placement.scale[axis]) + ": give positive numbers.");
+    placement.rotate = vectorOfThree(arguments, "rotate").value();
+    placement.move = vectorOfThree(arguments, "move").value();
+    return placement;
 }
 
 Result readMeshFile(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
-    const Length voxel = step.arguments.length("voxel"), band = step.arguments.length("band");
-    io::LevelSetOptions options;
-    options.voxelSize = float(voxel.value);
-    options.bandVoxels = float(band.unit == LengthUnit::kVoxels ? band.value : band.value / voxel.value);
-    options.structure = structureOf(step.arguments);
-    options.maxBytes = step.maxBytes;
-    options.finer = finerBox(step.arguments);
-    const io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
-    return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, options, step.services)}};
+    io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
+    io::transformMesh(mesh, placementOf(step.arguments));
+    return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, levelSetOptions(step), step.services)}};
 }
 
 Result readVolumeFile(StepContext& step)
@@ -86,22 +78,20 @@ NodeInfo readNode()
 {
     NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, or makes a level set of a closed mesh", .run = runRead};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl"}},
-        {.name = "voxel", .type = ParameterType::kLength, .help = "size of a voxel of the band; outside of the box, if 'inside' gives one",
-         .unit = "world units", .range = {.min = 0, .aboveMin = true}, .onlyFor = kMeshEndings, .voxelsAllowed = false},
-        {.name = "band", .type = ParameterType::kLength, .help = "half width of the band around the surface",
-         .unit = "voxels, or world units as in 0.1wu", .defaultText = "3", .range = {.min = 0, .aboveMin = true}, .onlyFor = kMeshEndings,
-         .bareUnit = LengthUnit::kVoxels},
-        {.name = "inside", .type = ParameterType::kVector,
-         .help = "box in which the band is finer: xmin,ymin,zmin,xmax,ymax,zmax; the tree is then graded", .unit = "world units",
-         .defaultText = "", .onlyFor = kMeshEndings},
-        {.name = "levels", .type = ParameterType::kInt,
-         .help = "how many depths finer the box is: each divides the voxel size by 2, or by 5 in the quinary structure", .defaultText = "1",
-         .range = {.min = 1, .max = 26}, .onlyFor = kMeshEndings},
-        {.name = "structure", .type = ParameterType::kEnum, .help = "how tiles divide: 2 or 5 children per axis; a file of levels keeps its own", .defaultText = "binary",
-         .choices = {"binary", "quinary"}},
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl"}}};
+    std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
+    const std::vector<ParameterInfo> others = {
+        structureParameter(),
+        {.name = "scale", .type = ParameterType::kVector, .help = "factor of the mesh about the origin, one or three along x,y,z; before it is turned",
+         .defaultText = "1", .onlyFor = kMeshEndings},
+        {.name = "rotate", .type = ParameterType::kVector,
+         .help = "degrees that the mesh turns about the origin: around the x axis, then y, then z, each by the right-hand rule; before it moves",
+         .defaultText = "0,0,0", .onlyFor = kMeshEndings},
+        {.name = "move", .type = ParameterType::kVector, .help = "way that the mesh moves: x,y,z", .unit = "world units", .defaultText = "0,0,0",
+         .onlyFor = kMeshEndings},
         {.name = "volume", .help = "name of the volume to take, where the file holds several; .2, .3, ... stand behind a name that comes again", .defaultText = "", .onlyFor = kVolumeEndings},
     };
+    node.parameters.insert(node.parameters.end(), others.begin(), others.end());
     return node;
 }
 

@@ -11,7 +11,7 @@ std::vector<NodeInfo> const& nodes()
 {
     static const std::vector<NodeInfo> all = [] {
         std::vector<NodeInfo> joined;
-        for (auto family : {fileNodes, reportNodes, queryNodes, constructionNodes, propertyNodes, gradingNodes, mergeNodes})
+        for (auto family : {fileNodes, shapeNodes, reportNodes, queryNodes, constructionNodes, propertyNodes, fogNodes, gradingNodes, mergeNodes})
             std::ranges::move(family(), std::back_inserter(joined));
         return joined;
     }();

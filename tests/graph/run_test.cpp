@@ -6,8 +6,7 @@
 #include "graph/run.h"
 #include "io/error.h"
 #include "support/files.h"
-
-#include <sstream>
+#include "trial.h"
 
 namespace {
 
@@ -15,30 +14,10 @@ using namespace tilegrid;
 using namespace tilegrid::graph;
 using tilegrid::test::contains;
 using tilegrid::test::errorOf;
+using tilegrid::test::planOf;
 using tilegrid::test::TestFolder;
+using tilegrid::test::Trial;
 using Words = std::vector<std::string>;
-
-Plan planOf(Words const& words)
-{
-    return makePlan(parseChain(words, [](std::string const&) { return false; }));
-}
-
-/// Runs a plan and keeps what it said.
-struct Trial {
-    std::ostringstream results;
-    std::vector<std::string> messages;
-    std::vector<std::string> progress;
-
-    void operator()(Plan const& plan, Job* job = nullptr)
-    {
-        run(plan, {.job = job,
-                   .threads = 2,
-                   .maxBytes = std::uint64_t(1) << 30,
-                   .results = results,
-                   .messages = [this](Severity, Corvid::StringView text) { messages.emplace_back(std::string_view(text)); },
-                   .progress = [this](Progress const& p) { progress.push_back(p.node + " " + std::to_string(p.step) + " " + shortest(p.done)); }});
-    }
-};
 
 TEST(Running, prints_results_in_the_order_of_the_steps)
 {

@@ -201,13 +201,6 @@ void gradeTileTree(Container<Tr>& tree, TileList<Tr>* tilesAdded, std::vector<Ti
 
 namespace {
 
-/// The first pair of tiles that break the rule, in the order of (depth, index, direction).
-struct Violation {
-    TreeIndex tile, neighbor;
-    int direction = kNeighborSelf;
-    bool found() const { return tile.valid(); }
-};
-
 template <class Tr> class GradedCheck final : public Container<Tr>::VisitorT {
 public:
     using Base = typename Container<Tr>::VisitorT;
@@ -216,34 +209,34 @@ public:
     using Base::runTiles;
 
     GradedCheck(Container<Tr> const& tree, Walks<Tr>& walks, int minDepth) : tree_(tree), walks_(walks), minDepth_(minDepth) {}
-    Violation const& first() const { return first_; }
+    std::optional<GradingFault> const& first() const { return first_; }
 
     void beginTile(Tile const& tile) override { check(tile, walkOfThread(walks_, tree_)); }
     void runTiles(Tile const* tiles, int64 count, int, int, VisitInteriorVoxelMode) override
     {
         NeighborWalk<Tr>& walk = walkOfThread(walks_, tree_);
-        for (int64 n = 0; n < count && !first_.found(); ++n) check(tiles[n], walk);
+        for (int64 n = 0; n < count && !first_; ++n) check(tiles[n], walk);
     }
     void join(Base const& right) override
     {
-        if (!first_.found()) first_ = static_cast<GradedCheck const&>(right).first_;
+        if (!first_) first_ = static_cast<GradedCheck const&>(right).first_;
     }
     Base* clone() const override { return new GradedCheck(tree_, walks_, minDepth_); }
 
 private:
     void check(Tile const& tile, NeighborWalk<Tr>& walk)
     {
-        if (first_.found() || tile.depth() < 2) return;
+        if (first_ || tile.depth() < 2) return;
         visitCoarseNeighbors(tree_, walk, tile, [&](Crossing const& crossing, TreeIndex const& neighbor) {
             if (neighbor.depth < minDepth_) return true;
-            first_ = {tile.treeIndex(), neighbor, crossing.fromTile};
+            first_ = GradingFault{tile.treeIndex(), neighbor, crossing.fromTile};
             return false;
         });
     }
     Container<Tr> const& tree_;
     Walks<Tr>& walks_;
     int minDepth_;
-    Violation first_;
+    std::optional<GradingFault> first_;
 };
 
 template <class Tile> std::ostream& writePlace(std::ostream& out, Tile const& tile)
@@ -253,23 +246,29 @@ template <class Tile> std::ostream& writePlace(std::ostream& out, Tile const& ti
 
 }  // namespace
 
-template <class Tr> bool isGraded(Container<Tr> const& tree, int minDepth, int maxDepth)
+template <class Tr> std::optional<GradingFault> findGradingFault(Container<Tr> const& tree, int minDepth, int maxDepth)
 {
     using Tile = typename Container<Tr>::Tile;
     Walks<Tr> walks;
     GradedCheck<Tr> check(tree, walks, minDepth);
     tree.template reduceInternalNonInlined<Tile const&, Container<Tr> const&>(&check, kTreeSerialOrder, TreeIndex(), minDepth, maxDepth, kGrain,
                                                                                0, Tr::branching, kChildCells);
-    Violation const& first = check.first();
-    if (!first.found()) return true;
-    Tile const &tile = tree.tile(first.tile), &neighbor = tree.tile(first.neighbor);
-    writePlace(std::cerr << "tile ", tile) << " at depth " << tile.depth() << " is not graded in direction " << first.direction << std::endl;
+    return check.first();
+}
+
+template <class Tr> bool isGraded(Container<Tr> const& tree, int minDepth, int maxDepth)
+{
+    const auto fault = findGradingFault(tree, minDepth, maxDepth);
+    if (!fault) return true;
+    auto const &tile = tree.tile(fault->tile), &neighbor = tree.tile(fault->neighbor);
+    writePlace(std::cerr << "tile ", tile) << " at depth " << tile.depth() << " is not graded in direction " << fault->direction << std::endl;
     writePlace(std::cerr << " - The neighbor ", neighbor) << " is at depth " << neighbor.depth() << std::endl;
     return false;
 }
 
 #define TILEGRID_INSTANTIATE_GRADING(Tr)                                                                                    \
     template TILEGRID_API void gradeTileTree(Container<Tr>&, TileList<Tr>*, std::vector<TileColor>*, int, int);              \
+    template TILEGRID_API std::optional<GradingFault> findGradingFault(Container<Tr> const&, int, int);                      \
     template TILEGRID_API bool isGraded(Container<Tr> const&, int, int);
 TILEGRID_INSTANTIATE_GRADING(BinaryTraits)
 TILEGRID_INSTANTIATE_GRADING(QuinaryTraits)

@@ -1,6 +1,7 @@
 #pragma once
 #include "TilegridOps/substrate/container.h"
 
+#include <optional>
 #include <vector>
 
 /// Grading: tiles that touch, be it at a corner, differ by at most one level of depth. Stencils across jumps of resolution
@@ -27,13 +28,24 @@ struct TileColor {
 template <class Tr>
 void gradeTileTree(Container<Tr>& tree, TileList<Tr>* tilesAdded, std::vector<TileColor>* colors, int minDepth, int maxDepth);
 
-/// Whether no tile of the depths minDepth to maxDepth touches one of depth minDepth or deeper that is two or more levels
-/// coarser. The first such pair is written to std::cerr.
+/// A tile and a neighbour of it that is two or more levels coarser, in the direction (a `NeighborDirection`) from the tile.
+struct GradingFault {
+    OST::TileTree3D::TreeIndex tile, neighbor;
+    int direction = 0;
+};
+
+/// The first such pair, by depth, index and direction, among the tiles of the depths minDepth to maxDepth and neighbours of
+/// depth minDepth or deeper; the same for any number of threads.
+/// \throws as above
+template <class Tr> std::optional<GradingFault> findGradingFault(Container<Tr> const& tree, int minDepth, int maxDepth);
+
+/// Whether there is none. If there is one, it is written to std::cerr.
 /// \throws as above
 template <class Tr> bool isGraded(Container<Tr> const& tree, int minDepth, int maxDepth);
 
 #define TILEGRID_DECLARE_GRADING(Tr)                                                                                                       \
     extern template TILEGRID_API void gradeTileTree(Container<Tr>&, TileList<Tr>*, std::vector<TileColor>*, int, int);                      \
+    extern template TILEGRID_API std::optional<GradingFault> findGradingFault(Container<Tr> const&, int, int);                              \
     extern template TILEGRID_API bool isGraded(Container<Tr> const&, int, int);
 TILEGRID_DECLARE_GRADING(OST::TileTree3D::BinaryTraits)
 TILEGRID_DECLARE_GRADING(OST::TileTree3D::QuinaryTraits)

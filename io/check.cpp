@@ -7,6 +7,8 @@
 #include "io/plain_channel.h"
 #include "io/volume_access.h"
 
+#include <sstream>
+
 namespace tilegrid::io {
 
 using namespace OST::TileTree3D;
@@ -43,9 +45,9 @@ template <class T> double largestComponent(T const* values, int count)
     return largest;
 }
 
-/// Compares the voxels of a tile that `counts(flat)` chooses.
-template <class Tr, class T, class Counts>
-void compareTile(T const* is, T const* wanted, double bound, Counts const& counts, DependentCheck& check)
+/// Compares the voxels of a tile that `counts(flat)` chooses. Those beyond the bound for which `excused(flat)` holds are not wrong.
+template <class Tr, class T, class Counts, class Excused>
+void compareTile(T const* is, T const* wanted, double bound, Counts const& counts, Excused const& excused, DependentCheck& check)
 {
     const double rounding = kRounding * std::max(largestComponent(is, Tr::voxelCount), largestComponent(wanted, Tr::voxelCount));
     for (int flat = 0; flat < Tr::voxelCount; ++flat) {
@@ -55,7 +57,7 @@ void compareTile(T const* is, T const* wanted, double bound, Counts const& count
         const double apart = difference(is[flat], wanted[flat]);
         check.largest = std::max(check.largest, apart);
         // A negative bound asks for equal bits; zeros of two signs and NaN of two kinds still count as equal.
-        check.wrong += bound < 0.0 ? apart > 0.0 : apart > bound + rounding;
+        check.wrong += (bound < 0.0 ? apart > 0.0 : apart > bound + rounding) && !excused(flat);
     }
 }
 
@@ -76,7 +78,7 @@ DependentCheck checkAboveChildren(Container<Tr> const& tree, VoxelOffsetType off
                 return !tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z));
             };
             compareTile<Tr, T>(channel.tileData(n, depth).data(), std::as_const(wanted).tileData(n, depth).data(),
-                               offset == kCorner ? -1.0 : 0.0, hasChild, check);
+                               offset == kCorner ? -1.0 : 0.0, hasChild, [](int) { return false; }, check);
         }
     }
     return check;
@@ -95,6 +97,24 @@ template <class Tr> bool touchesHighBorder(typename Container<Tr>::Tile const& t
     return touches;
 }
 
+/// Whether a hanging voxel differs from the voxels beside it in its tile that do not hang by no more than they lie apart, as
+/// distances do. There is one: a step inwards along each axis on which the voxel lies on a low face.
+/// \param width  of a voxel, in the unit of the values
+template <class Tr, class Flags> bool holdsDistance(float const* values, Flags const& flags, int flat, double width)
+{
+    const int3 at = cubeIndex(Tr::width, flat);
+    for (int n = 0; n < 27; ++n) {
+        const int3 step = cubeIndex(3, n) - int3(1), beside = at + step;
+        if (std::min({beside.x, beside.y, beside.z}) < 0 || std::max({beside.x, beside.y, beside.z}) >= Tr::width) continue;
+        const int other = flatIndex(Tr::width, beside.x, beside.y, beside.z);
+        if (flags(other) & kDofHanging) continue;
+        const double way = width * std::sqrt(double(step.x * step.x + step.y * step.y + step.z * step.z));
+        const double rounding = kRounding * std::max(std::abs(double(values[flat])), std::abs(double(values[other])));
+        if (!(std::abs(double(values[flat]) - double(values[other])) <= way + rounding)) return false;
+    }
+    return true;
+}
+
 /// \param slope  in value per world unit, up to which the values may differ from a linear function; 0 if they must not
 template <class Tr, class T>
 DependentCheck checkHanging(Container<Tr> const& tree, DofChannel<Tr> const& dofs, PlainChannel<Tr, T> const& channel, double slope)
@@ -110,11 +130,23 @@ DependentCheck checkHanging(Container<Tr> const& tree, DofChannel<Tr> const& dof
             auto const& tile = tree.tile(n, depth);
             const auto flags = dofs.tileData(n, depth);
             const auto hangs = [&](int flat) { return flags(flat) & kDofHanging && !touchesHighBorder<Tr>(tile, flat); };
-            compareTile<Tr, T>(channel.tileData(n, depth).data(), std::as_const(wanted).tileData(n, depth).data(), bound,
-                               hangs, check);
+            T const* values = channel.tileData(n, depth).data();
+            const auto excused = [&](int flat) {
+                if constexpr (std::is_same_v<T, float>)
+                    return slope > 0.0 && holdsDistance<Tr>(values, flags, flat, slope * tree.voxelSize() * tile.voxelDataWidth());
+                return false;
+            };
+            compareTile<Tr, T>(values, std::as_const(wanted).tileData(n, depth).data(), bound, hangs, excused, check);
         }
     }
     return check;
+}
+
+template <class Tr> std::string placeOf(typename Container<Tr>::Tile const& tile)
+{
+    std::ostringstream text;
+    text << "the tile of depth " << tile.depth() << " at " << tile.tijk();
+    return text.str();
 }
 
 /// Whether a channel has values for the tiles of its depths, and the topology for all.
@@ -189,16 +221,20 @@ std::vector<PropertyCheck> checkValuesAboveChildren(Ostara::Object const& volume
         });
 }
 
-VolumeCheck checkVolume(Ostara::Object const& volume)
+VolumeCheck checkVolume(Ostara::Object const& volume, GradingRule rule)
 {
     return withTree(
         volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
             VolumeCheck check;
+            check.rule = rule;
             check.tiles = tree.tileCount(-1);
             check.tree = checkTree(tree);
             checkSizes(native, tree, topology, check.tree);
             if (!check.tree.empty()) return check;
-            check.graded = CoreGL::TileTree3D::isGraded(tree, 0, Tr::maxDepth);
+            if (const auto fault = CoreGL::TileTree3D::findGradingFault(tree, 0, Tr::maxDepth)) {
+                check.graded = false;
+                check.gradingFault = placeOf<Tr>(tree.tile(fault->tile)) + " and " + placeOf<Tr>(tree.tile(fault->neighbor));
+            }
             check.properties = PropertyChecker<Tr>(native, tree, topology.offsetType()).run(/*hanging*/ true);
             const auto measure = [&]<class C>() {
                 check.gradient = measureGradient<Tr>(

@@ -22,7 +22,7 @@ struct PropertyCheck {
     DependentCheck aboveChildren;
     /// Voxels on a low face of their tile against a coarser neighbour. They hold what is interpolated from there, and so is
     /// what a sampler reads there from both sides. Only for corner samples and types with a fraction, and not where samples
-    /// beyond tile space would take part.
+    /// beyond tile space would take part. `largest` counts distances that are right as distances too.
     std::optional<DependentCheck> hanging;
 };
 
@@ -33,12 +33,19 @@ struct GradientCheck {
     double mean = 0, largest = 0;
 };
 
+/// Whether a volume must be graded to be good. Trees need not be: every reader goes on across larger jumps, and `grade_volume`
+/// is for those who want none.
+enum class GradingRule { kReported, kRequired };
+
 /// What is wrong with a volume.
 struct VolumeCheck {
     std::int64_t tiles = 0;
     /// One line per violation: links, places, sizes of topology and channels. What follows is only looked at without any.
     std::vector<std::string> tree;
+    GradingRule rule = GradingRule::kReported;
     bool graded = true;
+    /// Where it is not graded: the first two tiles, by depth and index of the finer one, that touch and differ too much.
+    std::string gradingFault;
     std::vector<PropertyCheck> properties;
     /// By depth, where there is a voxel. A measure: where surfaces face each other and at creases it is off by design.
     std::vector<GradientCheck> gradient;
@@ -46,21 +53,24 @@ struct VolumeCheck {
     bool good() const;
 };
 
-/// Checks a volume. Wrong are: a tree that breaks its invariants; tiles that touch and differ by two levels or more; values
-/// above children that are not the child's (for corner samples bit by bit, else within rounding); hanging values further
-/// from their interpolation than rounding explains. Signed distances may keep true distances at hanging voxels: there the
-/// bound is what a function of slope 1 can differ from its bilinear interpolation, the coarser voxel's width times the root
-/// of one half.
+/// Checks a volume. Wrong are: a tree that breaks its invariants; values above children that are not the child's (for corner
+/// samples bit by bit, else within rounding); hanging values further from their interpolation than rounding explains; and if
+/// the rule asks for it, tiles that touch and differ by two levels or more.
+///
+/// Signed distances may keep true distances at hanging voxels. There the bound is what a function of slope 1 can differ from
+/// its bilinear interpolation, the coarser voxel's width times the root of one half. That is too little where the samples
+/// around are interpolated themselves, from tiles several levels coarser, as those in tiles that grading has added: a value
+/// beyond it is still right if it differs from each voxel beside it in its tile that does not hang by no more than the way there.
 ///
 /// The gradient is measured by central differences between neighbours of the same depth, at leaf voxels of
 /// `voxel_signed_distance` with all six of them and a distance below the default value, which is the band's half width.
 /// \throws InputError for an object without a tile tree
-VolumeCheck checkVolume(Ostara::Object const& volume);
+VolumeCheck checkVolume(Ostara::Object const& volume, GradingRule rule = GradingRule::kReported);
 
 /// The part of it about values above children.
 std::vector<PropertyCheck> checkValuesAboveChildren(Ostara::Object const& volume);
 
-/// Keys: good, tiles, tree[], graded, properties[{name, above_children{voxels,wrong,largest}, hanging{...} or null}],
+/// Keys: good, tiles, tree[], graded, grading_fault (null if graded), properties[{name, above_children{voxels,wrong,largest}, hanging{...} or null}],
 /// gradient[{depth,voxels,mean,largest}]. One object.
 std::string toJson(VolumeCheck const& check);
 std::string toText(VolumeCheck const& check);

@@ -36,7 +36,7 @@ std::string faultsOf(VolumeCheck const& check)
     if (!check.tree.empty())
         faults.push_back("the tree is broken in " + std::to_string(check.tree.size())
                          + (check.tree.size() == 1 ? " place" : " places"));
-    if (!check.graded)
+    if (!check.graded && check.rule == GradingRule::kRequired)
         faults.push_back("tiles that touch differ by two levels or more (grade_volume adds the missing ones)");
     for (PropertyCheck const& property : check.properties) {
         if (property.aboveChildren.wrong > 0)
@@ -54,6 +54,7 @@ std::string faultsOf(VolumeCheck const& check)
 std::string toJson(VolumeCheck const& check)
 {
     Json json = {{"good", check.good()}, {"tiles", check.tiles}, {"tree", check.tree}, {"graded", check.graded}};
+    json["grading_fault"] = check.graded ? Json(nullptr) : Json(check.gradingFault);
     json["properties"] = Json::array();
     for (PropertyCheck const& property : check.properties)
         json["properties"].push_back({{"name", property.name},
@@ -81,7 +82,10 @@ std::string toText(VolumeCheck const& check)
     if (check.tree.size() > kMostLines) out << "            ...\n";
     if (check.tree.empty())
         out << "grading     "
-            << (check.graded ? "tiles that touch differ by one level at most\n" : "tiles that touch differ by two levels or more\n");
+            << (check.graded ? "tiles that touch differ by one level at most"
+                             : "tiles that touch differ by two levels or more, first " + check.gradingFault
+                                   + " (grade_volume adds the missing ones)")
+            << "\n";
     for (PropertyCheck const& property : check.properties) {
         out << "property    " << property.name << ": " << textOf(property.aboveChildren, "voxels above children");
         if (property.hanging) out << ", " << textOf(*property.hanging, "hanging voxels");
@@ -91,7 +95,8 @@ std::string toText(VolumeCheck const& check)
         out << "gradient    depth " << depth.depth << ": " << depth.voxels << " voxels of the band, off 1 by "
             << number(depth.mean) << " on average, " << number(depth.largest) << " at most\n";
     const std::string faults = faultsOf(check);
-    out << "verdict     " << (faults.empty() ? "good" : "wrong: " + faults) << "\n";
+    const std::string good = check.graded ? "good" : "good, but not graded";
+    out << "verdict     " << (faults.empty() ? good : "wrong: " + faults) << "\n";
     return out.str();
 }
 

@@ -130,7 +130,7 @@ Corvid::Ptr<Ostara::Object> buildLevelSet(DistanceSource const& surface, LevelSe
 {
     const double h = finestVoxel<Tr>(options);
     auto native = makeVolume<Tr>(tilesOf<Tr>(surface, options), static_cast<float>(h), kCorner);
-    if (options.finer) grade<Tr>(*native, options);
+    if (options.finer || options.graded) grade<Tr>(*native, options);
     const float band = static_cast<float>(double(options.bandVoxels) * options.voxelSize);
     addChannel<Tr>(*native, Ostara::Geometry::sVoxelSignedDistance, band,
                    [&](Container<Tr> const& tree, auto& channel) {

@@ -22,6 +22,8 @@ struct LevelSetOptions {
     /// Half width of the band, in voxels: in those of `voxelSize`, and of tiles that lie in `finer` in their own.
     float bandVoxels = 3.0f;
     std::optional<FinerBox> finer;
+    /// Whether to grade the tree. With `finer` it is graded anyway.
+    bool graded = false;
     Structure structure = Structure::kBinary;
     /// Refuse results whose estimate is larger.
     std::uint64_t maxBytes = 0;
@@ -32,7 +34,8 @@ struct LevelSetOptions {
 /// and rounded to float. The default value is the band's half width in world units. Samples lie at voxel corners.
 ///
 /// With `finer` the finest tiles are those that meet its box; the band of `voxelSize` lies that many depths above them, in
-/// the box too. The tree is then graded, and the voxel size of the volume is that of its finest voxels.
+/// the box too. The tree is then graded, and the voxel size of the volume is that of its finest voxels. The tiles that
+/// grading adds hold true distances like all others.
 ///
 /// Inside is where the surface winds around a place, in either direction: parts may overlap, and cavities whose
 /// triangles look into them stay outside. Holes count as covered where the winding number passes one half; a message

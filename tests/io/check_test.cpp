@@ -5,9 +5,14 @@
 #include "support/files.h"
 #include "support/level_sets.h"
 #include "support/meshes.h"
+#include "support/output.h"
+#include "support/site_oracle.h"
 #include "support/structures.h"
 #include "support/volumes.h"
 
+#include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/substrate/child_values.h"
+#include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/dofs.h"
 #include "TilegridOps/substrate/grading.h"
 
@@ -127,32 +132,128 @@ TYPED_TEST(CheckedVolume, names_a_hanging_value_that_is_not_interpolated)
     const auto hangs = [&](auto const& tile, int flat) {
         return (std::as_const(*dofs).tileData(tile.treeIndex())(flat) & kDofHanging) != 0 && flat % Tr::branching != 0;
     };
-    const auto changed = [&](char const* name, float by) {
+    // A hanging voxel beside one that does not hang at the same height: a distance can differ by one voxel from that.
+    const auto hangsAlone = [&](auto const& tile, int flat) {
+        const int3 at = cubeIndex(Tr::width, flat);
+        return hangs(tile, flat) && at.y == 0 && at.x != 0 && at.z != 0;
+    };
+    const auto changed = [&](Corvid::String const& name, float by, auto const& chosen) {
         Native copy(*native);
         Corvid::Ptr<OST::Component> removed;
         copy.removeComponent("dofs", removed);
-        changeOne<Tr>(copy, name, hangs, by);
+        changeOne<Tr>(copy, name, chosen, by);
         return checkVolume(*Ostara::Geometry::move_ost_volume_to_object(copy));
     };
-    const VolumeCheck plain = changed("a", 1.0f);
+    const VolumeCheck plain = changed("a", 1.0f, hangs);
     EXPECT_TRUE(contains(faultsOf(plain), "'a' has 1 hanging")) << faultsOf(plain);
     // The finest hanging voxels lie between samples B apart, so a true distance may be off by the root of one half of that.
     const float bound = std::sqrt(0.5f) * Tr::branching;
-    EXPECT_EQ(faultsOf(changed(sVoxelSignedDistance.str().c_str(), 0.95f * bound)), "");
-    EXPECT_TRUE(contains(faultsOf(changed(sVoxelSignedDistance.str().c_str(), 1.05f * bound)), "1 hanging"));
+    EXPECT_EQ(faultsOf(changed(sVoxelSignedDistance, 0.95f * bound, hangsAlone)), "");
+    EXPECT_TRUE(contains(faultsOf(changed(sVoxelSignedDistance, 1.05f * bound, hangsAlone)), "1 hanging"));
+    EXPECT_TRUE(contains(faultsOf(changed(sVoxelSignedDistance, std::numeric_limits<float>::quiet_NaN(), hangsAlone)), "1 hanging"));
 }
 
-TYPED_TEST(CheckedVolume, that_is_not_graded_or_whose_parts_have_other_sizes_is_wrong)
+/// Hanging voxels of the two finest depths that are further from their interpolation than the width of the voxels around, which
+/// no function of slope 1 is from a bilinear mix of its own values.
+template <class Tr> std::vector<std::pair<TreeIndex, int>> farFromInterpolation(Native& volume)
+{
+    createDofs<Tr>("dofs", volume);
+    const auto tree = test::treeOf<Tr>(volume);
+    const auto dofs = volume.component<DofChannel<Tr>>("dofs");
+    const auto is = volume.component<Plain<Tr, float>>(sVoxelSignedDistance);
+    std::vector<std::pair<TreeIndex, int>> far;
+    for (int depth = Tr::maxDepth; depth > Tr::maxDepth - 2; --depth) {
+        Plain<Tr, float> wanted(*is);
+        setNonDOFValues(depth, depth, *tree, wanted, *dofs, 0);
+        for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
+            for (int flat = 0; flat < Tr::voxelCount; ++flat)
+                if (std::abs(wanted.tileData(n, depth)(flat) - std::as_const(*is).tileData(n, depth)(flat))
+                    > tree->voxelSize() * float(Tr::voxelDataWidth(depth - 1)))
+                    far.push_back({{n, depth}, flat});
+    }
+    Corvid::Ptr<OST::Component> removed;
+    volume.removeComponent("dofs", removed);
+    return far;
+}
+
+TYPED_TEST(CheckedVolume, of_true_distances_is_good_graded_or_not_however_far_they_are_from_interpolation)
 {
     using Tr = TypeParam;
-    // The finest tile in the corner of its parent touches what the parent's neighbour would cover: there is none, so that is two
-    // levels coarser or more.
-    auto ungraded = nativeVolume<Tr>([](Tree<Tr>& tree) {
-        auto accessor = tree.tileAccessor();
-        const int3 corner = tree.tile(accessor.addTile(1000, 1000, 1000, Tr::maxDepth - 1)).tijk();
-        accessor.addTile(corner.x, corner.y, corner.z, Tr::maxDepth);
+    // Two slabs: half way between them the distance has a ridge, over which coarse voxels mix.
+    const auto mesh = joined(boxMesh({-1, -1, -1}, {0, 1, 1}), boxMesh({2, -1, -1}, {3, 1, 1}));
+    for (const bool graded : {false, true}) {
+        HostPtr volume = levelSetOf<Tr>(mesh, 0.05f);
+        if (graded) Geometry::Volume::grade_volume(volume, {});
+        const VolumeCheck check = checkVolume(*volume);
+        EXPECT_EQ(check.graded, graded);
+        EXPECT_EQ(faultsOf(check), "") << "true distances, and what was mixed from them";
+        EXPECT_TRUE(contains(toText(check), graded ? "verdict     good\n" : "verdict     good, but not graded\n")) << toText(check);
+
+        auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(volume));
+        const auto far = farFromInterpolation<Tr>(*native);
+        ASSERT_GT(far.size(), 0u) << "the case that this is about";
+        // Such a voxel that is no distance either is wrong: two voxels off what lies beside it.
+        changeOne<Tr>(*native, sVoxelSignedDistance,
+                      [&](auto const& tile, int flat) { return tile.treeIndex() == far.front().first && flat == far.front().second; }, 10.0f);
+        EXPECT_TRUE(contains(faultsOf(checkVolume(*hostVolume(std::move(native)))), "1 hanging voxels far from"));
+    }
+}
+
+TYPED_TEST(CheckedVolume, that_was_graded_passes_also_if_it_was_in_step_before)
+{
+    using Tr = TypeParam;
+    // A field of no slope in particular, in step in a tree that is not graded.
+    auto native = nativeVolume<Tr>([](Tree<Tr>& tree) {
+        const int w = Tr::tileVoxelWidth(Tr::maxDepth - 3);
+        tree.tileAccessor().addTiles(int3(-2 * w), int3(2 * w), Tr::maxDepth - 3);
+        tree.tileAccessor().addTile(0, 0, 0, Tr::maxDepth);
     });
-    EXPECT_FALSE(checkVolume(*hostVolume(std::move(ungraded))).graded);
+    test::addChannel<Plain<Tr, float>>(*native, "a", 0.0f, [](TileKey const& key, int flat) {
+        const int3 ijk = cubeIndex(Tr::width, flat);
+        return float(noise(key, ijk.x, ijk.y, ijk.z));
+    });
+    createDofs<Tr>("dofs", *native);
+    auto channel = native->template extractComponent<Plain<Tr, float>>("a");
+    setNonDOFValues(0, Tr::maxDepth, *test::treeOf<Tr>(*native), *channel, *native->template component<DofChannel<Tr>>("dofs"), kNonDofCopy);
+    setNonLeafValueToChildValue(*channel, *test::treeOf<Tr>(*native), kCorner, 0, Tr::maxDepth);
+    native->putComponent(std::move(channel));
+    Corvid::Ptr<OST::Component> removed;
+    native->removeComponent("dofs", removed);
+    HostPtr volume = hostVolume(std::move(native));
+    EXPECT_FALSE(checkVolume(*volume).graded);
+    EXPECT_EQ(faultsOf(checkVolume(*volume)), "");
+    Geometry::Volume::grade_volume(volume, {});
+    EXPECT_TRUE(checkVolume(*volume).graded);
+    EXPECT_EQ(faultsOf(checkVolume(*volume, io::GradingRule::kRequired)), "");
+}
+
+TYPED_TEST(CheckedVolume, that_is_not_graded_is_wrong_only_if_it_must_be_and_the_first_tiles_are_named)
+{
+    using Tr = TypeParam;
+    // Of two tiles of depth 3 along the low border, the first has only a tile of depth 1 before it. The second is there so that
+    // those of depth 2 touch no tile of depth 0.
+    constexpr int B = Tr::branching, low = Tr::rangeMin, place = low + B * Tr::tileVoxelWidth(3);
+    auto ungraded = nativeVolume<Tr>([&](Tree<Tr>& tree) {
+        tree.tileAccessor().addTile(place, low, low, 3);
+        tree.tileAccessor().addTile(place + B * B * Tr::tileVoxelWidth(3), low, low, 3);
+    });
+    const HostPtr volume = hostVolume(std::move(ungraded));
+    const CapturedStream errors(std::cerr);
+    const VolumeCheck reported = checkVolume(*volume), required = checkVolume(*volume, io::GradingRule::kRequired);
+    EXPECT_EQ(errors.text(), "");
+    EXPECT_FALSE(reported.graded || required.graded);
+    EXPECT_TRUE(reported.good());
+    EXPECT_FALSE(required.good());
+    EXPECT_TRUE(contains(faultsOf(required), "grade_volume adds the missing ones"));
+    const std::string at = std::to_string(low), rest = ", " + at + ", " + at + ")";
+    EXPECT_EQ(reported.gradingFault, "the tile of depth 3 at (" + std::to_string(place) + rest + " and the tile of depth 1 at (" + at + rest);
+    EXPECT_TRUE(contains(toText(reported), "first " + reported.gradingFault)) << toText(reported);
+    EXPECT_TRUE(contains(toJson(reported), "\"grading_fault\": \"" + reported.gradingFault + "\"")) << toJson(reported);
+}
+
+TYPED_TEST(CheckedVolume, whose_parts_have_other_sizes_is_wrong)
+{
+    using Tr = TypeParam;
 
     auto native = gradedVolume<Tr>();
     addLinear<Tr>(*native, "a", {1, 1, 1}, 0.0f);

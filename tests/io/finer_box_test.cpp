@@ -108,6 +108,35 @@ TYPED_TEST(FinerBoxes, hold_true_distances_at_every_depth)
         }
 }
 
+TYPED_TEST(FinerBoxes, are_not_needed_for_a_graded_tree_of_true_distances)
+{
+    using Tr = TypeParam;
+    auto options = finerOptions<Tr>();
+    options.finer.reset();
+    const auto plain = io::levelSetFromMesh(sphere(), options, {});
+    options.graded = true;
+    const auto graded = io::levelSetFromMesh(sphere(), options, {});
+    const auto tree = treeOf<Tr>(*graded);
+    EXPECT_FALSE(io::checkVolume(*plain).graded);
+    EXPECT_TRUE(CoreGL::TileTree3D::isGraded(*tree, 0, Tr::maxDepth));
+    EXPECT_EQ(differencesAt<Tr>(Tr::maxDepth, *plain, *graded), "") << "the band is the same";
+    const auto before = treeOf<Tr>(*plain);
+    const auto values = channelOf<Tr>(*graded);
+    const BruteSurface exact(sphere());
+    int added = 0;
+    for (int depth = 1; depth < Tr::maxDepth; ++depth)
+        for (OST::int64 n = 0; n < tree->tileCount(depth) && added < 200; ++n) {
+            const int3 low = tree->tile(n, depth).tijk();
+            if (before->find(low.x, low.y, low.z, depth).depth == depth) continue;
+            ++added;
+            const int flat = int(n * 7 % Tr::voxelCount);
+            const double3 place = double(tree->voxelSize()) * double3(low + Tr::voxelDataWidth(depth) * cubeIndex(Tr::width, flat));
+            const double wanted = double(exact.distance({place.x, place.y, place.z}));
+            ASSERT_NEAR(std::abs(values->tileData(n, depth)(flat)), wanted, 2e-7 * (1.0 + wanted)) << "depth " << depth;
+        }
+    EXPECT_GT(added, 0);
+}
+
 TYPED_TEST(FinerBoxes, make_volumes_that_the_check_finds_good)
 {
     using Tr = TypeParam;

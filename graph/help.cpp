@@ -47,6 +47,7 @@ std::string detailOf(ParameterInfo const& parameter)
     if (!parameter.unit.empty()) details.push_back("in " + parameter.unit);
     if (const std::string range = rangeText(parameter.range); !range.empty()) details.push_back(range);
     if (!parameter.onlyFor.empty()) details.push_back("only for " + listed(parameter.onlyFor));
+    if (!parameter.needs.empty()) details.push_back("only with " + parameter.needs);
     if (!parameter.defaultText)
         details.push_back("must be given");
     else if (!parameter.defaultText->empty())
@@ -73,6 +74,7 @@ Json parameterToJson(ParameterInfo const& parameter)
     if (!parameter.choices.empty()) object["choices"] = parameter.choices;
     if (!parameter.endings.empty()) object["endings"] = parameter.endings;
     if (!parameter.onlyFor.empty()) object["only_for"] = parameter.onlyFor;
+    if (!parameter.needs.empty()) object["needs"] = parameter.needs;
     return object;
 }
 

@@ -40,7 +40,11 @@ std::vector<ParameterInfo> levelSetParameters(std::vector<std::string> const& on
          .defaultText = "", .onlyFor = onlyFor},
         {.name = "levels", .type = ParameterType::kInt,
          .help = "how many depths finer the box is: each divides the voxel size by 2, or by 5 in the quinary structure", .defaultText = "1",
-         .range = {.min = 1, .max = 26}, .onlyFor = onlyFor},
+         .range = {.min = 1, .max = 26}, .onlyFor = onlyFor, .needs = "inside"},
+        {.name = "graded", .type = ParameterType::kBool,
+         .help = "whether to add tiles until those that touch differ by one level at most, with true distances as everywhere; "
+                 "grade_volume, later, can only interpolate them",
+         .defaultText = "false", .onlyFor = onlyFor},
     };
 }
 
@@ -64,6 +68,7 @@ io::LevelSetOptions levelSetOptions(StepContext const& step)
     options.structure = structureOf(step.arguments);
     options.maxBytes = step.maxBytes;
     options.finer = finerBox(step.arguments);
+    options.graded = step.arguments.flag("graded");
     return options;
 }
 

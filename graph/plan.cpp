@@ -100,6 +100,8 @@ private:
                             (node.parameters.empty() ? " It has none." : " It has " + listed(node.parameterNames()) + "."));
             else if (!applies(*parameter, file))
                 stepProblem("'" + name + "' means nothing for '" + *file + "': it is for " + listed(parameter->onlyFor) + ". Leave it out.");
+            else if (!parameter->needs.empty() && !step.parameter(parameter->needs))
+                stepProblem("'" + name + "' means nothing without '" + parameter->needs + "'. Give both, or leave it out.");
             else
                 setArgument(*parameter, value, arguments);
         }

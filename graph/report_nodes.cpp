@@ -42,8 +42,9 @@ Result runInfo(StepContext& step)
 
 Result runValidate(StepContext& step)
 {
+    const auto rule = step.arguments.flag("graded") ? io::GradingRule::kRequired : io::GradingRule::kReported;
     for (io::NamedVolume const& volume : step.inputs[0]) {
-        const io::VolumeCheck check = io::checkVolume(*volume.volume);
+        const io::VolumeCheck check = io::checkVolume(*volume.volume, rule);
         print(step, volume.name, check);
         if (!check.good())
             step.services.message(Severity::kError,
@@ -123,11 +124,15 @@ NodeInfo infoNode()
 NodeInfo validateNode()
 {
     NodeInfo node{.name = "validate",
-                  .help = "checks tree, grading and values that follow from others, and measures the slope of a level set; ends the run "
-                          "with an error where something is wrong",
+                  .help = "checks the tree and values that follow from others, says whether it is graded, and measures the slope of a "
+                          "level set; ends the run with an error where something is wrong",
                   .hasResult = false, .run = runValidate};
     node.inputs = {{.name = "volume", .help = "a volume, or all volumes of a file", .several = true}};
-    node.parameters = {jsonParameter()};
+    node.parameters = {
+        {.name = "graded", .type = ParameterType::kBool, .help = "whether tiles that touch and differ by two levels or more are wrong too",
+         .defaultText = "false"},
+        jsonParameter(),
+    };
     return node;
 }
 

@@ -55,6 +55,8 @@ struct ParameterInfo {
     std::vector<std::string> endings = {};
     /// Applies only to steps whose parameter `file` has one of these endings; empty: to all.
     std::vector<std::string> onlyFor = {};
+    /// Means something only together with the parameter of this name; empty: always.
+    std::string needs = "";
     /// What a length without a unit counts.
     LengthUnit bareUnit = LengthUnit::kWorld;
     /// Whether there is a voxel that a length can be counted in.

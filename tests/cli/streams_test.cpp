@@ -108,7 +108,7 @@ TEST(Status, is_3_where_validation_finds_something_and_0_where_it_does_not)
     const WorkFolder folder;
     const Words coarse = {"read", bunny(), "voxel=0.5"};
     Words words = coarse;
-    words.insert(words.end(), {"!", "validate", "--json"});
+    words.insert(words.end(), {"!", "validate", "--json", "--graded"});
     const auto wrong = folder.run(words);
     EXPECT_EQ(wrong.status, 3) << wrong.err;
     const Json document = Json::parse(wrong.out);
@@ -116,6 +116,13 @@ TEST(Status, is_3_where_validation_finds_something_and_0_where_it_does_not)
     EXPECT_EQ(document.at("graded"), false);
     EXPECT_EQ(document.at("tree"), Json::array());
     EXPECT_TRUE(holds(wrong.err, "grade_volume")) << wrong.err;
+    // Nobody asked for a graded tree here.
+    words.pop_back();
+    const auto remark = folder.run(words);
+    EXPECT_EQ(remark.status, 0) << remark.err;
+    EXPECT_EQ(remark.err, "");
+    EXPECT_EQ(Json::parse(remark.out).at("good"), true);
+    EXPECT_EQ(Json::parse(remark.out).at("graded"), false);
 
     words = coarse;
     words.insert(words.end(), {"inside=-10,3,-10,10,10,10", "levels=2", "!", "write", "a.vdb", "layout=levels"});

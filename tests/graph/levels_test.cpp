@@ -71,10 +71,11 @@ TEST(Levels, are_written_only_if_that_is_asked_for)
 
 TEST(Validation, ends_the_run_with_an_error_that_says_what_is_wrong)
 {
-    // A band alone is not graded.
+    // A band alone is not graded, which is wrong only where that is asked for.
+    EXPECT_TRUE(contains(resultOf(Words{"read", kBunny, "voxel=0.5"} + Words{"validate"}), "verdict     good, but not graded"));
     std::ostringstream results;
     std::vector<std::string> messages;
-    const Plan plan = planOf(Words{"read", kBunny, "voxel=0.5"} + Words{"validate"} + Words{"get_voxel_size"});
+    const Plan plan = planOf(Words{"read", kBunny, "voxel=0.5"} + Words{"validate", "graded=true"} + Words{"get_voxel_size"});
     const auto message = [&](Severity, Corvid::StringView text) { messages.emplace_back(std::string_view(text)); };
     EXPECT_TRUE(contains(errorOf<NodeError>([&] {
                              run(plan, {.threads = 2, .maxBytes = std::uint64_t(1) << 30, .results = results, .messages = message, .progress = {}});
@@ -84,6 +85,24 @@ TEST(Validation, ends_the_run_with_an_error_that_says_what_is_wrong)
     EXPECT_FALSE(contains(results.str(), "\n0.5\n")) << "later steps do not run";
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_TRUE(contains(messages.front(), "'bunny' is wrong: tiles that touch differ by two levels")) << messages.front();
+}
+
+TEST(Validation, passes_after_grading_or_reading_graded)
+{
+    for (std::string const structure : {"structure=binary", "structure=quinary"})
+        for (char const* voxel : {"voxel=0.16", "voxel=0.5"}) {
+            const std::string after = resultOf(Words{"read", kBunny, voxel, structure} + Words{"grade_volume"} + Words{"validate", "graded=true"});
+            EXPECT_TRUE(contains(after, "verdict     good\n")) << after;
+            const std::string read = resultOf(Words{"read", kBunny, voxel, structure, "graded=true"} + Words{"validate", "graded=true"});
+            EXPECT_TRUE(contains(read, "verdict     good\n")) << read;
+            EXPECT_EQ(after.substr(0, after.find("property")), read.substr(0, read.find("property"))) << "the same tiles";
+        }
+}
+
+TEST(Levels, mean_nothing_without_a_box)
+{
+    const std::string text = errorOf<UsageError>([&] { planOf({"read", kBunny, "voxel=0.5", "levels=2"}); });
+    EXPECT_TRUE(contains(text, "'levels' means nothing without 'inside'. Give both, or leave it out.")) << text;
 }
 
 TEST(FinerBoxes, that_are_none_are_refused)

@@ -251,6 +251,60 @@ TYPED_TEST(CubicSampling, gives_the_default_where_there_is_nothing)
     }
 }
 
+TYPED_TEST(CubicSampling, gives_the_default_for_positions_that_are_no_place)
+{
+    const float fallback = -7;
+    CubicVolume<TypeParam> volume(threeDepths<TypeParam>(14), noise, 7, fallback);
+    volume.tree.setVoxelSize(0.5f);
+    for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical})
+        for (int64 cache : {0, 2}) {
+            const auto sampler = cubicOver(volume, CubicMode::kCubicC1, true, policy, cache);
+            for (float bad : {float(NAN), INFINITY, -INFINITY, 3e38f, -3e38f, 1e10f, -1e10f})
+                for (int a = 0; a < 3; ++a)
+                    for (int space : {int(kTileSpace), int(kWorldSpace)}) {
+                        float3 p(0.5f);
+                        p[a] = bad;
+                        EXPECT_EQ(sampler.sampleCubic(p, this->D, space), fallback) << p;
+                    }
+        }
+}
+
+TYPED_TEST(CubicSampling, reads_the_origin_everywhere_for_a_voxel_size_of_zero)
+{
+    CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 2), noise);
+    volume.tree.setVoxelSize(0.0f);
+    for (JumpPolicy policy : {JumpPolicy::kTrilinearAtJump, JumpPolicy::kHierarchical}) {
+        const auto sampler = cubicOver(volume, CubicMode::kCubicC1, true, policy);
+        const float origin = sampler.sampleCubic(float3(0), this->D, kTileSpace);
+        for (float3 const& p : {float3(0), float3(5, -1e20f, 3), float3(-7)}) EXPECT_EQ(sampler.sampleCubic(p), origin) << p;
+    }
+}
+
+TYPED_TEST(CubicSampling, clamped_keeps_the_surface_of_a_level_set_within_its_voxels)
+{
+    // A sphere whose distances were cut off close to the surface, which makes unclamped kernels overshoot.
+    const Field field = [](double x, double y, double z) { return std::clamp(std::sqrt(x * x + y * y + z * z) - 4.3, -0.8, 0.8); };
+    const CubicVolume<TypeParam> volume(uniformBox<TypeParam>(this->D, 3), sampled<TypeParam>(field));
+    const auto accessor = volume.tree.tileAccessor();
+    for (CubicMode mode : kCubicModes) {
+        const auto sampler = cubicOver(volume, mode, true);
+        Random random(15);
+        int oneSided = 0;
+        for (int n = 0; n < 2000; ++n) {
+            const float3 p = randomPosition(random, 7);
+            int inside = 0;
+            for (int c = 0; c < 8; ++c) {
+                const int3 voxel(int(std::floor(p.x)) + (c & 1), int(std::floor(p.y)) + (c >> 1 & 1), int(std::floor(p.z)) + (c >> 2));
+                inside += sampler.getVoxelValueAtTijk(voxel, this->D, kCorner, volume.channel, accessor) < 0;
+            }
+            if (inside % 8 != 0) continue;
+            ++oneSided;
+            EXPECT_EQ(sampler.sampleCubic(p, this->D, kTileSpace) < 0, inside == 8) << interpolationName(mode) << " at " << p;
+        }
+        EXPECT_GT(oneSided, 1000);
+    }
+}
+
 TYPED_TEST(CubicSampling, works_at_every_depth_and_at_the_border_of_tile_space)
 {
     using Set = TileSet<TypeParam>;

@@ -304,22 +304,29 @@ TYPED_TEST(LinearSampling, gives_the_same_bytes_on_1_2_and_8_threads)
 {
     using Tr = TypeParam;
     const auto set = refinedBox<Tr>(91, false);
-    const SampledVolume<Tr> volume(set, kCenter, noise);
     const auto positions = positionsIn<Tr>(set, 92, 4000, 0, 1e9);
-    const auto prototype = volume.sampler();
-    const auto run = [&](int threads) {
-        std::vector<std::uint32_t> bits(positions.size());
-        parallel::runJob(nullptr, threads, [&] {
-            parallel::forRanges(0, std::int64_t(positions.size()), 64, [&](std::int64_t begin, std::int64_t end) {
-                const auto sampler = prototype;
-                for (std::int64_t n = begin; n < end; ++n)
-                    bits[std::size_t(n)] = std::bit_cast<std::uint32_t>(sampler.sampleLinear(positions[std::size_t(n)], Tr::maxDepth, kTileSpace));
+    for (VoxelOffsetType offset : {kCorner, kCenter}) {
+        const SampledVolume<Tr> volume(set, offset, noise);
+        const auto prototype = volume.sampler();
+        const auto run = [&](int threads) {
+            std::vector<std::array<std::uint32_t, 5>> bits(positions.size());
+            parallel::runJob(nullptr, threads, [&] {
+                parallel::forRanges(0, std::int64_t(positions.size()), 64, [&](std::int64_t begin, std::int64_t end) {
+                    const auto sampler = prototype;
+                    for (std::int64_t n = begin; n < end; ++n) {
+                        float3 const& p = positions[std::size_t(n)];
+                        float3 g;
+                        const float value = sampler.sampleLinear(p, Tr::maxDepth, kTileSpace);
+                        const float again = sampler.sampleLinearWithGradient(p, Tr::maxDepth, kTileSpace, g);
+                        for (int c = 0; float v : {value, again, g.x, g.y, g.z}) bits[std::size_t(n)][c++] = std::bit_cast<std::uint32_t>(v);
+                    }
+                });
             });
-        });
-        return bits;
-    };
-    const auto expected = run(1);
-    for (int threads : {2, 8}) EXPECT_EQ(run(threads), expected) << threads;
+            return bits;
+        };
+        const auto expected = run(1);
+        for (int threads : {2, 8}) EXPECT_EQ(run(threads), expected) << threads << " threads, offset " << offset;
+    }
 }
 
 }  // namespace

@@ -112,6 +112,76 @@ TYPED_TEST(Stencil, of_three_factors_agrees_with_the_oracle)
         }
 }
 
+/// Positions around tiles where a block does not hold the bits of `setHaloTile`, of those that the reach covers.
+template <class Tr> std::string blockFaults(World<Tr, float> const& world, Reach reach, VoxelOffsetType offset, int& acrossJumps)
+{
+    constexpr int W = Tr::width;
+    stencils::BlockReader<Tr> reader(world.tree, *world.channel, reach, offset);
+    const auto accessor = world.tree.tileAccessor();
+    TileData<float, W, 1> halo((W + 2) * (W + 2) * (W + 2));
+    std::ostringstream text;
+    for (TreeIndex const& index : someTiles(world.tree, 400)) {
+        auto const& tile = world.tree.tile(index);
+        if (!world.channel->tileData(index)) continue;
+        StencilBlock<Tr> const& block = reader.read(tile);
+        setHaloTile<Tr, float, 0, 1, 0, 0>(index, *world.channel, kHaloLinear, kHaloAll, accessor, halo, kFill, 1.0f, offset);
+        for (int n = 0; n < halo.size(); ++n) {
+            const int3 at = cubeIndex(W + 2, n) - int3(1);
+            const int3 side((at.x >= W) - (at.x < 0), (at.y >= W) - (at.y < 0), (at.z >= W) - (at.z < 0));
+            const int outside = std::abs(side.x) + std::abs(side.y) + std::abs(side.z);
+            if (reach == Reach::kFaces && outside > 1) continue;
+            const float is = block.row(side.x, at.y, at.z)[at.x - side.x * W], wanted = halo(at.x, at.y, at.z);
+            acrossJumps += outside > 0 && accessor.tileNeighbor(tile, neighborDirection(side.x, side.y, side.z)).depth() != index.depth;
+            if (std::memcmp(&is, &wanted, sizeof is) != 0 && text.tellp() < 400)
+                text << at << " of " << keyOf(tile) << ": " << is << " instead of " << wanted << "\n";
+        }
+    }
+    return text.str();
+}
+
+TYPED_TEST(Stencil, reads_the_bits_of_the_linear_halo_across_jumps)
+{
+    constexpr int D = TypeParam::maxDepth;
+    for (bool graded : {true, false})
+        for (auto const& [low, high] : {std::pair(0, D), std::pair(D - 2, D), std::pair(0, D - 1)}) {
+            World<TypeParam, float> world(randomSet<TypeParam>(graded ? 21 : 22, 60, graded), noise, low, high);
+            for (bool table : {false, true}) {
+                if (table) world.tree.precomputeTileNeighbors();
+                for (int offset : {7, 0, 5})
+                    for (Reach reach : {Reach::kFaces, Reach::kFacesEdgesCorners}) {
+                        int acrossJumps = 0;
+                        EXPECT_EQ(blockFaults(world, reach, VoxelOffsetType(offset), acrossJumps), "")
+                            << (graded ? "graded" : "not graded") << ", offset " << offset << ", depths " << low << " to " << high;
+                        EXPECT_GT(acrossJumps, 500);
+                    }
+            }
+        }
+}
+
+TYPED_TEST(Stencil, at_the_border_of_tile_space_and_at_the_finest_depth_takes_the_default_beyond)
+{
+    using Set = TileSet<TypeParam>;
+    Set set;
+    for (std::int64_t x : {Set::rangeMin, Set::rangeMax})
+        for (std::int64_t y : {Set::rangeMin, Set::rangeMax})
+            for (std::int64_t z : {Set::rangeMin, Set::rangeMax}) set.add({x, y, z}, Set::maxDepth);
+    gradeSet(set);
+    const World<TypeParam, float> world(set, noise);
+    for (int offset : {7, 0}) {
+        int acrossJumps = 0;
+        for (Reach reach : {Reach::kFaces, Reach::kFacesEdgesCorners})
+            EXPECT_EQ(blockFaults(world, reach, VoxelOffsetType(offset), acrossJumps), "") << "offset " << offset;
+    }
+    stencils::BlockReader<TypeParam> reader(world.tree, *world.channel, Reach::kFacesEdgesCorners, kCorner);
+    const auto accessor = world.tree.tileAccessor();
+    auto const& last = world.tree.tile(accessor.find(int(Set::rangeMax), int(Set::rangeMax), int(Set::rangeMax), Set::maxDepth));
+    ASSERT_EQ(last.depth(), Set::maxDepth);
+    auto const& block = reader.read(last);
+    for (int k = 0; k < TypeParam::width; ++k)
+        for (int j = 0; j < TypeParam::width; ++j) EXPECT_EQ(block.row(1, j, k)[0], kFill);
+    EXPECT_EQ(block.row(1, TypeParam::width, TypeParam::width)[0], kFill);
+}
+
 TYPED_TEST(Stencil, keeps_to_the_depths_of_the_channel)
 {
     constexpr int D = TypeParam::maxDepth;
@@ -131,13 +201,17 @@ TYPED_TEST(Stencil, gives_the_same_bits_with_and_without_a_neighbour_table)
 TYPED_TEST(Stencil, gives_the_same_bits_on_any_number_of_threads)
 {
     World<TypeParam, float> world(randomSet<TypeParam>(17, 400, true), noise);
-    std::optional<FloatChannel<TypeParam>> first;
-    for (int threads : kThreadCounts)
-        parallel::runJob(nullptr, threads, [&] {
-            auto result = smoothedOf(world, kCorner);
-            if (!first) first.emplace(result);
-            EXPECT_TRUE(sameBits(*first, result, world.tree)) << threads << " threads";
-        });
+    for (int offset : {7, 0}) {
+        const auto type = VoxelOffsetType(offset);
+        std::optional<FloatChannel<TypeParam>> smooth, seven;
+        for (int threads : kThreadCounts)
+            parallel::runJob(nullptr, threads, [&] {
+                auto result = smoothedOf(world, type), faces = laplacianOf(world, type);
+                if (!smooth) smooth.emplace(result), seven.emplace(faces);
+                EXPECT_TRUE(sameBits(*smooth, result, world.tree)) << threads << " threads";
+                EXPECT_TRUE(sameBits(*seven, faces, world.tree)) << threads << " threads";
+            });
+    }
 }
 
 TYPED_TEST(Stencil, leaves_an_empty_tree_and_a_lone_root_in_peace)

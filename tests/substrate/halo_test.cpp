@@ -90,6 +90,35 @@ TYPED_TEST(Halo, agrees_with_the_oracle_on_random_trees)
     }
 }
 
+TYPED_TEST(Halo, at_the_border_of_tile_space_has_the_fill_value_beyond_at_every_depth)
+{
+    using Set = TileSet<TypeParam>;
+    Set set;
+    set.add({Set::rangeMin, Set::rangeMin, Set::rangeMin}, Set::maxDepth);
+    set.add({Set::rangeMax, Set::rangeMax, Set::rangeMax}, Set::maxDepth);
+    const World<TypeParam, float> world(set, noise);
+    const auto accessor = world.tree.tileAccessor();
+    constexpr int W = TypeParam::width;
+    for (HaloMode mode : {kHaloSameDepth, kHaloInject, kHaloFromParent, kHaloLinear})
+        for (OST::int64 n = 0; n < world.tree.tileCount(-1); ++n) {
+            auto const& tile = world.tree.tile(n);
+            TileData<float, W, 1> out((W + 2) * (W + 2) * (W + 2), kUntouched);
+            setHaloTile<TypeParam, float, 0, 1, 0, 0>(tile.treeIndex(), *world.channel, mode, kHaloAll, accessor, out, kFill, 1.0f, kCorner);
+            const bool low = tile.tijk().x == int(Set::rangeMin), high = tile.tijk().x > 0 || tile.depth() == 0;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j) {
+                    if (low) {
+                        EXPECT_EQ(out(-1, j, k), kFill) << keyOf(tile);
+                    }
+                    if (high) {
+                        EXPECT_EQ(out(W, j, k), kFill) << keyOf(tile);
+                    }
+                    EXPECT_EQ(out(1, j, k), world.channel->tileData(tile.treeIndex())(1, j, k));
+                }
+            for (float v : out) EXPECT_NE(v, kUntouched);
+        }
+}
+
 TYPED_TEST(Halo, reads_every_axis_by_its_own_offset_bit)
 {
     const World<TypeParam, float> world(randomSet<TypeParam>(7, 40, true), noise);

@@ -46,7 +46,7 @@ int64 floorDiv(int64 n, int64 d)
 template <class Tr, class T>
 CubicQuery<Tr, T>::CubicQuery(Sampler const& sampler, TreeIndex const& ti, int3 const& lijk, float3 const& frac, int depthLimit,
                               bool flag)
-    : s_(sampler), accessor_(sampler.accessor_), ti_(ti), tile_(sampler.container().tile(ti)), lijk_(lijk), frac_(frac),
+    : s_(sampler), accessor_(sampler.accessor()), ti_(ti), tile_(sampler.container().tile(ti)), lijk_(lijk), frac_(frac),
       depthLimit_(depthLimit), flag_(flag), vdw_(tile_.voxelDataWidth()), tvw_(tile_.tileVoxelWidth()),
       tijk_(tile_.tijk() + vdw_ * lijk)
 {

@@ -86,7 +86,7 @@ TileNeighborhood<Tr> const& VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::neighborho
         last_.tiles.setFirst(first);
         return last_.tiles;
     }
-    last_.tiles.fetchTiles(this->accessor_, ti, corner, lijk, kAllAxes);
+    last_.tiles.fetchTiles(this->accessor(), ti, corner, lijk, kAllAxes);
     last_.depth = ti.depth;
     last_.low = low;
     last_.version = version;
@@ -128,7 +128,7 @@ T VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::trilinearValue(TileNeighborhood<Tr> 
         }
         auto const& own = this->container().tile(ti);
         return getVoxelValueAtTijk(own.tijk() + own.voxelDataWidth() * (lijk + int3(i, j, k)), ti.depth, this->offsetType_, *channel_,
-                                   this->accessor_);
+                                   this->accessor());
     };
     return mixSites<T>({0, frac.x}, {0, frac.y}, {0, frac.z}, at);
 }
@@ -160,7 +160,7 @@ auto VoxelSamplerCubic<Tr, T, S, Pos, B0, B1>::cachedTile(TreeIndex const& ti) c
         lruList_.front().tile = {};
     }
     CacheEntry& entry = lruList_.front();
-    setHaloTile<Tr, T, 0, 1, 1, 0>(ti, *channel_, kHaloLinear, kHaloAll, this->accessor_, cacheData_[entry.slot], 0.0f, 1.0f, kCorner);
+    setHaloTile<Tr, T, 0, 1, 1, 0>(ti, *channel_, kHaloLinear, kHaloAll, this->accessor(), cacheData_[entry.slot], 0.0f, 1.0f, kCorner);
     lruMap_.emplace(ti, lruList_.begin());
     entry.tile = ti;
     return cacheData_[entry.slot];

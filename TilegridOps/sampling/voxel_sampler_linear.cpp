@@ -5,29 +5,33 @@
 namespace OST::TileTree3D {
 
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
-bool VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::lookUpNeighbors(std::uint32_t reached, int3 const& tileCorner) const
+auto VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::lowestTile(TreeIndex const& tile, int3 const& voxel) const -> FoundTile const&
 {
-    const int depth = neighbors_.tile.depth, width = Tr::tileVoxelWidth(depth);
-    // A place in the neighbour: one unit below the tile, in it, or one tile further. No sum leaves 32 bits.
-    const auto beside = [width](int low, int step) { return step < 0 ? low - 1 : step > 0 ? low + width : low; };
-    for (std::uint32_t open = reached & ~neighbors_.known; open; open &= open - 1) {
-        const int direction = std::countr_zero(open);
-        const int3 step = neighborOffset(static_cast<NeighborDirection>(direction));
-        const TreeIndex found =
-            neighborAccessor_.find(beside(tileCorner.x, step.x), beside(tileCorner.y, step.y), beside(tileCorner.z, step.z), depth);
-        T const* voxels = found.depth == depth ? sourceChannel_->tileData(found).data() : nullptr;
-        neighbors_.known |= 1u << direction;
+    // No sum leaves 32 bits.
+    const int3 below(voxel.x < 0, voxel.y < 0, voxel.z < 0);
+    return this->tiles_.findElsewhere(detail::lanes(this->container().tile(tile).tijk() - Tr::tileVoxelWidth(tile.depth) * below), tile.depth);
+}
+
+template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
+bool VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::fetchVoxels(FoundTile const& lowest, std::uint8_t reached) const
+{
+    const int depth = lowest.depth;
+    for (std::uint32_t open = reached & ~lowest.present; open; open &= open - 1) {
+        const int n = std::countr_zero(open);
+        const auto place = lowest.cell + detail::lanes(Tr::tileVoxelWidth(depth) * int3(n & 1, n >> 1 & 1, n >> 2));
+        const TreeIndex tile = n ? this->accessor().find(place[0], place[1], place[2], depth) : lowest.tile;
+        T const* voxels = tile.depth == depth ? sourceChannel_->tileData(tile).data() : nullptr;
         if (!voxels) return false;
-        neighbors_.present |= 1u << direction;
-        neighbors_.voxels[direction] = voxels;
+        lowest.voxels[n] = voxels;
+        lowest.present |= std::uint8_t(1u << n);
     }
-    return !(reached & ~neighbors_.present);
+    return true;
 }
 
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
 T const* VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::fetchHalo(TreeIndex const& tile) const
 {
-    return cache_.fetch(tile, queryCounter_.value, {*sourceChannel_, neighborAccessor_, this->offsetType_});
+    return cache_.fetch(tile, queryCounter_.value, {*sourceChannel_, this->accessor(), this->offsetType_});
 }
 
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
@@ -57,26 +61,20 @@ void VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::sampleLinearBatch(Pos
     constexpr std::size_t kBatch = 32;
     struct Query {
         LocatedVoxel at;
-        int3 tileCorner;
-        bool found;
+        typename Base::FoundTile const* tile;
     };
     std::array<Query, kBatch> query;
+    const int deepest = std::min(maxDepth_, depth);
     for (std::size_t begin = 0; begin < count; begin += kBatch) {
         const std::size_t size = std::min(kBatch, count - begin);
         for (std::size_t n = 0; n < size; ++n) {
-            Query& q = query[n];
-            q.found = find(positions[begin + n], depth, coordinateSpace, q.at);
-            if (!q.found) continue;
-            q.tileCorner = this->currentCorner();
-            prefetch(q.at);
+            query[n].tile = &this->template locate<false>(positions[begin + n], coordinateSpace, deepest, query[n].at);
+            prefetch(query[n].at);
         }
-        for (std::size_t n = 0; n < size; ++n) {
-            Query const& q = query[n];
-            out[begin + n] = !q.found ? defaultValue_
-                                      : read(q.at, q.tileCorner, defaultValue_, [](auto const& corner, float3 const& f) -> T {
-                                            return detail::Trilinear<T>(corner, f).value(f);
-                                        });
-        }
+        for (std::size_t n = 0; n < size; ++n)
+            out[begin + n] = read(query[n].at, *query[n].tile, [](auto const& corner, float3 const& f) -> T {
+                return detail::Trilinear<T>(corner, f).value(f);
+            });
     }
 }
 

@@ -18,6 +18,12 @@ template <> struct GradientOf<double> {
     using Type = double3;
 };
 
+/// The corners of a cube in an array with `Row` elements per axis.
+template <int Row, class T> struct CubeInArray {
+    T const* low;
+    T const& operator()(int n) const { return low[flatIndex(Row, n & 1, n >> 1 & 1, n >> 2)]; }
+};
+
 /// The values at the corners of a cube, mixed along x on its four edges, then y, then z. Corner n is the high one along x, y,
 /// z if bit 0, 1, 2 of n is set.
 template <class T> struct Trilinear {
@@ -41,6 +47,41 @@ template <class T> struct Trilinear {
     }
 };
 
+/// The same numbers with the four edges, then the two faces, side by side.
+template <> struct Trilinear<float> {
+    Lanes step, alongX, alongY;
+
+    template <class Corner> Trilinear(Corner const& corner, float3 const& f) : Trilinear(ends(corner, 0), ends(corner, 1), f) {}
+    float value(float3 const& f) const { return tilegrid::mixed(alongY[0], alongY[1], f.z); }
+    template <class Corner> float3 gradient(Corner const&, float3 const& f, float perVoxel) const
+    {
+        using tilegrid::mixed;
+        const float alongEdges = mixed(mixed(step[0], step[1], f.y), mixed(step[2], step[3], f.y), f.z);
+        const float acrossEdges = mixed(alongX[1] - alongX[0], alongX[3] - alongX[2], f.z);
+        return {perVoxel * alongEdges, perVoxel * acrossEdges, perVoxel * (alongY[1] - alongY[0])};
+    }
+
+private:
+    Trilinear(Lanes low, Lanes high, float3 const& f) : step(high - low), alongX(step * f.x + low)
+    {
+        const Lanes even = __builtin_shufflevector(alongX, alongX, 0, 2, 0, 2), odd = __builtin_shufflevector(alongX, alongX, 1, 3, 1, 3);
+        alongY = (odd - even) * f.y + even;
+    }
+    template <class Corner> static Lanes ends(Corner const& corner, int end)
+    {
+        return Lanes{corner(end), corner(2 + end), corner(4 + end), corner(6 + end)};
+    }
+    /// Both ends of an edge lie side by side, and travel as one number.
+    template <int Row> static Lanes ends(CubeInArray<Row, float> const& cube, int end)
+    {
+        using Pairs = double __attribute__((vector_size(16)));
+        double edge[4];
+        for (int n = 0; n < 4; ++n) std::memcpy(&edge[n], &cube(2 * n), sizeof(double));
+        const Lanes front = (Lanes)Pairs{edge[0], edge[1]}, back = (Lanes)Pairs{edge[2], edge[3]};
+        return end ? __builtin_shufflevector(front, back, 1, 3, 5, 7) : __builtin_shufflevector(front, back, 0, 2, 4, 6);
+    }
+};
+
 }  // namespace detail
 
 /// Trilinear interpolation between the samples of a channel. Linear functions are reproduced, across jumps of depth too; corner
@@ -60,6 +101,7 @@ template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, 
 class TILEGRID_API VoxelSamplerLinear : public VoxelSampler<Tr, S, Pos> {
     static_assert(b0 == 0 && b1 == 0 && b2 + b3 == 1 && N >= 1);
     using Base = VoxelSampler<Tr, S, Pos>;
+    using FoundTile = typename Base::FoundTile;
     static constexpr int W = Tr::width;
 
 public:
@@ -71,14 +113,14 @@ public:
     VoxelSamplerLinear() = default;
     /// Reads the channel itself. Halos are made on demand, where a neighbour of the same depth is missing.
     VoxelSamplerLinear(Container<Tr> const& container, VoxelTopology<Tr> const& topology, SourceChannel const* sourceChannel)
-        : Base(container, topology), neighborAccessor_(container), sourceChannel_(sourceChannel)
+        : Base(container, topology), sourceChannel_(sourceChannel)
     {
         if (sourceChannel) take(*sourceChannel);
     }
     /// Reads a channel whose halos were made before (`computeHalo` for the compressed form): quicker, and without a cache. The
     /// compressed form is for corner samples; with others, positions below a tile's first sample take the first sample.
     VoxelSamplerLinear(Container<Tr> const& container, VoxelTopology<Tr> const& topology, HaloChannel const* haloChannel)
-        : Base(container, topology), neighborAccessor_(container), haloChannel_(haloChannel)
+        : Base(container, topology), haloChannel_(haloChannel)
     {
         if (haloChannel) take(*haloChannel);
     }
@@ -94,8 +136,8 @@ public:
     T sampleLinear(Pos const& position, int depth = Tr::maxDepth, int coordinateSpace = kWorldSpace) const
     {
         LocatedVoxel at;
-        if (!find(position, depth, coordinateSpace, at)) return defaultValue_;
-        return read(at, this->currentCorner(), defaultValue_, [](auto const& corner, float3 const& f) -> T {
+        auto const& tile = this->locate(position, coordinateSpace, std::min(maxDepth_, depth), at);
+        return read(at, tile, [](auto const& corner, float3 const& f) -> T {
             return detail::Trilinear<T>(corner, f).value(f);
         });
     }
@@ -104,9 +146,9 @@ public:
     {
         LocatedVoxel at;
         gradient = Gradient();
-        if (!find(position, depth, coordinateSpace, at)) return defaultValue_;
-        const float perVoxel = detail::TileGeometry<Tr>::inverseWidth(at.treeIndex.depth) * this->invVoxelSize_;
-        return read(at, this->currentCorner(), defaultValue_, [perVoxel, &gradient](auto const& corner, float3 const& f) -> T {
+        auto const& tile = this->locate(position, coordinateSpace, std::min(maxDepth_, depth), at);
+        const float perVoxel = tile.inverseWidth * this->invVoxelSize_;
+        return read(at, tile, [perVoxel, &gradient](auto const& corner, float3 const& f) -> T {
             const detail::Trilinear<T> mix(corner, f);
             gradient = mix.gradient(corner, f, perVoxel);
             return mix.value(f);
@@ -132,56 +174,16 @@ private:
             return *this;
         }
     };
-    /// The two sites of a stencil on an axis: their tiles (0 below, 1 the tile itself, 2 above), and their places in them.
-    struct AxisReach {
-        int tile[2], site[2];
-        explicit AxisReach(int low)
-        {
-            for (int n = 0; n < 2; ++n) {
-                tile[n] = 1 + (low + n >= W) - (low + n < 0);
-                site[n] = low + n - W * (tile[n] - 1);
-            }
-        }
-    };
-    /// The voxels of tiles of the same depth around the tile of the last stencil that left its tile, by `NeighborDirection`. A
-    /// copy starts without.
-    struct Neighbors {
-        TreeIndex tile;
-        uint64 version = 0;
-        /// Directions that were looked up, and those where such a tile is.
-        std::uint32_t known = 0, present = 0;
-        T const* voxels[27];
-
-        Neighbors() {}
-        Neighbors(Neighbors const&) {}
-        Neighbors& operator=(Neighbors const&)
-        {
-            tile = {};
-            return *this;
-        }
-        void begin(TreeIndex const& centre, uint64 treeVersion, T const* own)
-        {
-            tile = centre;
-            version = treeVersion;
-            known = present = 1u << kNeighborSelf;
-            voxels[kNeighborSelf] = own;
-        }
-    };
-
     template <class C> void take(C const& channel)
     {
         defaultValue_ = channel.defaultValue();
         minDepth_ = channel.minDepth();
         maxDepth_ = channel.depth();
     }
-    bool find(Pos const& position, int depth, int coordinateSpace, LocatedVoxel& at) const
-    {
-        return this->locateVoxel(position, coordinateSpace, std::min(maxDepth_, depth), at) && at.treeIndex.depth >= minDepth_;
-    }
     /// A stencil in one array with `Row` elements per axis.
     template <int Row, class Mix> static T mixRows(T const* low, float3 const& f, Mix const& mix)
     {
-        return mix([low](int n) -> T const& { return low[flatIndex(Row, n & 1, n >> 1 & 1, n >> 2)]; }, f);
+        return mix(detail::CubeInArray<Row, T>{low}, f);
     }
     template <class Mix> static T mixOneLayer(T const* array, LocatedVoxel const& at, Mix const& mix)
     {
@@ -199,32 +201,30 @@ private:
         const auto end = std::uint32_t(W - 1 - first);
         return std::uint32_t(voxel.x - first) < end && std::uint32_t(voxel.y - first) < end && std::uint32_t(voxel.z - first) < end;
     }
-    /// \param tileCorner  low corner of the tile
-    template <class Mix> T read(LocatedVoxel const& at, int3 const& tileCorner, T const& defaultValue, Mix const& mix) const
+    /// \param tile  what `locate` gave with `at`, or what took its place meanwhile
+    template <class Mix> T read(LocatedVoxel const& at, FoundTile const& tile, Mix const& mix) const
     {
-        if (haloChannel_) return readHaloChannel(at, defaultValue, mix);
+        if (at.treeIndex.depth < minDepth_) [[unlikely]] return defaultValue_;
+        if (haloChannel_) return readHaloChannel(at, mix);
         T const* own = sourceChannel_->tileData(at.treeIndex).data();
-        if (!own) [[unlikely]] return defaultValue;
+        if (!own) [[unlikely]] return defaultValue_;
         ++queryCounter_.value;
         if (liesInside(at.lijk)) return mixRows<W>(own + flatIndex(W, at.lijk.x, at.lijk.y, at.lijk.z), at.frac, mix);
-        T const* halo = cache_.last(at.treeIndex);
-        if (!halo) {
-            const AxisReach x(at.lijk.x), y(at.lijk.y), z(at.lijk.z);
-            if (reachNeighbors(at.treeIndex, tileCorner, own, x, y, z))
-                return mix(
-                    [&](int n) -> T const& {
-                        const int i = n & 1, j = n >> 1 & 1, k = n >> 2;
-                        return neighbors_.voxels[9 * x.tile[i] + 3 * y.tile[j] + z.tile[k]][flatIndex(W, x.site[i], y.site[j], z.site[k])];
-                    },
-                    at.frac);
-            halo = fetchHalo(at.treeIndex);
-        }
+        if (T const* halo = cache_.last(at.treeIndex)) return mixHalo(halo, at, mix);
+        const Across across(at.lijk);
+        const bool isLowest = tile.tile == at.treeIndex && tile.depth == at.treeIndex.depth && !across.below;
+        FoundTile const& lowest = isLowest ? tile : lowestTile(at.treeIndex, at.lijk);
+        if (!(across.reached & ~lowest.present) || fetchVoxels(lowest, across.reached)) return across.mixed(lowest.voxels, at.frac, mix);
+        return mixHalo(fetchHalo(at.treeIndex), at, mix);
+    }
+    template <class Mix> T mixHalo(T const* halo, LocatedVoxel const& at, Mix const& mix) const
+    {
         return this->offsetType_ == kCorner ? mixCompressed(halo, at, mix) : mixOneLayer(halo, at, mix);
     }
-    template <class Mix> T readHaloChannel(LocatedVoxel const& at, T const& defaultValue, Mix const& mix) const
+    template <class Mix> T readHaloChannel(LocatedVoxel const& at, Mix const& mix) const
     {
         T const* array = haloChannel_->tileData(at.treeIndex).data();
-        if (!array) [[unlikely]] return defaultValue;
+        if (!array) [[unlikely]] return defaultValue_;
         if constexpr (b3 == 1)
             return mixOneLayer(array, at, mix);
         else
@@ -240,30 +240,48 @@ private:
             }
         return at;
     }
-    /// Whether all tiles of the same depth are there that a stencil reaches; they are then in `neighbors_`.
-    bool reachNeighbors(TreeIndex const& tile, int3 const& tileCorner, T const* own, AxisReach const& x, AxisReach const& y,
-                        AxisReach const& z) const
-    {
-        if (neighbors_.tile != tile || neighbors_.version != this->container().version()) neighbors_.begin(tile, this->container().version(), own);
-        // One bit per direction.
-        const std::uint32_t alongZ = 1u << z.tile[0] | 1u << z.tile[1];
-        const std::uint32_t alongYZ = alongZ << 3 * y.tile[0] | alongZ << 3 * y.tile[1];
-        const std::uint32_t reached = alongYZ << 9 * x.tile[0] | alongYZ << 9 * x.tile[1];
-        return !(reached & ~neighbors_.present) || lookUpNeighbors(reached, tileCorner);
-    }
-    bool lookUpNeighbors(std::uint32_t reached, int3 const& tileCorner) const;
+    /// A stencil that leaves its tile, from the tile of its lowest voxel: where its sites lie, and which of the eight tiles on
+    /// the high sides of that one they reach (a bit each).
+    struct Across {
+        int3 site[2], otherTile;
+        std::uint8_t reached;
+        bool below;
+        explicit Across(int3 const& voxel) : below((voxel.x | voxel.y | voxel.z) < 0)
+        {
+            // For each set of axes, the tiles along them.
+            constexpr std::uint8_t kAlong[8] = {0x01, 0x03, 0x05, 0x0f, 0x11, 0x33, 0x55, 0xff};
+            for (int axis = 0; axis < 3; ++axis) {
+                const int low = voxel[axis] < 0 ? W - 1 : voxel[axis];
+                site[0][axis] = low;
+                site[1][axis] = low == W - 1 ? 0 : low + 1;
+                otherTile[axis] = (low == W - 1) << axis;
+            }
+            reached = kAlong[otherTile.x | otherTile.y | otherTile.z];
+        }
+        template <class Mix> T mixed(void const* const* voxels, float3 const& f, Mix const& mix) const
+        {
+            const auto corner = [&](int n) -> T const& {
+                const int i = n & 1, j = n >> 1 & 1, k = n >> 2;
+                const int tile = (i ? otherTile.x : 0) + (j ? otherTile.y : 0) + (k ? otherTile.z : 0);
+                return static_cast<T const*>(voxels[tile])[flatIndex(W, site[i].x, site[j].y, site[k].z)];
+            };
+            return mix(corner, f);
+        }
+    };
+    /// The tile of the depth of `tile` that holds the voxel, which may lie below `tile` on any axis.
+    FoundTile const& lowestTile(TreeIndex const& tile, int3 const& voxel) const;
+    /// Looks for the voxels of tiles around one; false if there are none, or none of that depth.
+    bool fetchVoxels(FoundTile const& lowest, std::uint8_t reached) const;
     T const* fetchHalo(TreeIndex const& tile) const;
     /// Asks for the memory that a read will touch.
     void prefetch(LocatedVoxel const& at) const;
 
-    ConstTileAccessor<Tr> neighborAccessor_{detail::emptyContainer<Tr>()};
     SourceChannel const* sourceChannel_ = nullptr;
     HaloChannel const* haloChannel_ = nullptr;
     T defaultValue_{};
     /// Without a channel no depth is left.
     int minDepth_ = 0, maxDepth_ = -1;
     mutable Counter queryCounter_;
-    mutable Neighbors neighbors_;
     mutable HaloCache<Tr, T> cache_{N};
 };
 

@@ -11,9 +11,9 @@ namespace tilegrid {
 /// voxel at exactly the same place: the deepest tile that covers the place decides, never a coarse copy above it. Knows bytes
 /// only. For one thread.
 ///
-/// A voxel that is found so has the value that interpolation gives at its place, to the last bit, if the voxel size is a power of
-/// two and the values around it are finite. With other voxel sizes a sampler's place is rounded in single precision: it reads up
-/// to 8 epsilon max(1, |place| / voxel size) voxels beside the voxel, and may read another tile.
+/// In a binary tree whose voxel size is a power of two this is the value that interpolation gives at the place, to the last bit,
+/// if the values around it are finite. Elsewhere a sampler works with rounded places: it reads up to
+/// 8 epsilon max(1, |place| / voxel size) finest voxels beside the voxel, perhaps in another tile.
 template <class Tr> class LatticeReader {
 public:
     using Tile = typename OST::TileTree3D::Container<Tr>::Tile;

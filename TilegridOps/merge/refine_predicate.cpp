@@ -17,8 +17,11 @@ void CombinedLevelSets::add(Container<Tr> const& tree, VoxelTopology<Tr> const& 
         samplersQuinary_.emplace_back(tree, topology, &channel);
         placesQuinary_.push_back(place);
     }
-    lowest_ = std::max(lowest_, double(Tr::rangeMin) * tree.voxelSize());
-    highest_ = std::min(highest_, (double(Tr::rangeMax) + 1.0) * tree.voxelSize());
+    // Corner samples need nothing below their tile; others reach half a voxel to both sides.
+    const double rim = Tr::voxelDataWidth(0), below = topology.offsetType() == kCorner ? 0.0 : rim;
+    reach_.low = std::max(reach_.low, (double(Tr::rangeMin) + below) * tree.voxelSize());
+    reach_.high = std::min(reach_.high, (double(Tr::rangeMax) + 1.0 - rim) * tree.voxelSize());
+    reach_.radius = std::min(reach_.radius, -double(Tr::rangeMin) * tree.voxelSize());
 }
 template void CombinedLevelSets::add(Container<BinaryTraits> const&, VoxelTopology<BinaryTraits> const&, LevelSet<BinaryTraits> const&);
 template void CombinedLevelSets::add(Container<QuinaryTraits> const&, VoxelTopology<QuinaryTraits> const&, LevelSet<QuinaryTraits> const&);
@@ -42,31 +45,25 @@ float CombinedLevelSets::combineLevelSets(float3 const& position)
     return result;
 }
 
-void CombinedLevelSets::narrow(double& low, double& high) const
-{
-    low = std::max(low, lowest_);
-    high = std::min(high, highest_);
-}
-
 template <class Tr>
 LevelSetRefinePredicate<Tr>::LevelSetRefinePredicate(CombinedLevelSets const& levelSets, Container<Tr> const& tree,
                                                      VoxelTopology<Tr> const& topology, float maxError)
     : levelSets_(levelSets), voxelSize_(tree.voxelSize()), voxelOffset_(topology.offset()), maxErrorSquared_(maxError * maxError)
 {
-    double low = double(Tr::rangeMin) * voxelSize_, high = (double(Tr::rangeMax) + 1.0) * voxelSize_;
-    levelSets_.narrow(low, high);
-    lowest_ = low / voxelSize_;
-    highest_ = high / voxelSize_;
+    auto const& world = levelSets.reach();
+    reach_.low = std::max(world.low / voxelSize_, double(Tr::rangeMin));
+    reach_.high = std::min(world.high / voxelSize_, double(Tr::rangeMax));
+    reach_.radius = std::min(world.radius / voxelSize_, -double(Tr::rangeMin));
 }
 
 template <class Tr> bool LevelSetRefinePredicate<Tr>::touchesBorder(Tile const& tile, int3 const& child) const
 {
     constexpr int kFirstDepth = 2;
-    if (tile.depth() + 1 < kFirstDepth) return false;
-    const int3 corner = tile.childTIJK(child);
     const double width = tile.voxelWidth();
+    if (tile.depth() + 1 < kFirstDepth || width > 0.5 * reach_.radius) return false;
+    const int3 corner = tile.childTIJK(child);
     for (int axis = 0; axis < 3; ++axis)
-        if (double(corner[axis]) <= lowest_ || double(corner[axis]) + width >= highest_) return true;
+        if (double(corner[axis]) <= reach_.low || double(corner[axis]) + width > reach_.high) return true;
     return false;
 }
 

@@ -23,9 +23,14 @@ public:
     /// The first level set as it is, combined with one after the other: the smaller value for a union, the larger one for an
     /// intersection, the larger one of it and the negated next for a difference.
     float combineLevelSets(OST::TileTree3D::float3 const& position);
-    /// Half the width of the world cube around the origin in which all level sets have tiles: the smallest of theirs.
-    /// \param low, high  narrowed
-    void narrow(double& low, double& high) const;
+    /// Where in world space every level set is read from its voxels alone, the same on all axes.
+    struct Reach {
+        /// Inside of it no sample is mixed with a default.
+        double low = -std::numeric_limits<double>::infinity(), high = std::numeric_limits<double>::infinity();
+        /// From the origin to the border of the smallest tile space.
+        double radius = std::numeric_limits<double>::infinity();
+    };
+    Reach const& reach() const { return reach_; }
 
 private:
     std::vector<float> values_;
@@ -34,15 +39,17 @@ private:
     /// Where in `values_` the samplers put what they read, so that the order of volumes is kept.
     std::vector<std::size_t> placesQuinary_, placesBinary_;
     Geometry::Volume::LevelSetMode levelSetMode_;
-    double lowest_ = -std::numeric_limits<double>::infinity(), highest_ = std::numeric_limits<double>::infinity();
+    Reach reach_;
 };
 
 /// Whether a child cell of a tile should become a tile: if the surface may pass near it, and the trilinear function of the tile's
 /// voxels misses the combined level set by more than the tolerance at one of the child's nodes, shared ones on its far faces
 /// included.
 ///
-/// A cell of depth 2 or deeper at the border of tile space, or outside the tile space of a volume, is never refined: beyond it
-/// every sample is a default, which looks like a surface if it is as small as a narrow band's.
+/// A cell of depth 2 or deeper is never refined at the border of tile space, nor where some volume's coarsest voxels reach over
+/// the border of its own, unless it is so large that the scene may lie in it (wider than half of the way to that border). Beyond
+/// the border every sample is a default, and samples next to it are mixed with that: as small as the default of a narrow band is,
+/// it looks like a surface along the whole rim.
 template <class Tr> class LevelSetRefinePredicate {
 public:
     using Tile = typename OST::TileTree3D::Container<Tr>::Tile;
@@ -70,8 +77,8 @@ private:
     float voxelSize_;
     float3 voxelOffset_;
     float maxErrorSquared_;
-    /// Where all volumes have tiles, in tile space.
-    double lowest_, highest_;
+    /// `CombinedLevelSets::Reach` in tile space, and within the own one.
+    CombinedLevelSets::Reach reach_;
 };
 
 extern template class LevelSetRefinePredicate<OST::TileTree3D::BinaryTraits>;

@@ -1,6 +1,7 @@
 #include "node_cases.h"
 
 #include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
 
@@ -96,7 +97,19 @@ std::vector<VolumeNode> volumeNodes()
              output = std::move(input);
              grade_volume(output, services);
          },
-         "Input 'volume' is not a volume.", OnWrongType::kLeavesReference, plain, ""}};
+         "Input 'volume' is not a volume.", OnWrongType::kLeavesReference, plain, ""},
+        {"merge_volumes_internal",
+         [](HostPtr input, HostPtr& output, Services const& services) {
+             const Corvid::Array<HostPtr> volumes{input, input};
+             input = nullptr;
+             merge_volumes_internal(volumes, true, false, LevelSetMode::kUnion, FogDensityMode::kAdd, 0.5f,
+                                    Properties::Mode::kAutomatic, Geometry::Volume::InterpolationMode::kLinear, false, 1.0f,
+                                    0.01f, AutoSubdivisionStructure::kAutomatic, output, services);
+         },
+         "Input 'volumes' contains an object that is not a volume.", OnWrongType::kGivesEmpty, plain,
+         "Geometry::Volume::merge_volumes",
+         {"Geometry::Volume::merge_volumes.create_output_channels", "Geometry::Volume::merge_volumes.refine_uniformly",
+          "Geometry::Volume::merge_volumes.merge_properties"}}};
     nodes.push_back(remapNode<float>("float"));
     nodes.push_back(remapNode<double>("double"));
     nodes.push_back(remapNode<double3>("double3"));

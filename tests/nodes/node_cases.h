@@ -8,7 +8,7 @@ namespace tilegrid::test {
 
 /// What a node does with its outputs when it is given the wrong type of object. A node whose volume is a reference leaves that
 /// reference as it was, shared or not.
-enum class OnWrongType { kHandsThrough, kLeavesOutput, kLeavesReference };
+enum class OnWrongType { kHandsThrough, kLeavesOutput, kLeavesReference, kGivesEmpty };
 
 /// A node that gives a volume. `run` takes the input by value: a node that modifies uses it up.
 struct VolumeNode {
@@ -18,6 +18,8 @@ struct VolumeNode {
     OnWrongType onWrongType;
     HostPtr wrongType;
     std::string timer;
+    /// Of parts of the node's work on the sample volume.
+    std::vector<std::string> stageTimers = {};
 };
 
 /// A node that gives values: `run` returns them as text, from outputs that held something else before.

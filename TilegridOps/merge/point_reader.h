@@ -16,6 +16,18 @@ public:
     virtual ~PointReader() = default;
     /// \param values  `count` elements of the channel's type, packed
     virtual void read(Ostara::Math::float3 const* places, int count, std::byte* values) = 0;
+    /// Reads at voxels of a deeper tile of the same lattice, all in one of the channel's tiles, quicker than by places: with exact
+    /// fractions, and otherwise the same arithmetic.
+    /// \param source    a tile of the channel
+    /// \param distance  from its low corner to that of the first voxel, in tile-space units
+    /// \param width     from one voxel to the next
+    /// \param values    W^3 elements, i fastest
+    /// \return false, and nothing read, if this reader cannot
+    virtual bool prolong(OST::TileTree3D::TreeIndex const& source, OST::TileTree3D::int3 const& distance, int width, std::byte* values)
+    {
+        (void)source, (void)distance, (void)width, (void)values;
+        return false;
+    }
     virtual std::unique_ptr<PointReader> clone() const = 0;
 };
 

@@ -70,6 +70,8 @@ void LatticeReader<Tr>::readCoarser(Tile const& tile, Tile const& source, std::b
     if (!elements) return fill(values);
     const int width = tile.voxelDataWidth(), sourceWidth = source.voxelDataWidth();
     const int3 distance = tile.tijk() - source.tijk();
+    missing.source = source.treeIndex();
+    missing.distance = distance;
     // Per axis, the voxel of the source at the same place, or -1.
     std::array<std::array<int, Tr::width>, 3> at;
     for (int axis = 0; axis < 3; ++axis)
@@ -127,22 +129,19 @@ template <class Tr> float3 TileReader<Tr>::placeOf(Tile const& tile, int3 const&
 
 template <class Tr> void TileReader<Tr>::readPlaces(Tile const& tile, std::byte* values)
 {
-    const float3 low = placeOf(tile, int3());
-    std::array<std::array<float, Tr::width>, 3> along;
-    for (int axis = 0; axis < 3; ++axis) along[axis][0] = low[axis];
-    for (int n = 1; n < Tr::width; ++n) {
-        const float3 place = placeOf(tile, int3(n));
-        for (int axis = 0; axis < 3; ++axis) along[axis][n] = place[axis];
-    }
+    // Places differ by axis alone.
+    std::array<float3, Tr::width> along;
+    for (int n = 0; n < Tr::width; ++n) along[n] = placeOf(tile, int3(n));
     for (int flat = 0; flat < Tr::voxelCount; ++flat) {
         const int3 voxel = cubeIndex(Tr::width, flat);
-        places_[flat] = float3(along[0][voxel.x], along[1][voxel.y], along[2][voxel.z]);
+        places_[flat] = float3(along[voxel.x].x, along[voxel.y].y, along[voxel.z].z);
     }
     points_->read(places_.data(), Tr::voxelCount, values);
 }
 
 template <class Tr> void TileReader<Tr>::readMissing(Tile const& tile, std::byte* values)
 {
+    if (points_->prolong(missing_.source, missing_.distance, tile.voxelDataWidth(), values)) return;
     for (int n = 0; n < missing_.count; ++n) places_[n] = placeOf(tile, cubeIndex(Tr::width, missing_.voxel[n]));
     alignas(64) std::byte sampled[kMostBytes];
     points_->read(places_.data(), missing_.count, sampled);

@@ -21,6 +21,9 @@ public:
     struct VoxelList {
         std::array<std::uint8_t, Tr::voxelCount> voxel;
         int count = 0;
+        /// The coarser tile in which they lie, and the way from its low corner to that of the tile asked for.
+        OST::TileTree3D::TreeIndex source;
+        OST::TileTree3D::int3 distance;
     };
 
     LatticeReader(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::VoxelChannelCore const& channel);

@@ -127,7 +127,7 @@ template <class In, class Out> void checkOffset(VoxelOffsetType offset, float si
     auto native = OST::TileTree3D::Command::createVoxelOST<In>(sVoxelTileTree, sVoxelComp, size, offset);
     auto tree = native->template extractComponent<Tree<In>>(sVoxelTileTree);
     auto topology = native->template extractComponent<VoxelTopology<In>>(sVoxelComp);
-    tree->tileAccessor().addTiles({-20, -20, -20}, {20, 20, 20}, In::maxDepth);
+    tree->tileAccessor().addTiles({-9, -9, -9}, {9, 9, 9}, In::maxDepth);
     topology->update(*tree);
     native->putComponent(std::move(topology));
     native->putComponent(std::move(tree));
@@ -145,7 +145,7 @@ template <class In, class Out> void checkOffset(VoxelOffsetType offset, float si
         for (int flat = 0; flat < Out::voxelCount; ++flat) {
             const World p = placeOf<Out>(key, flat, h, 7);
             bool inside = true;
-            for (double x : p) inside = inside && std::abs(x) < 14 * double(size);
+            for (double x : p) inside = inside && std::abs(x) < 7 * double(size);
             if (!inside) continue;
             ++compared;
             // Eight products of numbers below 32.

@@ -185,7 +185,7 @@ int main()
     const double finest = decisions.outputVoxelSize, longest = 11.8;
     double area = 0;
     for (auto const& volume : volumes) area += io::describeVolume(*volume).levelSet->area;
-    const auto places = placesNearSurface(volumes, combined, kBunnyVoxel, 300000);
+    const auto places = placesNearSurface(volumes, combined, kBunnyVoxel, 40000);
     std::printf("| tolerance | seconds | tiles | leaf voxels | memory | largest error | grid of that error: voxel, voxels, against ours | "
                 "finest grid against ours |\n|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     for (double part : {1e-2, 1e-3, 1e-4})

@@ -58,6 +58,7 @@ int heightOf(std::string const& path)
                                                     {"TilegridOps/levelset", 3},
                                                     {"TilegridOps/filter", 3},
                                                     {"TilegridOps/liquid", 3},
+                                                    {"TilegridOps/surface", 3},
                                                     {"TilegridOps/nodes", 4},
                                                     {"io", 5},
                                                     {"graph", 6},

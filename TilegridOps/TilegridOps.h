@@ -28,3 +28,4 @@
 #include "TilegridOps/substrate/initialize_tile_data.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "TilegridOps/substrate/traversal.h"
+#include "TilegridOps/surface/surface.h"

@@ -49,7 +49,7 @@ tilegrid_install_library(tilegrid_core core TilegridOps "Volume operators on spa
 if(TILEGRID_BUILD_IO)
   tilegrid_install_library(tilegrid_io io TilegridOpsIo "Meshes, .vdb files and pictures for TilegridOps"
     PKG_CONFIG_REQUIRES "TilegridOps = ${PROJECT_VERSION}"
-    HEADERS io/check.h io/error.h io/info.h io/level_set_from_mesh.h io/mesh.h io/picture.h io/sample.h io/vdb.h)
+    HEADERS io/check.h io/error.h io/info.h io/level_set_from_mesh.h io/mesh.h io/picture.h io/sample.h io/surface.h io/vdb.h)
   file(RELATIVE_PATH bin_to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_target_properties(tilegrid_io PROPERTIES INSTALL_RPATH "$ORIGIN")
   set_target_properties(tilegrid PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")

@@ -6,6 +6,7 @@
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
 #include "io/mesh_transform.h"
+#include "io/surface.h"
 
 #include <algorithm>
 #include <filesystem>

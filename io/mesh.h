@@ -12,6 +12,9 @@ namespace tilegrid::io {
 struct TriangleMesh {
     std::vector<Ostara::Math::float3> vertices;
     std::vector<Ostara::Math::int3> triangles;
+    /// One per vertex, or none at all. Readers leave them out.
+    std::vector<Ostara::Math::float3> normals = {};
+    bool hasNormals() const { return !normals.empty() && normals.size() == vertices.size(); }
 };
 
 /// What is known about the edges of a mesh. Closed and manifold: every edge lies in two triangles, in opposite
@@ -30,7 +33,7 @@ struct MeshTopology {
 ///         coordinate that is NaN or infinite, or more than `maxBytes` (0: no limit) would hold
 TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services);
 
-/// Writes PLY (binary) or OBJ by the name's ending, under a temporary name first, so that a failure leaves an old file.
+/// Writes PLY (binary) or OBJ by the name's ending, with normals if the mesh has them, under a temporary name first, so that a failure leaves an old file.
 /// \throws InputError if the file cannot be written
 void writeMesh(std::string const& path, TriangleMesh const& mesh);
 

@@ -27,9 +27,20 @@ void writeObj(std::ostream& out, TriangleMesh const& mesh)
         for (int axis = 0; axis < 3; ++axis) appendFloat(line += ' ', v[axis]);
         out << line << '\n';
     }
+    const bool normals = mesh.hasNormals();
+    if (normals)
+        for (auto const& n : mesh.normals) {
+            line.assign("vn");
+            for (int axis = 0; axis < 3; ++axis) appendFloat(line += ' ', n[axis]);
+            out << line << '\n';
+        }
     for (auto const& t : mesh.triangles) {
         line.assign(1, 'f');
-        for (int corner = 0; corner < 3; ++corner) line.append(1, ' ').append(std::to_string(t[corner] + 1));
+        for (int corner = 0; corner < 3; ++corner) {
+            const std::string number = std::to_string(t[corner] + 1);
+            line.append(1, ' ').append(number);
+            if (normals) line.append("//").append(number);
+        }
         out << line << '\n';
     }
 }
@@ -41,13 +52,16 @@ void appendBytes(std::string& bytes, std::uint32_t value)
 
 void writePly(std::ostream& out, TriangleMesh const& mesh)
 {
+    const bool normals = mesh.hasNormals();
     out << "ply\nformat binary_little_endian 1.0\nelement vertex " << mesh.vertices.size()
-        << "\nproperty float x\nproperty float y\nproperty float z\nelement face " << mesh.triangles.size()
+        << "\nproperty float x\nproperty float y\nproperty float z\n"
+        << (normals ? "property float nx\nproperty float ny\nproperty float nz\n" : "") << "element face " << mesh.triangles.size()
         << "\nproperty list uchar int vertex_indices\nend_header\n";
     std::string bytes;
-    for (auto const& v : mesh.vertices) {
+    for (std::size_t n = 0; n < mesh.vertices.size(); ++n) {
         bytes.clear();
-        for (int axis = 0; axis < 3; ++axis) appendBytes(bytes, std::bit_cast<std::uint32_t>(v[axis]));
+        for (int axis = 0; axis < 3; ++axis) appendBytes(bytes, std::bit_cast<std::uint32_t>(mesh.vertices[n][axis]));
+        for (int axis = 0; normals && axis < 3; ++axis) appendBytes(bytes, std::bit_cast<std::uint32_t>(mesh.normals[n][axis]));
         out << bytes;
     }
     for (auto const& t : mesh.triangles) {

@@ -2,7 +2,6 @@
 #include "TilegridOps/host/object.h"
 #include "TilegridOps/host/runtime.h"
 #include "io/level_set_from_mesh.h"
-#include "io/mesh.h"
 
 #include <string>
 #include <vector>
@@ -58,10 +57,5 @@ enum class VdbLayout {
 /// \throws InputError if nothing can be written or the file cannot be
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
               VdbLayout layout = VdbLayout::kFlat);
-
-/// The zero surface of `voxel_signed_distance`, flattened to the finest depth in use, with normals outward. No triangle if
-/// the distance has one sign.
-/// \throws InputError for an object without one
-TriangleMesh extractSurface(Ostara::Object const& volume);
 
 }  // namespace tilegrid::io

@@ -119,7 +119,5 @@ Corvid::Ptr<Ostara::Object> volumeFromGrids(std::vector<PlacedGrid> const& grids
 /// All properties that have a grid type, flattened, in the order of their names.
 std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
                                                     Corvid::RuntimeServices const& services);
-/// The signed distance alone. \throws InputError if there is none
-openvdb::FloatGrid::Ptr levelSetGrid(Ostara::Object const& volume);
 
 }  // namespace tilegrid::io

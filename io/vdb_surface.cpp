@@ -1,14 +1,10 @@
-#include "io/error.h"
 #include "io/vdb_grids.h"
 
 #include <openvdb/tools/VolumeToMesh.h>
 
-#include <cmath>
-
 namespace tilegrid::io {
 
 using Ostara::Math::double3;
-using Ostara::Math::float3;
 using Ostara::Math::int3;
 
 namespace {
@@ -52,20 +48,6 @@ IndexSurface surfaceInIndexSpace(openvdb::FloatGrid const& grid)
     for (openvdb::Vec3I const& t : triangles) surface.triangles.push_back({int(t[2]), int(t[1]), int(t[0])});
     for (openvdb::Vec4I const& q : quads) appendQuad(surface, points, {q[3], q[2], q[1], q[0]});
     return surface;
-}
-
-TriangleMesh extractSurface(Ostara::Object const& volume)
-{
-    openvdb::initialize();
-    const openvdb::FloatGrid::Ptr grid = levelSetGrid(volume);
-    const IndexSurface surface = surfaceInIndexSpace(*grid);
-    TriangleMesh mesh;
-    mesh.triangles = surface.triangles;
-    for (double3 const& v : surface.vertices) {
-        const openvdb::Vec3d world = grid->indexToWorld(openvdb::Vec3d(v.x, v.y, v.z));
-        mesh.vertices.emplace_back(float(world[0]), float(world[1]), float(world[2]));
-    }
-    return mesh;
 }
 
 }  // namespace tilegrid::io

@@ -194,18 +194,6 @@ openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> cons
 
 }  // namespace
 
-openvdb::FloatGrid::Ptr levelSetGrid(Ostara::Object const& volume)
-{
-    return withTree(
-        volume, []<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
-            auto grid = levelSetOf(native, tree, topology);
-            if (!grid)
-                throw InputError("the volume has no signed distance (a float property '"
-                                 + Ostara::Geometry::sVoxelSignedDistance.str() + "')");
-            return grid;
-        });
-}
-
 std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
                                                     Corvid::RuntimeServices const& services)
 {

@@ -15,6 +15,31 @@ int3 neighborPlace(int3 const& corner, int3 const& offset, int width)
     return {corner.x + offset.x * width, corner.y + offset.y * width, corner.z + offset.z * width};
 }
 
+/// The cells of a tile that touch the tile in each direction.
+template <class Tr> constexpr auto cellsAtSides()
+{
+    constexpr int W = Tr::width;
+    std::array<CellBits<Tr>, 27> sides{};
+    for (int n = 0; n < 27; ++n)
+        for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+            const int3 offset = neighborOffset(NeighborDirection(n)), cell = cubeIndex(W, flat);
+            bool touches = true;
+            for (int axis = 0; axis < 3; ++axis)
+                touches = touches && (offset[axis] == 0 || cell[axis] == (offset[axis] < 0 ? 0 : W - 1));
+            if (touches) sides[std::size_t(n)] |= CellBits<Tr>(1) << flat;
+        }
+    return sides;
+}
+template <class Tr> inline constexpr auto kCellsAtSides = cellsAtSides<Tr>();
+
+template <class Bits> int lowestBit(Bits bits)
+{
+    const auto low = std::uint64_t(bits);
+    if constexpr (sizeof(Bits) > 8)
+        if (low == 0) return 64 + std::countr_zero(std::uint64_t(bits >> 64));
+    return std::countr_zero(low);
+}
+
 }  // namespace
 
 template <class Tr> CellSheets<Tr>& TileScan<Tr>::sheets()
@@ -28,6 +53,7 @@ template <class Tr> CellSheets<Tr>& TileScan<Tr>::sheets()
 
 template <class Tr> void TileScan<Tr>::scan(Tile const& tile, CellChunk<Tr>& chunk)
 {
+    if (!hasLeafCells(tile)) return;
     around_ = &walk_.around(tile);
     if (const Signs signs = signsAround(tile); signs != kBothSigns) {
         typename TileSigns<Tr>::Cells same;
@@ -35,14 +61,20 @@ template <class Tr> void TileScan<Tr>::scan(Tile const& tile, CellChunk<Tr>& chu
         signs_->setCells(tile.treeIndex(), same);
         return;
     }
-    allLeaf_ = isUniform(tile);
-    if (!allLeaf_) fillBlocks(tile);
     readNodes(tile);
-    if (!allLeaf_ || tile.depth() < signs_->deepest()) setCellSigns(tile);
-    Rows rows;
-    selectCells(rows);
-    selectActive(rows);
-    addCells(tile, rows, chunk);
+    compareCorners();
+    if (!sortSides(tile)) {
+        sortBlocks(tile);
+        setCellSigns(tile);
+        sortCells();
+    }
+    if (regular_ || irregular_) addCells(tile, chunk);
+}
+
+template <class Tr> bool TileScan<Tr>::hasLeafCells(Tile const& tile) const
+{
+    if (tile.depth() == signs_->deepest() || tile.isLeaf()) return true;
+    return std::any_of(tile.childIndices(), tile.childIndices() + Tr::childCount, [](int64 child) { return child < 0; });
 }
 
 /// Of all samples that can decide about a leaf cell of the tile, and a few more.
@@ -62,10 +94,21 @@ template <class Tr> Signs TileScan<Tr>::signsAround(Tile const& tile) const
     return signs;
 }
 
-template <class Tr> bool TileScan<Tr>::isUniform(Tile const& tile) const
+/// The usual case: no child in or around the tile. Tells the cells by the tiles that they touch. \return false if there are children
+template <class Tr> bool TileScan<Tr>::sortSides(Tile const& tile)
 {
-    for (TreeIndex const& at : *around_)
-        if (at.depth != tile.depth() || (at.depth < signs_->deepest() && !tree_->tile(at).isLeaf())) return false;
+    std::array<Cells, 4> at{};  // by the signs of the coarser tiles there
+    for (int n = 0; n < 27; ++n) {
+        const TreeIndex side = (*around_)[std::size_t(n)];
+        if (side.depth == tile.depth()) {
+            if (side.depth < signs_->deepest() && !tree_->tile(side).isLeaf()) return false;
+            continue;
+        }
+        const int3 place = neighborPlace(tile.tijk(), neighborOffset(NeighborDirection(n)), tile.tileVoxelWidth());
+        at[side.valid() ? signs_->ofCell(side, place) : signs_->outside()] |= kCellsAtSides<Tr>[std::size_t(n)];
+    }
+    regular_ = anyInside_ & ~allInside_ & ~(at[kInside] | at[kOutside] | at[kBothSigns]);
+    irregular_ = (at[kInside] & ~allInside_) | (at[kOutside] & anyInside_) | at[kBothSigns];
     return true;
 }
 
@@ -78,12 +121,12 @@ template <class Tr> typename TileScan<Tr>::Block TileScan<Tr>::blockAt(Tile cons
     }
     const TreeIndex at = (*around_)[std::size_t(neighborDirection(step.x, step.y, step.z))];
     if (at.depth == tile.depth())
-        return isLeafCell(tree_->tile(at), flatIndex(B, within.x, within.y, within.z)) ? Block::kLeaf : Block::kDivided;
+        return at.depth == signs_->deepest() || tree_->tile(at).isLeaf(within) ? Block::kLeaf : Block::kDivided;
     signs = at.valid() ? signs_->ofCell(at, neighborPlace(tile.tijk(), cell, tile.voxelWidth())) : signs_->outside();
     return Block::kCoarser;
 }
 
-template <class Tr> void TileScan<Tr>::fillBlocks(Tile const& tile)
+template <class Tr> void TileScan<Tr>::sortBlocks(Tile const& tile)
 {
     for (int z = -1; z <= B; ++z)
         for (int y = -1; y <= B; ++y)
@@ -121,6 +164,19 @@ template <class Tr> void TileScan<Tr>::readNodes(Tile const& tile)
         }
 }
 
+template <class Tr> void TileScan<Tr>::compareCorners()
+{
+    anyInside_ = allInside_ = 0;
+    for (int k = W - 1; k >= 0; --k)
+        for (int j = W - 1; j >= 0; --j) {
+            Row const* row = &inside_[std::size_t(j + N * k)];
+            const Row any = row[0] | row[1] | row[N] | row[N + 1], all = row[0] & row[1] & row[N] & row[N + 1];
+            constexpr Row kCells = (1u << W) - 1;
+            anyInside_ = anyInside_ << W | ((any | any >> 1) & kCells);
+            allInside_ = allInside_ << W | (all & all >> 1 & kCells);
+        }
+}
+
 template <class Tr> Signs TileScan<Tr>::signsOfBlock(int3 const& cell) const
 {
     Signs signs = 0;
@@ -130,8 +186,7 @@ template <class Tr> Signs TileScan<Tr>::signsOfBlock(int3 const& cell) const
             const Row row = inside_[std::size_t(j + N * k)] >> (cell.x * r) & kNodes;
             signs |= Signs((row ? kInside : 0) | (row != kNodes ? kOutside : 0));
         }
-    if (allLeaf_) return signs;
-    for (int n = 0; n < 27; ++n) {
+    for (int n = 0; n < 27 && signs != kBothSigns; ++n) {
         const int3 offset = neighborOffset(NeighborDirection(n));
         signs |= blockSigns_[std::size_t(blockNumber(cell.x + offset.x, cell.y + offset.y, cell.z + offset.z))];
     }
@@ -140,49 +195,34 @@ template <class Tr> Signs TileScan<Tr>::signsOfBlock(int3 const& cell) const
 
 template <class Tr> void TileScan<Tr>::setCellSigns(Tile const& tile)
 {
-    for (int n = 0; n < Tr::childCount; ++n) cellSigns_[std::size_t(n)] = signsOfBlock(cubeIndex(B, n));
+    for (int n = 0; n < Tr::childCount; ++n) {
+        const int3 cell = cubeIndex(B, n);
+        const bool isLeaf = block_[std::size_t(blockNumber(cell.x, cell.y, cell.z))] == Block::kLeaf;
+        cellSigns_[std::size_t(n)] = isLeaf ? signsOfBlock(cell) : kBothSigns;
+    }
     signs_->setCells(tile.treeIndex(), cellSigns_);
 }
 
-/// Leaf cells: regular ones with leaf cells of the depth all around, and others where both signs occur.
-template <class Tr> void TileScan<Tr>::selectCells(Rows& rows) const
+template <class Tr> bool TileScan<Tr>::leafAround(int3 const& cell) const
 {
-    if (allLeaf_) {
-        rows.regular.fill((1u << W) - 1);
-        rows.irregular.fill(0);
-        return;
-    }
-    const auto leafAround = [this](int i, int j, int k) {
-        for (int z = (k + r - 1) / r - 1; z <= (k + 1) / r; ++z)
-            for (int y = (j + r - 1) / r - 1; y <= (j + 1) / r; ++y)
-                for (int x = (i + r - 1) / r - 1; x <= (i + 1) / r; ++x)
-                    if (block_[std::size_t(blockNumber(x, y, z))] != Block::kLeaf) return false;
-        return true;
-    };
-    for (int k = 0; k < W; ++k)
-        for (int j = 0; j < W; ++j) {
-            Row regular = 0, irregular = 0;
-            for (int i = 0; i < W; ++i) {
-                if (block_[std::size_t(blockNumber(i / r, j / r, k / r))] != Block::kLeaf) continue;
-                if (leafAround(i, j, k))
-                    regular |= 1u << i;
-                else if (cellSigns_[std::size_t(flatIndex(B, i / r, j / r, k / r))] == kBothSigns)
-                    irregular |= 1u << i;
-            }
-            rows.regular[std::size_t(j + W * k)] = regular;
-            rows.irregular[std::size_t(j + W * k)] = irregular;
-        }
+    for (int z = (cell.z + r - 1) / r - 1; z <= (cell.z + 1) / r; ++z)
+        for (int y = (cell.y + r - 1) / r - 1; y <= (cell.y + 1) / r; ++y)
+            for (int x = (cell.x + r - 1) / r - 1; x <= (cell.x + 1) / r; ++x)
+                if (block_[std::size_t(blockNumber(x, y, z))] != Block::kLeaf) return false;
+    return true;
 }
 
-/// Keeps the regular cells whose corners differ.
-template <class Tr> void TileScan<Tr>::selectActive(Rows& rows) const
+/// The general case, by child cells.
+template <class Tr> void TileScan<Tr>::sortCells()
 {
-    for (int k = 0; k < W; ++k)
-        for (int j = 0; j < W; ++j) {
-            Row const* row = &inside_[std::size_t(j + N * k)];
-            const Row any = row[0] | row[1] | row[N] | row[N + 1], all = row[0] & row[1] & row[N] & row[N + 1];
-            rows.regular[std::size_t(j + W * k)] &= (any | any >> 1) & ~(all & all >> 1);
-        }
+    regular_ = irregular_ = 0;
+    for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+        const int3 cell = cubeIndex(W, flat), block{cell.x / r, cell.y / r, cell.z / r};
+        if (block_[std::size_t(blockNumber(block.x, block.y, block.z))] != Block::kLeaf) continue;
+        if (cellSigns_[std::size_t(flatIndex(B, block.x, block.y, block.z))] != kBothSigns) continue;
+        (leafAround(cell) ? regular_ : irregular_) |= Cells(1) << flat;
+    }
+    regular_ &= anyInside_ & ~allInside_;
 }
 
 template <class Tr> int TileScan<Tr>::negativeCorners(int3 const& cell) const
@@ -207,24 +247,21 @@ template <class Tr> TileCells<Tr>& TileScan<Tr>::open(Tile const& tile, CellChun
     return cells;
 }
 
-template <class Tr> void TileScan<Tr>::addCells(Tile const& tile, Rows const& rows, CellChunk<Tr>& chunk)
+template <class Tr> void TileScan<Tr>::addCells(Tile const& tile, CellChunk<Tr>& chunk)
 {
-    TileCells<Tr>* cells = nullptr;
-    for (int n = 0; n < W * W; ++n)
-        for (Row left = rows.regular[std::size_t(n)] | rows.irregular[std::size_t(n)]; left; left &= left - 1) {
-            const int3 cell{std::countr_zero(left), n % W, n / W};
-            if (!cells) cells = &open(tile, chunk);
-            if (rows.regular[std::size_t(n)] >> cell.x & 1)
-                addRegular(tile, cell, *cells, chunk);
-            else
-                addIrregular(tile, cell, *cells, chunk);
-        }
-    if (!cells) return;
-    cells->lastSide = chunk.sides.size();
-    cells->lastPolygon = chunk.polygons.size();
-    chunk.triangles += cells->triangles;
+    TileCells<Tr>& cells = open(tile, chunk);
+    for (Cells left = regular_ | irregular_; left; left &= left - 1) {
+        const int number = lowestBit(left);
+        if (regular_ >> number & 1)
+            addRegular(tile, cubeIndex(W, number), cells, chunk);
+        else
+            addIrregular(tile, cubeIndex(W, number), cells, chunk);
+    }
+    cells.lastSide = chunk.sides.size();
+    cells.lastPolygon = chunk.polygons.size();
+    chunk.triangles += cells.triangles;
     // Irregular cells may have turned out to hold nothing.
-    if (cells->firstVertex == std::int64_t(chunk.vertices.size())) chunk.tiles.pop_back();
+    if (cells.firstVertex == std::int64_t(chunk.vertices.size())) chunk.tiles.pop_back();
 }
 
 template <class Tr>

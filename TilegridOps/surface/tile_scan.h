@@ -9,6 +9,9 @@
 
 namespace tilegrid::surface {
 
+/// A bit for each cell of a tile, x fastest.
+template <class Tr> using CellBits = std::conditional_t<Tr::voxelCount <= 64, std::uint64_t, unsigned __int128>;
+
 /// The first pass: finds the cells of a tile that hold surface, and places their vertices. One per thread.
 template <class Tr> class TileScan {
 public:
@@ -27,25 +30,24 @@ private:
     enum class Block : std::uint8_t { kLeaf, kDivided, kCoarser };
     static constexpr int blockNumber(int x, int y, int z) { return flatIndex(B + 2, x + 1, y + 1, z + 1); }
 
-    /// Bits of a row of cells along x.
+    /// Bits of a row of nodes along x, and of all cells of the tile.
     using Row = std::uint32_t;
-    struct Rows {
-        std::array<Row, W * W> regular, irregular;
-    };
+    using Cells = CellBits<Tr>;
 
+    bool hasLeafCells(Tile const& tile) const;
     Signs signsAround(Tile const& tile) const;
-    bool isUniform(Tile const& tile) const;
-    void fillBlocks(Tile const& tile);
+    bool sortSides(Tile const& tile);
+    void sortBlocks(Tile const& tile);
     Block blockAt(Tile const& tile, int3 const& cell, Signs& signs) const;
     void readNodes(Tile const& tile);
+    void compareCorners();
     void setCellSigns(Tile const& tile);
     Signs signsOfBlock(int3 const& cell) const;
-    void selectCells(Rows& rows) const;
-    void selectActive(Rows& rows) const;
+    bool leafAround(int3 const& cell) const;
+    void sortCells();
     int negativeCorners(int3 const& cell) const;
-    bool isLeafCell(Tile const& tile, int cell) const { return tile.depth() == signs_->deepest() || tile.isLeaf(cell); }
 
-    void addCells(Tile const& tile, Rows const& rows, CellChunk<Tr>& chunk);
+    void addCells(Tile const& tile, CellChunk<Tr>& chunk);
     TileCells<Tr>& open(Tile const& tile, CellChunk<Tr>& chunk) const;
     void addRegular(Tile const& tile, int3 const& cell, TileCells<Tr>& cells, CellChunk<Tr>& chunk);
     void addIrregular(Tile const& tile, int3 const& cell, TileCells<Tr>& cells, CellChunk<Tr>& chunk);
@@ -58,12 +60,14 @@ private:
     TileSigns<Tr>* signs_;
     OST::TileTree3D::NeighborWalk<Tr> walk_;
     OST::TileTree3D::Surroundings const* around_ = nullptr;
-    /// All blocks in and around the tile are leaf cells of its depth.
-    bool allLeaf_ = false;
     std::array<Block, (B + 2) * (B + 2) * (B + 2)> block_;
     /// Of coarser blocks.
     std::array<Signs, (B + 2) * (B + 2) * (B + 2)> blockSigns_;
     std::array<Signs, Tr::childCount> cellSigns_;
+    /// Cells that may hold surface, with leaf cells of the depth all around, and others.
+    Cells regular_, irregular_;
+    /// Cells with a corner inside, and with all corners.
+    Cells anyInside_, allInside_;
     std::array<float, N * N * N> nodes_;
     /// A bit for each node of a row that is inside.
     std::array<Row, N * N> inside_;

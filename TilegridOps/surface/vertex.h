@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 
 namespace tilegrid::surface {
 
@@ -37,7 +38,7 @@ struct CellFunction {
 inline float3 ontoZeroSet(CellFunction const& function, float3 place, float3& gradient)
 {
     constexpr int kSteps = 4;
-    constexpr float kNear = 1e-5f;  // of a voxel
+    constexpr float kNear = 1e-4f;  // of a voxel
     for (int step = 0; step < kSteps; ++step) {
         const float value = function.evaluate(place, gradient);
         const float squared = gradient.x * gradient.x + gradient.y * gradient.y + gradient.z * gradient.z;
@@ -53,9 +54,11 @@ inline float3 ontoZeroSet(CellFunction const& function, float3 place, float3& gr
 /// Of length 1, or zero.
 inline float3 direction(float3 const& v)
 {
-    // In double, so that squares neither vanish nor overflow.
+    const float squared = v.x * v.x + v.y * v.y + v.z * v.z;
+    if (squared > 1e-30f && squared < 1e30f) return (1 / std::sqrt(squared)) * v;
+    // In double squares neither vanish nor overflow.
     const double length = std::sqrt(double(v.x) * v.x + double(v.y) * v.y + double(v.z) * v.z);
-    if (!(length > 0 && length <= 3e38 * 2)) return {};
+    if (!(length > 0 && length < std::numeric_limits<double>::infinity())) return {};
     return {float(v.x / length), float(v.y / length), float(v.z / length)};
 }
 

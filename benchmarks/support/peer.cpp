@@ -7,6 +7,7 @@
 #include <openvdb/tools/Interpolation.h>
 #include <openvdb/tools/LevelSetSphere.h>
 #include <openvdb/tools/MeshToVolume.h>
+#include <openvdb/tools/VolumeToMesh.h>
 #include <openvdb/tree/LeafManager.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
@@ -91,6 +92,14 @@ std::uint64_t PeerGrid::mean() const
     openvdb::tools::Filter<openvdb::FloatGrid> filter(*content_->filtered());
     filter.mean(1, 1);
     return bitsOf(*content_->filtered()->cbeginValueOn());
+}
+
+std::int64_t PeerGrid::surfaceTriangles() const
+{
+    std::vector<openvdb::Vec3s> points;
+    std::vector<openvdb::Vec4I> quads;
+    openvdb::tools::volumeToMesh(*content_->grid, points, quads);
+    return 2 * std::int64_t(quads.size());
 }
 
 PeerGrid::PeerGrid(std::unique_ptr<Content> content) : content_(std::move(content)) {}

@@ -35,6 +35,9 @@ public:
     /// The mean over 3x3x3 voxels of every active voxel, one pass.
     std::uint64_t mean() const;
 
+    /// The zero surface as points and quads, counted as two triangles each; full resolution.
+    std::int64_t surfaceTriangles() const;
+
     float voxelSize() const;
     std::vector<float> values(std::vector<Ostara::Math::int3> const& places) const;
     /// For each place, whether the voxels of the cube from it to one further on each axis are all active.

@@ -1,4 +1,5 @@
 #include "io/error.h"
+#include "io/surface.h"
 #include "io/vdb.h"
 #include "io/volume_builder.h"
 #include "support/brute_surface.h"

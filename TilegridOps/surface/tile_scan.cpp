@@ -282,18 +282,20 @@ void TileScan<Tr>::addRegular(Tile const& tile, int3 const& cell, TileCells<Tr>&
     CellFunction function;
     for (int n = 0; n < 8; ++n)
         function.corner[std::size_t(n)] = nodes_[std::size_t(flatIndex(N, cell.x + (n & 1), cell.y + (n >> 1 & 1), cell.z + (n >> 2)))];
-    std::array<float3, 4> sum{};
+    std::array<std::array<float, 3>, 4> sum{};
     std::array<float, 4> count{};
     for (unsigned left = cellCase.edges; left; left &= left - 1) {
         const int edge = std::countr_zero(left), low = edgeCorner(edge), axis = edge / 4;
         const auto sheet = std::size_t(cellCase.sheetOf[std::size_t(edge)]);
-        float3 point(float(low & 1), float(low >> 1 & 1), float(low >> 2));
-        point[axis] += zeroBetween(function.corner[std::size_t(low)], function.corner[std::size_t(low | 1 << axis)]);
-        sum[sheet] += point;
+        auto& point = sum[sheet];
+        for (int a = 0; a < 3; ++a) point[std::size_t(a)] += float(low >> a & 1);
+        point[std::size_t(axis)] += zeroBetween(function.corner[std::size_t(low)], function.corner[std::size_t(low | 1 << axis)]);
         count[sheet] += 1;
     }
-    for (std::size_t sheet = 0; sheet < cellCase.sheets; ++sheet)
-        addVertex(tile, cell, function, (1 / count[sheet]) * sum[sheet], chunk);
+    for (std::size_t sheet = 0; sheet < cellCase.sheets; ++sheet) {
+        auto const& point = sum[sheet];
+        addVertex(tile, cell, function, (1 / count[sheet]) * float3(point[0], point[1], point[2]), chunk);
+    }
 }
 
 template <class Tr>

@@ -31,17 +31,19 @@ public:
             const CellEntry entry = cells.cell[std::size_t(n)];
             if (entry.empty() || !entry.isRegular()) continue;
             const int negative = entry.negative();
-            for (int axis = 0; axis < 3; ++axis)
-                if ((negative ^ negative >> (1 << axis)) & 1) writeRegular(cells, cubeIndex(W, n), axis, negative & 1);
+            const int3 cell = cubeIndex(W, n);
+            if ((negative ^ negative >> 1) & 1) writeRegular<0>(cells, cell, negative & 1);
+            if ((negative ^ negative >> 2) & 1) writeRegular<1>(cells, cell, negative & 1);
+            if ((negative ^ negative >> 4) & 1) writeRegular<2>(cells, cell, negative & 1);
         }
         for (std::size_t n = cells.firstPolygon; n < cells.lastPolygon; ++n) writeIrregular(cells.chunk->polygons[n]);
     }
 
 private:
     /// Around the edge from the cell's low corner.
-    void writeRegular(TileCells<Tr> const& cells, int3 const& cell, int axis, bool lowInside)
+    template <int axis> void writeRegular(TileCells<Tr> const& cells, int3 const& cell, bool lowInside)
     {
-        const int b = (axis + 1) % 3, c = (axis + 2) % 3;
+        constexpr int b = (axis + 1) % 3, c = (axis + 2) % 3;
         std::array<int, 4> corner;
         constexpr std::array<std::array<int, 2>, 4> kSteps{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}};
         for (std::size_t n = 0; n < 4; ++n) {
@@ -50,11 +52,14 @@ private:
             at[b] -= u;
             at[c] -= v;
             int tile = 0;
-            for (int a = 0; a < 3; ++a)
-                if (at[a] < 0) {
-                    tile |= 1 << a;
-                    at[a] += W;
-                }
+            if (at[b] < 0) {
+                tile |= 1 << b;
+                at[b] += W;
+            }
+            if (at[c] < 0) {
+                tile |= 1 << c;
+                at[c] += W;
+            }
             TileCells<Tr> const& holder = *around_[std::size_t(tile)];
             const int number = flatIndex(W, at.x, at.y, at.z);
             const CellEntry entry = holder.cell[std::size_t(number)];

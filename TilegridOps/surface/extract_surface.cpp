@@ -64,9 +64,14 @@ template <class Tr> void Extraction<Tr>::countAll(Surface& surface)
     }
     if (vertices > std::numeric_limits<std::int32_t>::max())
         throw std::length_error("the surface has more vertices than 32 bits can number");
-    surface.vertices.resize(std::size_t(vertices));
-    surface.normals.resize(std::size_t(vertices));
-    surface.triangles.resize(std::size_t(triangles));
+    // Touching new memory takes a tenth of all the time on one thread.
+    parallel::forRanges(0, 3, 1, [&](int64 begin, int64 end) {
+        for (int64 n = begin; n < end; ++n) {
+            if (n == 0) surface.triangles.resize(std::size_t(triangles));
+            if (n == 1) surface.vertices.resize(std::size_t(vertices));
+            if (n == 2) surface.normals.resize(std::size_t(vertices));
+        }
+    });
     for (CellChunk<Tr> const& chunk : chunks) {
         auto& tiles = index[std::size_t(chunk.tiles.front().tile.depth)];
         if (tiles.empty()) tiles.assign(std::size_t(tree.tileCount(chunk.tiles.front().tile.depth)), nullptr);

@@ -20,14 +20,18 @@ struct Surface {
 ///
 /// One vertex per leaf cell and sheet of the surface in it, inside the cell; one polygon around every piece of lattice edge
 /// whose ends differ in sign, as triangles (a quad is cut along its shorter diagonal). The mesh has no open edge, whatever the
-/// values and the tree are, graded or not. An edge can lie in four triangles where two sheets touch in one cell face; such
-/// faces are split the other way where that parts them, so that smooth fields give none.
+/// values and the tree are, graded or not. Two sheets that touch in a cell face would make an edge of four triangles; such a face
+/// is split the other way, which parts them. With that no such edge is known, on noise neither, but it is not proven for cells
+/// beside finer ones.
+///
+/// A node counts as the coarsest leaf cell around it tells it: by its sample at that depth, or by the trilinear mix of that cell.
+/// On volumes whose dependent values are restored (`setNonDOFValues`) these are the values that the channel has there.
 ///
 /// Samples off the corners are brought to the corners first, by the mean of the two samples beside them per axis; that moves the
 /// surface by no more than second order in the voxel size.
 ///
-/// \param levelSet  only read. Non-leaf values are not used where finer tiles tell the same place. A depth deeper than the channel
-///                  shows the channel's deepest values; above the channel's lowest depth there is no surface
+/// \param levelSet  only read. Where the tree is deeper than the channel, the channel's deepest values show; leaf cells above its
+///                  lowest depth hold its default and no surface
 /// \return empty if no sign changes; the same bytes for any number of threads. Vertices and triangles follow the tiles
 /// \throws std::invalid_argument if the channel has not the tiles of the tree; std::length_error if 32 bits cannot number the
 ///         vertices; std::runtime_error (OST::exceptionMessage) on cancellation

@@ -1,6 +1,7 @@
 #include "TilegridOps/surface/triangles.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace tilegrid::surface {
 
@@ -60,6 +61,7 @@ private:
                 tile |= 1 << c;
                 at[c] += W;
             }
+            assert(around_[std::size_t(tile)]);  // an edge that changes sign is in all four cells
             TileCells<Tr> const& holder = *around_[std::size_t(tile)];
             const int number = flatIndex(W, at.x, at.y, at.z);
             const CellEntry entry = holder.cell[std::size_t(number)];
@@ -102,6 +104,8 @@ private:
         auto const& sides = cells.chunk->sides;
         const auto found = std::lower_bound(sides.begin() + std::ptrdiff_t(cells.firstSide), sides.begin() + std::ptrdiff_t(cells.lastSide),
                                             SideOfCell{number, axis, node, 0});
+        // The cell lies at the crossing, so the crossing is one of its sides.
+        assert(found != sides.begin() + std::ptrdiff_t(cells.lastSide) && found->cell == number && found->node == node);
         return int(cells.firstVertex) + found->vertex;
     }
 

@@ -2,10 +2,12 @@
 #include "TilegridOps/surface/surface.h"
 #include "support/trees.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <map>
+#include <memory>
+#include <vector>
 
 namespace tilegrid::test {
 
@@ -16,7 +18,7 @@ using surface::Surface;
 /// What the edges of a mesh say, counted from scratch.
 struct EdgeCensus {
     std::int64_t edges = 0;
-    /// Run along more often one way than the other: a mesh without any encloses volumes, facing one way.
+    /// Run along more often one way than the other. Without any, the mesh is the border of what it encloses.
     std::int64_t open = 0;
     /// Of more than two triangles.
     std::int64_t shared = 0;
@@ -25,19 +27,27 @@ struct EdgeCensus {
 
 inline EdgeCensus censusOf(Surface const& mesh)
 {
-    std::map<std::pair<int, int>, std::pair<int, int>> uses;  // forward and backward
+    struct Use {
+        int low, high, way;
+        auto operator<=>(Use const&) const = default;
+    };
+    std::vector<Use> uses;
     EdgeCensus census;
     for (int3 const& t : mesh.triangles) {
         census.degenerate += t.x == t.y || t.y == t.z || t.z == t.x;
         for (int n = 0; n < 3; ++n) {
             const int a = t[n], b = t[(n + 1) % 3];
-            a < b ? ++uses[{a, b}].first : ++uses[{b, a}].second;
+            uses.push_back({std::min(a, b), std::max(a, b), a < b ? 1 : -1});
         }
     }
-    for (auto const& [edge, count] : uses) {
+    std::sort(uses.begin(), uses.end());
+    for (std::size_t first = 0, last; first < uses.size(); first = last) {
+        int ways = 0;
+        for (last = first; last < uses.size() && uses[last].low == uses[first].low && uses[last].high == uses[first].high; ++last)
+            ways += uses[last].way;
         ++census.edges;
-        census.open += count.first != count.second;
-        census.shared += count.first + count.second > 2;
+        census.open += ways != 0;
+        census.shared += last - first > 2;
     }
     return census;
 }

@@ -38,7 +38,7 @@ void expectClosed(Surface const& mesh)
 /// A tree with at most one depth between neighbours in a third of the cases, else with any.
 template <class Tr> void growTrial(SurfaceVolume<Tr>& volume, Random& random)
 {
-    growRandomly(volume.tree, random, 1 + int(random.below(100)));
+    growRandomly(volume.tree, random, 1 + int(random.below(50)));
     if (random.oneIn(3)) CoreGL::TileTree3D::gradeTileTree<Tr>(volume.tree, nullptr, nullptr, 0, Tr::maxDepth);
 }
 

@@ -291,7 +291,8 @@ TYPED_TEST(ExtractedSurface, includes_leaf_cells_of_several_depths)
     const auto coarseCorner = [w](int v) {
         return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / w) * w;
     };
-    const float low = static_cast<float>(coarseCorner(0)),
+    // On the low side the border's nodes are those of the cells beyond, so that the first voxel holds a wall.
+    const float low = static_cast<float>(coarseCorner(0) + Tr::branching),
                 high = static_cast<float>(coarseCorner(w) + w - 2 * Tr::branching);
     for (auto const& v : surface.vertices) {
         if (v.x < low || v.x > high || v.y < low || v.y > high || v.z < low - w / 2 || v.z > high) continue;

@@ -33,8 +33,9 @@ template <class Tr, class C> Fog<Tr> makeFog(Container<Tr> const& tree, C const&
     constexpr OST::int64 kPart = 64;
     const float empty = 0.0f;
     Fog<Tr> fog;
-    fog.channel = Corvid::makeMutable<PlainChannel<Tr, float>>(sVoxelFogDensity, &empty, kInitializeNone, /*poolBacked*/ false,
-                                                               /*callElementConstructor*/ true, distance.minDepth(), distance.depth());
+    fog.channel = Corvid::makeMutable<PlainChannel<Tr, float>>(
+        sVoxelFogDensity, &empty, kInitializeNone, /*poolBacked*/ false,
+        /*callElementConstructor*/ true, distance.minDepth(), distance.depth());
     fog.channel->updateTilesAdded(tree);
     for (int depth = distance.minDepth(); depth <= distance.depth(); ++depth) {
         const OST::int64 count = tree.tileCount(depth);
@@ -55,8 +56,7 @@ template <class Tr, class C> Fog<Tr> makeFog(Container<Tr> const& tree, C const&
     return fog;
 }
 
-template <class Tr>
-bool addFog(OST::Object& native, float width, bool keep, Corvid::RuntimeServices const& services)
+template <class Tr> bool addFog(OST::Object& native, float width, bool keep, Corvid::RuntimeServices const& services)
 {
     const auto tree = native.component<Container<Tr>>(Ostara::Geometry::sVoxelTileTree);
     if (!tree) return false;
@@ -65,12 +65,14 @@ bool addFog(OST::Object& native, float width, bool keep, Corvid::RuntimeServices
         Fog<Tr> fog = makeFog<Tr>(*tree, *distance, width);
         // Distances that were cut off at the band's half width, not those of a thin body, end there to the bit.
         if (fog.deepest < width && fog.deepest == distance->defaultValue())
-            services.message(Severity::kWarning, "the distances end " + number(fog.deepest) + " below the surface, so the density ends at "
-                                                     + number(fog.deepest / width) + ": a smaller width reaches 1");
+            services.message(Severity::kWarning,
+                             "the distances end " + number(fog.deepest) + " below the surface, so the density ends at "
+                                 + number(fog.deepest / width) + ": a smaller width reaches 1");
         native.putComponent(std::move(fog.channel));
     };
     if (!tryLayouts<Tr, float>(native, sVoxelSignedDistance, add))
-        throw InputError("the volume has no signed distance (a float property '" + sVoxelSignedDistance.str() + "') to make fog from");
+        throw InputError("the volume has no signed distance (a float property '" + sVoxelSignedDistance.str()
+                         + "') to make fog from");
     Corvid::Ptr<OST::Component> removed;
     if (!keep) native.removeComponent(sVoxelSignedDistance, removed);
     return true;
@@ -81,9 +83,11 @@ bool addFog(OST::Object& native, float width, bool keep, Corvid::RuntimeServices
 Corvid::Ptr<Ostara::Object> fogFromLevelSet(Corvid::Ptr<Ostara::Object> volume, float width, bool keep,
                                             Corvid::RuntimeServices const& services)
 {
-    if (!(width > 0.0f) || !std::isfinite(width)) throw InputError("the width of the fog is " + number(width) + ": give a positive number");
+    if (!(width > 0.0f) || !std::isfinite(width))
+        throw InputError("the width of the fog is " + number(width) + ": give a positive number");
     const auto object = Corvid::toMutable(volume);
-    const auto native = object ? Ostara::Geometry::move_object_to_ost_volume(*object) : Corvid::MutablePtr<OST::Object>();
+    const auto native =
+        object ? Ostara::Geometry::move_object_to_ost_volume(*object) : Corvid::MutablePtr<OST::Object>();
     if (!native) throw InputError("the object holds no volume");
     if (!addFog<BinaryTraits>(*native, width, keep, services) && !addFog<QuinaryTraits>(*native, width, keep, services))
         throw InputError("the object holds no tile tree");

@@ -25,7 +25,8 @@ double longestSide(SurfaceExtent const& extent)
 double farthestCoordinate(SurfaceExtent const& extent)
 {
     double farthest = 0.0;
-    for (int axis = 0; axis < 3; ++axis) farthest = std::max({farthest, std::abs(extent.low[axis]), std::abs(extent.high[axis])});
+    for (int axis = 0; axis < 3; ++axis)
+        farthest = std::max({farthest, std::abs(extent.low[axis]), std::abs(extent.high[axis])});
     return farthest;
 }
 
@@ -37,20 +38,21 @@ void checkFiner(FinerBox const& finer, SurfaceExtent const& extent, double band,
     for (int axis = 0; axis < 3; ++axis) {
         const std::string sides = std::string("the box reaches from ") + number(finer.low[axis]) + " to "
             + number(finer.high[axis]) + " along " + "xyz"[axis];
-        if (!(finer.low[axis] < finer.high[axis]) || !std::isfinite(finer.low[axis]) || !std::isfinite(finer.high[axis]))
+        if (!(finer.low[axis] < finer.high[axis]) || !std::isfinite(finer.low[axis])
+            || !std::isfinite(finer.high[axis]))
             throw InputError(sides + ": give its low corner first, then its high one");
         if (finer.low[axis] > extent.high[axis] + band || finer.high[axis] < extent.low[axis] - band)
-            throw InputError(sides + ", and the " + extent.name + " from " + number(extent.low[axis]) + " to " + number(extent.high[axis])
-                             + ": nothing of it would be finer");
+            throw InputError(sides + ", and the " + extent.name + " from " + number(extent.low[axis]) + " to "
+                             + number(extent.high[axis]) + ": nothing of it would be finer");
     }
 }
 
 [[noreturn]] void refuseSize(double bytes, LevelSetOptions const& options)
 {
-    throw InputError("the level set would take about " + byteText(bytes) + " at voxel size " + number(options.voxelSize)
-                     + (options.finer ? " and " + std::to_string(options.finer->levels) + " levels finer in the box" : "")
-                     + ", and the limit is " + byteText(double(options.maxBytes))
-                     + ": use a larger voxel size or raise the limit");
+    throw InputError(
+        "the level set would take about " + byteText(bytes) + " at voxel size " + number(options.voxelSize)
+        + (options.finer ? " and " + std::to_string(options.finer->levels) + " levels finer in the box" : "")
+        + ", and the limit is " + byteText(double(options.maxBytes)) + ": use a larger voxel size or raise the limit");
 }
 
 /// The tiles of the band: all of one depth, and with a finer box those of the finest depth that meet it.
@@ -112,13 +114,14 @@ template <class Tr> void checkLevelSetOptions(SurfaceExtent const& extent, Level
     if (!(finest > 0.0) || !(farthestCoordinate(extent) / finest <= limit))
         throw InputError("the " + extent.name + " reaches " + number(farthestCoordinate(extent)) + " from the origin, "
                          + number(farthestCoordinate(extent) / finest) + " voxels of size " + number(finest)
-                         + "; the tree reaches " + number(limit)
-                         + ": use a larger voxel size, or move the " + extent.name + " to the origin");
+                         + "; the tree reaches " + number(limit) + ": use a larger voxel size, or move the "
+                         + extent.name + " to the origin");
     double bytes = estimatedLevelSetBytes<Tr>(extent.area / (h * h), longestSide(extent) / h, band);
     if (options.finer) {
         double longest = 0.0;
         for (int axis = 0; axis < 3; ++axis)
-            longest = std::max(longest, std::min(extent.high[axis], options.finer->high[axis])
+            longest = std::max(longest,
+                               std::min(extent.high[axis], options.finer->high[axis])
                                    - std::max(extent.low[axis], options.finer->low[axis]));
         bytes += estimatedLevelSetBytes<Tr>(extent.areaIn(*options.finer) / (finest * finest), longest / finest, band);
     }
@@ -137,8 +140,8 @@ Corvid::Ptr<Ostara::Object> buildLevelSet(DistanceSource const& surface, LevelSe
                        for (int depth = 0; depth <= Tr::maxDepth; ++depth)
                            parallel::loop(0, tree.tileCount(depth), 8, [&](OST::int64 begin, OST::int64 end) {
                                for (OST::int64 n = begin; n < end; ++n)
-                                   surface.fill(double3(tree.tile(n, depth).tijk()), Tr::voxelDataWidth(depth), Tr::width, h,
-                                                channel.tileData(n, depth).data());
+                                   surface.fill(double3(tree.tile(n, depth).tijk()), Tr::voxelDataWidth(depth),
+                                                Tr::width, h, channel.tileData(n, depth).data());
                            });
                    });
     return Ostara::Geometry::move_ost_volume_to_object(*native);

@@ -30,9 +30,9 @@ template <class Tr> void checkLevelSetOptions(SurfaceExtent const& extent, Level
 template <class Tr>
 Corvid::Ptr<Ostara::Object> buildLevelSet(DistanceSource const& surface, LevelSetOptions const& options);
 
-#define TILEGRID_LEVEL_SETS_FOR(KEYWORD, Tr)                                               \
-    KEYWORD template float finestVoxel<Tr>(LevelSetOptions const&);                        \
-    KEYWORD template void checkLevelSetOptions<Tr>(SurfaceExtent const&, LevelSetOptions const&); \
+#define TILEGRID_LEVEL_SETS_FOR(KEYWORD, Tr)                                                                           \
+    KEYWORD template float finestVoxel<Tr>(LevelSetOptions const&);                                                    \
+    KEYWORD template void checkLevelSetOptions<Tr>(SurfaceExtent const&, LevelSetOptions const&);                      \
     KEYWORD template Corvid::Ptr<Ostara::Object> buildLevelSet<Tr>(DistanceSource const&, LevelSetOptions const&);
 TILEGRID_LEVEL_SETS_FOR(extern, OST::TileTree3D::BinaryTraits)
 TILEGRID_LEVEL_SETS_FOR(extern, OST::TileTree3D::QuinaryTraits)

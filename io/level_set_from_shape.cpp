@@ -14,10 +14,7 @@ using namespace OST::TileTree3D;
 
 namespace {
 
-double distanceTo(Sphere const& sphere, double3 const& place)
-{
-    return length(place - sphere.centre) - sphere.radius;
-}
+double distanceTo(Sphere const& sphere, double3 const& place) { return length(place - sphere.centre) - sphere.radius; }
 
 double distanceTo(Box const& box, double3 const& place)
 {
@@ -41,7 +38,8 @@ double distanceTo(Torus const& torus, double3 const& place)
     const double distance = fromCircle - torus.tube;
     // A disc that passes the axis has two corners there. Where the way out through its rim would end on the far side of
     // the axis, the nearer corner is the nearest place of the surface.
-    const bool rimIsBeyondAxis = torus.tube > torus.radius && distance < 0.0 && fromCircle * torus.radius < torus.tube * (torus.radius - away);
+    const bool rimIsBeyondAxis =
+        torus.tube > torus.radius && distance < 0.0 && fromCircle * torus.radius < torus.tube * (torus.radius - away);
     if (!rimIsBeyondAxis) return distance;
     return -std::hypot(away, std::abs(height) - std::sqrt((torus.tube - torus.radius) * (torus.tube + torus.radius)));
 }
@@ -52,7 +50,10 @@ Shape scaled(Shape const& shape, double factor)
         double factor;
         Shape operator()(Sphere const& s) const { return Sphere{factor * s.centre, factor * s.radius}; }
         Shape operator()(Box const& b) const { return Box{factor * b.low, factor * b.high}; }
-        Shape operator()(Torus const& t) const { return Torus{factor * t.centre, factor * t.radius, factor * t.tube, t.axis}; }
+        Shape operator()(Torus const& t) const
+        {
+            return Torus{factor * t.centre, factor * t.radius, factor * t.tube, t.axis};
+        }
     };
     return std::visit(Scale{factor}, shape);
 }
@@ -87,30 +88,30 @@ private:
     Shape shape_;
 };
 
-double areaOf(double3 const& sides)
-{
-    return 2.0 * (sides.x * sides.y + sides.y * sides.z + sides.z * sides.x);
-}
+double areaOf(double3 const& sides) { return 2.0 * (sides.x * sides.y + sides.y * sides.z + sides.z * sides.x); }
 
 /// Area in a box, at most: of a convex surface no more than that of the box around the part, of a torus twice that.
 double areaWithin(FinerBox const& finer, SurfaceExtent const& extent, double most)
 {
     double3 sides;
     for (int axis = 0; axis < 3; ++axis)
-        sides[axis] = std::max(0.0, std::min(extent.high[axis], finer.high[axis]) - std::max(extent.low[axis], finer.low[axis]));
+        sides[axis] =
+            std::max(0.0, std::min(extent.high[axis], finer.high[axis]) - std::max(extent.low[axis], finer.low[axis]));
     return std::min(extent.area, most * areaOf(sides));
 }
 
 void checkFinite(std::string const& name, char const* what, double3 const& place)
 {
     for (int axis = 0; axis < 3; ++axis)
-        if (!std::isfinite(place[axis])) throw InputError("the " + std::string(what) + " of the " + name + " is not finite");
+        if (!std::isfinite(place[axis]))
+            throw InputError("the " + std::string(what) + " of the " + name + " is not finite");
 }
 
 void checkPositive(std::string const& name, char const* what, double length)
 {
     if (!(length > 0.0) || !std::isfinite(length))
-        throw InputError("the " + std::string(what) + " of the " + name + " is " + number(length) + ": give a positive number");
+        throw InputError("the " + std::string(what) + " of the " + name + " is " + number(length)
+                         + ": give a positive number");
 }
 
 SurfaceExtent checkedExtent(Sphere const& sphere)
@@ -125,8 +126,8 @@ SurfaceExtent checkedExtent(Box const& box)
 {
     for (int axis = 0; axis < 3; ++axis)
         if (!(box.low[axis] < box.high[axis]) || !std::isfinite(box.low[axis]) || !std::isfinite(box.high[axis]))
-            throw InputError("the box reaches from " + number(box.low[axis]) + " to " + number(box.high[axis]) + " along " + "xyz"[axis]
-                             + ": give its low corner as min and its high one as max");
+            throw InputError("the box reaches from " + number(box.low[axis]) + " to " + number(box.high[axis])
+                             + " along " + "xyz"[axis] + ": give its low corner as min and its high one as max");
     return {"box", box.low, box.high, areaOf(box.high - box.low), {}};
 }
 

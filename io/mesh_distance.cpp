@@ -113,7 +113,9 @@ bool MeshDistance::anyWithin(double3 const& first, double spacing, int n, double
     // The sample next to the point of the surface that is nearest to the middle decides most tiles.
     const double half = 0.5 * (n - 1) * spacing;
     const double3 near = tree_.nearestPoint({first.x + half, first.y + half, first.z + half}, guess);
-    const auto clamped = [spacing, n](double v) { return static_cast<int>(std::clamp(std::round(v / spacing), 0.0, n - 1.0)); };
+    const auto clamped = [spacing, n](double v) {
+        return static_cast<int>(std::clamp(std::round(v / spacing), 0.0, n - 1.0));
+    };
     if (within(clamped(near.x - first.x), clamped(near.y - first.y), clamped(near.z - first.z))) return true;
     for (int k = 0; k < n; ++k)
         for (int j = 0; j < n; ++j)

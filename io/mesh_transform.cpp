@@ -24,10 +24,10 @@ Turn turnOf(double degrees)
     const double rest = std::remquo(degrees, 90.0, &quarters) * (std::numbers::pi / 180.0);
     const double s = std::sin(rest), c = std::cos(rest);
     switch (quarters & 3) {
-        case 0: return {s, c};
-        case 1: return {c, -s};
-        case 2: return {-s, -c};
-        default: return {-c, s};
+    case 0: return {s, c};
+    case 1: return {c, -s};
+    case 2: return {-s, -c};
+    default: return {-c, s};
     }
 }
 
@@ -35,7 +35,8 @@ void checkTransform(MeshTransform const& transform)
 {
     for (int axis = 0; axis < 3; ++axis) {
         if (!(transform.scale[axis] > 0.0) || !std::isfinite(transform.scale[axis]))
-            throw InputError("the mesh is to be scaled by " + number(transform.scale[axis]) + ": give a positive number");
+            throw InputError("the mesh is to be scaled by " + number(transform.scale[axis])
+                             + ": give a positive number");
         if (!std::isfinite(transform.rotate[axis]) || !std::isfinite(transform.move[axis]))
             throw InputError("the mesh is to be turned or moved by a number that is not finite");
     }
@@ -56,10 +57,7 @@ double3 MeshTransform::operator()(double3 const& place) const
     return p + move;
 }
 
-bool MeshTransform::isIdentity() const
-{
-    return scale == double3(1.0) && rotate == double3() && move == double3();
-}
+bool MeshTransform::isIdentity() const { return scale == double3(1.0) && rotate == double3() && move == double3(); }
 
 void transformMesh(TriangleMesh& mesh, MeshTransform const& transform)
 {
@@ -68,7 +66,8 @@ void transformMesh(TriangleMesh& mesh, MeshTransform const& transform)
     for (float3& vertex : mesh.vertices) {
         vertex = float3(transform(double3(vertex)));
         for (int axis = 0; axis < 3; ++axis)
-            if (!std::isfinite(vertex[axis])) throw InputError("the mesh, scaled and moved, reaches farther than a float does");
+            if (!std::isfinite(vertex[axis]))
+                throw InputError("the mesh, scaled and moved, reaches farther than a float does");
     }
 }
 

@@ -1,7 +1,5 @@
 // Steps that make level sets, place meshes, and make fog: what reaches the library, and what a person is told.
 #include "graph/error.h"
-#include "graph/help.h"
-#include "graph/registry.h"
 #include "io/error.h"
 #include "support/files.h"
 #include "support/meshes.h"
@@ -74,7 +72,9 @@ TEST(ShapeSteps, take_the_band_in_voxels_or_world_units_and_a_finer_box)
     EXPECT_EQ(bandOf("band=4"), 0.5f);
     EXPECT_EQ(bandOf("band=0.25wu"), 0.25f);
     EXPECT_EQ(infoOf({"sphere", "radius=1", "voxel=0.125"})["properties"][0]["default"].get<float>(), 0.375f);
-    EXPECT_EQ(infoOf({"sphere", "radius=1", "voxel=0.125", "inside=0,0,0,1,1,1", "levels=2"})["voxel_size"].get<float>(), 0.03125f);
+    EXPECT_EQ(
+        infoOf({"sphere", "radius=1", "voxel=0.125", "inside=0,0,0,1,1,1", "levels=2"})["voxel_size"].get<float>(),
+        0.03125f);
 }
 
 TEST(ShapeSteps, say_what_is_missing_or_wrong)
@@ -83,7 +83,10 @@ TEST(ShapeSteps, say_what_is_missing_or_wrong)
     EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"sphere", "voxel=1"}); }), "'radius' is missing"));
     EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"sphere", "radius=0", "voxel=1"}); }), "above 0"));
     EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"torus", "radius=1", "tube=-1", "voxel=1"}); }), "above 0"));
-    EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"sphere", "center=0,zero,0", "radius=1", "voxel=1"}); }), "not a finite number"));
+    EXPECT_TRUE(contains(errorOf<UsageError>([] {
+                             planOf({"sphere", "center=0,zero,0", "radius=1", "voxel=1"});
+                         }),
+                         "not a finite number"));
     const auto complaint = [](Words const& words) {
         Trial run;
         return errorOf<std::runtime_error>([&] { run(planOf(words)); });
@@ -102,7 +105,8 @@ TEST(Read, scales_turns_and_moves_a_mesh_in_this_order)
     const Json plain = infoOf({"read", folder.file("m.obj"), "voxel=0.0625"});
     expectNear(plain["level_set"]["bounds_max"], {1, 1, 1}, 1e-5);
     // (2,1,1) about z becomes x from -1 to 0, y from 0 to 2; then it moves.
-    const Json placed = infoOf({"read", folder.file("m.obj"), "voxel=0.0625", "scale=2,1,1", "rotate=0,0,90", "move=3,0,-0.5"});
+    const Json placed =
+        infoOf({"read", folder.file("m.obj"), "voxel=0.0625", "scale=2,1,1", "rotate=0,0,90", "move=3,0,-0.5"});
     expectNear(placed["level_set"]["bounds_min"], {2, 0, -0.5}, 1e-5);
     expectNear(placed["level_set"]["bounds_max"], {3, 2, 0.5}, 1e-5);
     const Json larger = infoOf({"read", folder.file("m.obj"), "voxel=0.0625", "scale=2"});
@@ -122,7 +126,10 @@ TEST(Read, says_which_placements_make_no_sense)
     EXPECT_TRUE(contains(complaint("scale=1,2"), "one, or three"));
     EXPECT_TRUE(contains(complaint("rotate=90"), "three, as x,y,z"));
     EXPECT_TRUE(contains(complaint("move=1,2,3,4"), "'move' has 4 numbers"));
-    EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"read", "a.vdb", "move=1,0,0"}); }), "'move' means nothing for 'a.vdb'"));
+    EXPECT_TRUE(contains(errorOf<UsageError>([] {
+                             planOf({"read", "a.vdb", "move=1,0,0"});
+                         }),
+                         "'move' means nothing for 'a.vdb'"));
 }
 
 TEST(FogStep, adds_the_density_and_keeps_the_level_set_unless_told_otherwise)
@@ -148,8 +155,14 @@ TEST(FogStep, adds_the_density_and_keeps_the_level_set_unless_told_otherwise)
 TEST(FogStep, wants_a_level_set)
 {
     Trial run;
-    EXPECT_TRUE(contains(errorOf<io::InputError>([&] { run(planOf({"create_empty_volume", "1", "!", "fog"})); }), "voxel_signed_distance"));
-    EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf({"create_empty_volume", "1", "!", "fog", "width=0"}); }), "above 0"));
+    EXPECT_TRUE(contains(errorOf<io::InputError>([&] {
+                             run(planOf({"create_empty_volume", "1", "!", "fog"}));
+                         }),
+                         "voxel_signed_distance"));
+    EXPECT_TRUE(contains(errorOf<UsageError>([] {
+                             planOf({"create_empty_volume", "1", "!", "fog", "width=0"});
+                         }),
+                         "above 0"));
 }
 
 }  // namespace

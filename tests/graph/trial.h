@@ -25,14 +25,17 @@ struct Trial {
 
     void operator()(graph::Plan const& plan, Job* job = nullptr)
     {
-        graph::run(plan, {.job = job,
-                          .threads = 2,
-                          .maxBytes = std::uint64_t(1) << 30,
-                          .results = results,
-                          .messages = [this](Severity, Corvid::StringView text) { messages.emplace_back(std::string_view(text)); },
-                          .progress = [this](graph::Progress const& p) {
-                              progress.push_back(p.node + " " + std::to_string(p.step) + " " + graph::shortest(p.done));
-                          }});
+        graph::run(
+            plan,
+            {.job = job,
+             .threads = 2,
+             .maxBytes = std::uint64_t(1) << 30,
+             .results = results,
+             .messages = [this](Severity, Corvid::StringView text) { messages.emplace_back(std::string_view(text)); },
+             .progress =
+                 [this](graph::Progress const& p) {
+                     progress.push_back(p.node + " " + std::to_string(p.step) + " " + graph::shortest(p.done));
+                 }});
     }
 };
 

@@ -30,12 +30,14 @@ template <class Tr> Corvid::Ptr<Ostara::Object> ball(double radius = 1.0)
 /// A level set of four tiles whose distances are cut off at 0.3.
 template <class Tr> Corvid::Ptr<Ostara::Object> clampedSlab(float shift, float deepest = 0.3f)
 {
-    auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(64, 0, 0, Tr::maxDepth)}, 0.1f, kCorner);
+    auto native =
+        io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(64, 0, 0, Tr::maxDepth)}, 0.1f, kCorner);
     io::addChannel<Tr>(*native, sVoxelSignedDistance, 0.3f, [&](Container<Tr> const& tree, auto& channel) {
         for (int depth = 0; depth <= Tr::maxDepth; ++depth)
             for (OST::int64 n = 0; n < tree.tileCount(depth); ++n)
                 for (int flat = 0; flat < Tr::voxelCount; ++flat)
-                    channel.tileData(n, depth)(flat) = std::clamp(shift + 0.15f * float(flat % Tr::width), -deepest, 0.3f);
+                    channel.tileData(n, depth)(flat) =
+                        std::clamp(shift + 0.15f * float(flat % Tr::width), -deepest, 0.3f);
     });
     return Ostara::Geometry::move_ost_volume_to_object(*native);
 }
@@ -82,7 +84,8 @@ TYPED_TEST(Fog, stands_beside_the_level_set_or_in_its_place)
     EXPECT_TRUE(channelOf<Tr>(*fog, sVoxelFogDensity));
     EXPECT_FALSE(Ostara::Object::isA(*fog, *Ostara::Geometry::getLevelSetPrototype()));
     EXPECT_TRUE(Ostara::Object::isA(*fog, *Ostara::Geometry::getVolumePrototype()));
-    for (int depth = 0; depth <= Tr::maxDepth; ++depth) EXPECT_EQ((differencesAt<Tr, float>(depth, *both, *fog, sVoxelFogDensity)), "");
+    for (int depth = 0; depth <= Tr::maxDepth; ++depth)
+        EXPECT_EQ((differencesAt<Tr, float>(depth, *both, *fog, sVoxelFogDensity)), "");
 }
 
 TYPED_TEST(Fog, leaves_a_volume_alone_that_others_hold_and_replaces_an_older_fog)
@@ -93,7 +96,8 @@ TYPED_TEST(Fog, leaves_a_volume_alone_that_others_hold_and_replaces_an_older_fog
     EXPECT_FALSE(channelOf<Tr>(*levelSet, sVoxelFogDensity));
     const auto wanted = fogFromLevelSet(levelSet, 0.1f, /*keep*/ true, {});
     fog = fogFromLevelSet(std::move(fog), 0.1f, /*keep*/ true, {});
-    for (int depth = 0; depth <= Tr::maxDepth; ++depth) EXPECT_EQ((differencesAt<Tr, float>(depth, *fog, *wanted, sVoxelFogDensity)), "");
+    for (int depth = 0; depth <= Tr::maxDepth; ++depth)
+        EXPECT_EQ((differencesAt<Tr, float>(depth, *fog, *wanted, sVoxelFogDensity)), "");
 }
 
 TYPED_TEST(Fog, says_where_distances_that_were_cut_off_end_it)
@@ -125,7 +129,8 @@ TYPED_TEST(Fog, gives_the_same_bytes_on_any_number_of_threads)
             const auto fog = fogFromLevelSet(levelSet, 0.2f, true, {});
             if (!first) first = fog;
             for (int depth = 0; depth <= Tr::maxDepth; ++depth)
-                EXPECT_EQ((differencesAt<Tr, float>(depth, *first, *fog, sVoxelFogDensity)), "") << threads << " threads";
+                EXPECT_EQ((differencesAt<Tr, float>(depth, *first, *fog, sVoxelFogDensity)), "")
+                    << threads << " threads";
         });
 }
 
@@ -136,7 +141,8 @@ TYPED_TEST(Fog, refuses_widths_and_volumes_that_make_no_sense)
         EXPECT_TRUE(contains(errorOf<InputError>([&] { fogFromLevelSet(ball<Tr>(), bad, true, {}); }), "width"));
     auto native = io::makeVolume<Tr>({VoxelCoord(0, 0, 0, Tr::maxDepth)}, 1.0f, kCorner);
     const Corvid::Ptr<Ostara::Object> empty = Ostara::Geometry::move_ost_volume_to_object(*native);
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { fogFromLevelSet(empty, 1.0f, true, {}); }), "voxel_signed_distance"));
+    EXPECT_TRUE(
+        contains(errorOf<InputError>([&] { fogFromLevelSet(empty, 1.0f, true, {}); }), "voxel_signed_distance"));
     EXPECT_THROW(fogFromLevelSet(Ostara::createObject(), 1.0f, true, {}), InputError);
     EXPECT_THROW(fogFromLevelSet({}, 1.0f, true, {}), InputError);
 }

@@ -89,7 +89,8 @@ TYPED_TEST_SUITE(LevelSetFromShape, Structures, StructureNames);
 
 /// Distances are computed in double and rounded to float once (2^-24 of them); places and sums in double are good to some
 /// units of 2^-53 of the coordinates, for which 2^-47 leaves room.
-template <class Tr> void expectTrueDistances(Ostara::Object const& volume, std::function<Real(Place const&)> const& oracle)
+template <class Tr>
+void expectTrueDistances(Ostara::Object const& volume, std::function<Real(Place const&)> const& oracle)
 {
     const auto tree = treeOf<Tr>(volume);
     const auto values = channelOf<Tr>(volume);
@@ -100,11 +101,14 @@ template <class Tr> void expectTrueDistances(Ostara::Object const& volume, std::
                 Place place;
                 Real coordinates = 1;
                 for (int axis = 0; axis < 3; ++axis) {
-                    place[axis] = (Real(tree->tile(n, depth).tijk()[axis]) + Real(ijk[axis]) * Tr::voxelDataWidth(depth)) * tree->voxelSize();
+                    place[axis] =
+                        (Real(tree->tile(n, depth).tijk()[axis]) + Real(ijk[axis]) * Tr::voxelDataWidth(depth))
+                        * tree->voxelSize();
                     coordinates += std::abs(place[axis]);
                 }
                 const Real wanted = oracle(place);
-                ASSERT_NEAR(values->tileData(n, depth)(flat), wanted, 0x1p-24L * std::abs(wanted) + 0x1p-47L * coordinates)
+                ASSERT_NEAR(values->tileData(n, depth)(flat), wanted,
+                            0x1p-24L * std::abs(wanted) + 0x1p-47L * coordinates)
                     << "depth " << depth << ", tile " << n << ", voxel " << ijk;
             }
 }
@@ -142,7 +146,9 @@ TYPED_TEST(LevelSetFromShape, has_the_tiles_with_a_voxel_in_the_band_and_their_a
         EXPECT_TRUE(checkTree(*tree).empty());
         const OST::TileTree3D::ConstTileAccessor<Tr> accessor(*tree);
         const int W = Tr::width, reach = 24;  // voxels; the shapes and their bands lie within
-        const auto aligned = [&](int v) { return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / W) * W; };
+        const auto aligned = [&](int v) {
+            return Tr::rangeMin + static_cast<int>((OST::int64(v) - Tr::rangeMin) / W) * W;
+        };
         OST::int64 found = 0;
         for (int k = aligned(-reach); k <= reach; k += W)
             for (int j = aligned(-reach); j <= reach; j += W)
@@ -150,7 +156,8 @@ TYPED_TEST(LevelSetFromShape, has_the_tiles_with_a_voxel_in_the_band_and_their_a
                     Real nearest = std::numeric_limits<Real>::infinity();
                     for (int n = 0; n < Tr::voxelCount; ++n) {
                         const int3 p = int3(i, j, k) + OST::TileTree3D::cubeIndex(W, n);
-                        nearest = std::min(nearest, std::abs(oracleOf(named.shape, {p.x * Real(h), p.y * Real(h), p.z * Real(h)})));
+                        nearest = std::min(
+                            nearest, std::abs(oracleOf(named.shape, {p.x * Real(h), p.y * Real(h), p.z * Real(h)})));
                     }
                     const bool has = accessor.find(i, j, k, Tr::maxDepth).depth == Tr::maxDepth;
                     ASSERT_EQ(has, nearest <= Real(kBand) * h) << "tile at " << int3(i, j, k);
@@ -168,7 +175,8 @@ TYPED_TEST(LevelSetFromShape, is_a_level_set_with_the_band_as_default_and_sample
     const auto volume = io::levelSetFromShape(Sphere{{}, 1.0}, optionsOf<Tr>(0.125f, 4.0f));
     EXPECT_TRUE(Ostara::Object::isA(*volume, *Ostara::Geometry::getLevelSetPrototype()));
     EXPECT_EQ(channelOf<Tr>(*volume)->defaultValue(), 0.5f);
-    const auto topology = volume->native()->template component<OST::TileTree3D::VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp);
+    const auto topology =
+        volume->native()->template component<OST::TileTree3D::VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp);
     ASSERT_TRUE(topology);
     EXPECT_EQ(topology->offsetType(), OST::TileTree3D::kCorner);
     EXPECT_EQ(treeOf<Tr>(*volume)->voxelSize(), 0.125f);
@@ -180,15 +188,19 @@ TYPED_TEST(LevelSetFromShape, gives_the_same_bytes_on_any_number_of_threads)
     Corvid::Ptr<Ostara::Object> first;
     for (int threads : kThreadCounts) {
         Corvid::Ptr<Ostara::Object> volume;
-        parallel::runJob(nullptr, threads, [&] { volume = io::levelSetFromShape(Torus{{}, 1.0, 0.3, 1}, optionsOf<Tr>(0.04f)); });
+        parallel::runJob(nullptr, threads, [&] {
+            volume = io::levelSetFromShape(Torus{{}, 1.0, 0.3, 1}, optionsOf<Tr>(0.04f));
+        });
         if (!first) first = volume;
-        for (int depth = 0; depth <= Tr::maxDepth; ++depth) ASSERT_EQ(differencesAt<Tr>(depth, *first, *volume), "") << threads << " threads";
+        for (int depth = 0; depth <= Tr::maxDepth; ++depth)
+            ASSERT_EQ(differencesAt<Tr>(depth, *first, *volume), "") << threads << " threads";
     }
 }
 
 TYPED_TEST(LevelSetFromShape, refuses_shapes_and_sizes_that_make_no_sense)
 {
-    constexpr double kNan = std::numeric_limits<double>::quiet_NaN(), kInfinity = std::numeric_limits<double>::infinity();
+    constexpr double kNan = std::numeric_limits<double>::quiet_NaN(),
+                     kInfinity = std::numeric_limits<double>::infinity();
     const auto complaint = [](Shape const& shape, float voxelSize = 0.1f) {
         return errorOf<InputError>([&] { io::levelSetFromShape(shape, optionsOf<TypeParam>(voxelSize)); });
     };
@@ -218,14 +230,18 @@ TYPED_TEST(LevelSetFromShape, estimates_its_size_before_it_works)
             volume->native()->template component<OST::Component>(name)->memUse(used, reserved, false);
         // The estimate counts mean layers of tiles, and those of both sides of a thin body apart: it may be twice as much.
         options.maxBytes = used * 3 / 4;
-        EXPECT_TRUE(contains(errorOf<InputError>([&] { io::levelSetFromShape(named.shape, options); }), "would take about"));
+        EXPECT_TRUE(
+            contains(errorOf<InputError>([&] { io::levelSetFromShape(named.shape, options); }), "would take about"));
         options.maxBytes = used * 2;
         EXPECT_NO_THROW(io::levelSetFromShape(named.shape, options));
     }
     // Far beyond any memory: the answer comes at once.
     LevelSetOptions options = optionsOf<TypeParam>(1e-8f);
     options.maxBytes = std::uint64_t(1) << 40;
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { io::levelSetFromShape(Sphere{{}, 1}, options); }), "would take about"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             io::levelSetFromShape(Sphere{{}, 1}, options);
+                         }),
+                         "would take about"));
 }
 
 /// A solid whose tube is wider than its circle, by brute force: the way to the nearest of many places on the arc that turns
@@ -238,7 +254,8 @@ Real wideTorus(double radius, double tube, Real away, Real height, Real& gap)
     Real nearest = std::numeric_limits<Real>::infinity();
     for (int n = 0; n <= kPlaces; ++n) {
         const Real angle = end * (2 * Real(n) / kPlaces - 1);
-        nearest = std::min(nearest, std::hypot(radius + tube * std::cos(angle) - away, tube * std::sin(angle) - height));
+        nearest =
+            std::min(nearest, std::hypot(radius + tube * std::cos(angle) - away, tube * std::sin(angle) - height));
     }
     return std::hypot(away - radius, height) < tube ? -nearest : nearest;
 }
@@ -257,7 +274,8 @@ TEST(TorusDistance, is_true_where_the_tube_is_wider_than_the_circle)
             const double found = io::signedDistance(Torus{{}, radius, tube, 1}, place);
             ASSERT_NEAR(found, wanted, 0.5L * gap) << place << ", radius " << radius << ", tube " << tube;
             // Farther inside than any rim: a corner is the nearest place.
-            corners += wanted < 0 && -wanted > 1.01L * (tube - std::hypot(std::hypot(place.x, place.z) - radius, place.y));
+            corners +=
+                wanted < 0 && -wanted > 1.01L * (tube - std::hypot(std::hypot(place.x, place.z) - radius, place.y));
             outside += wanted > 0;
         }
     EXPECT_GT(corners, 20);

@@ -60,12 +60,22 @@ TEST(MeshTransform, leaves_a_mesh_alone_that_stays_where_it_is)
 TEST(MeshTransform, refuses_what_is_not_positive_finite_or_too_far)
 {
     TriangleMesh mesh = boxMesh({0, 0, 0}, {1, 1, 1});
-    constexpr double kNan = std::numeric_limits<double>::quiet_NaN(), kInfinity = std::numeric_limits<double>::infinity();
+    constexpr double kNan = std::numeric_limits<double>::quiet_NaN(),
+                     kInfinity = std::numeric_limits<double>::infinity();
     for (double bad : {0.0, -1.0, kNan, kInfinity})
         EXPECT_TRUE(contains(errorOf<InputError>([&] { transformMesh(mesh, {{1, bad, 1}, {}, {}}); }), "scaled by"));
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { transformMesh(mesh, {double3(1.0), {0, kNan, 0}, {}}); }), "not finite"));
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { transformMesh(mesh, {double3(1.0), {}, {kInfinity, 0, 0}}); }), "not finite"));
-    EXPECT_TRUE(contains(errorOf<InputError>([&] { transformMesh(mesh, {double3(1e300), {}, {}}); }), "farther than a float"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             transformMesh(mesh, {double3(1.0), {0, kNan, 0}, {}});
+                         }),
+                         "not finite"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             transformMesh(mesh, {double3(1.0), {}, {kInfinity, 0, 0}});
+                         }),
+                         "not finite"));
+    EXPECT_TRUE(contains(errorOf<InputError>([&] {
+                             transformMesh(mesh, {double3(1e300), {}, {}});
+                         }),
+                         "farther than a float"));
 }
 
 template <class Tr> class MovedMesh : public ::testing::Test {};

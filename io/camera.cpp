@@ -1,0 +1,54 @@
+#include "io/camera.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace tilegrid::io {
+
+using Ostara::Math::double3;
+
+namespace {
+
+/// Half of the angle under which the ball around the box is seen, in degrees: little perspective.
+constexpr double kHalfAngle = 13.0;
+/// Share of the content's longer side that is left on each side of it.
+constexpr double kMargin = 0.06;
+constexpr double kPerDegree = std::numbers::pi / 180.0;
+
+}  // namespace
+
+Camera::Camera(double3 const& low, double3 const& high, View const& view)
+{
+    const double a = view.azimuth * kPerDegree, e = view.elevation * kPerDegree;
+    back_ = {std::sin(a) * std::cos(e), std::sin(e), std::cos(a) * std::cos(e)};
+    right_ = {std::cos(a), 0.0, -std::sin(a)};
+    up_ = cross(back_, right_);
+    eye_ = 0.5 * (low + high) + (0.5 * length(high - low) / std::sin(kHalfAngle * kPerDegree)) * back_;
+}
+
+void Camera::add(Frame& frame, double3 const& place, double around) const
+{
+    const double3 way = place - eye_;
+    const double away = -dot(way, back_);
+    frame.add(dot(way, right_) / away, dot(way, up_) / away, around / away);
+}
+
+void Camera::fit(Frame const& frame, int size)
+{
+    const double wide = frame.right - frame.left, tall = frame.high - frame.low,
+                 margin = kMargin * std::max(wide, tall);
+    step_ = (std::max(wide, tall) + 2.0 * margin) / size;
+    width_ = std::clamp(static_cast<int>(std::lround((wide + 2.0 * margin) / step_)), 1, size);
+    height_ = std::clamp(static_cast<int>(std::lround((tall + 2.0 * margin) / step_)), 1, size);
+    left_ = 0.5 * (frame.left + frame.right) - 0.5 * width_ * step_;
+    top_ = 0.5 * (frame.low + frame.high) + 0.5 * height_ * step_;
+}
+
+Ray Camera::ray(double x, double y) const
+{
+    const double3 way = (left_ + x * step_) * right_ + (top_ - y * step_) * up_ - back_;
+    return {eye_, (1.0 / length(way)) * way};
+}
+
+}  // namespace tilegrid::io

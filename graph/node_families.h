@@ -10,6 +10,7 @@ namespace tilegrid::graph {
 std::vector<NodeInfo> fileNodes();
 std::vector<NodeInfo> shapeNodes();
 std::vector<NodeInfo> reportNodes();
+std::vector<NodeInfo> renderNodes();
 std::vector<NodeInfo> queryNodes();
 std::vector<NodeInfo> constructionNodes();
 std::vector<NodeInfo> propertyNodes();

@@ -11,7 +11,8 @@ std::vector<NodeInfo> const& nodes()
 {
     static const std::vector<NodeInfo> all = [] {
         std::vector<NodeInfo> joined;
-        for (auto family : {fileNodes, shapeNodes, reportNodes, queryNodes, constructionNodes, propertyNodes, fogNodes, gradingNodes, mergeNodes})
+        for (auto family : {fileNodes, shapeNodes, reportNodes, renderNodes, queryNodes, constructionNodes, propertyNodes, fogNodes, gradingNodes,
+                            mergeNodes})
             std::ranges::move(family(), std::back_inserter(joined));
         return joined;
     }();

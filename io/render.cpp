@@ -376,7 +376,10 @@ private:
         return share;
     }
 
-    static constexpr double kBulge = 2.0, kLift = 0.6;
+    /// What rays look beyond the bounds, in finest voxels.
+    static constexpr double kBulge = 2.0;
+    /// How far above the surface the rays for sky and lamp begin, in voxels of the place.
+    static constexpr double kLift = 0.6;
 
     Container<Tr> const& tree_;
     VoxelTopology<Tr> const& topology_;

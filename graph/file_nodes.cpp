@@ -57,6 +57,14 @@ Result runRead(StepContext& step)
     return contains(kVolumeEndings, endingOf(step.arguments.text("file"))) ? readVolumeFile(step) : readMeshFile(step);
 }
 
+void tellEdges(StepContext& step, io::TriangleMesh const& surface)
+{
+    const io::MeshTopology edges = io::meshTopology(surface);
+    const std::string text = "wrote " + std::to_string(surface.triangles.size()) + " triangles with " + std::to_string(edges.openEdges) +
+                             " open edges and " + std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles.";
+    step.services.message(edges.closed() ? Severity::kInfo : Severity::kWarning, text);
+}
+
 Result runWrite(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
@@ -71,6 +79,7 @@ Result runWrite(StepContext& step)
         if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
         io::writeMesh(file, surface);
+        tellEdges(step, surface);
     }
     return {};
 }

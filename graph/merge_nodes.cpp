@@ -5,9 +5,13 @@
 #include "graph/node_families.h"
 #include "io/error.h"
 #include "io/info.h"
+#include "io/savings.h"
 #include "io/text.h"
 
+#include <nlohmann/json.hpp>
+
 #include <numeric>
+#include <ostream>
 
 namespace tilegrid::graph {
 
@@ -119,11 +123,36 @@ NodeInfo mergeNode()
     return node;
 }
 
+Result runSavings(StepContext& step)
+{
+    std::vector<Ostara::Object const*> inputs;
+    for (std::size_t n = 1; n < step.inputs.size(); ++n)
+        for (io::NamedVolume const& volume : step.inputs[n]) inputs.push_back(volume.volume.get());
+    const io::Savings savings = io::measureSavings(*step.volume().volume, inputs, io::Combination(step.arguments.choice("mode")));
+    step.results << (step.arguments.flag("json") ? nlohmann::ordered_json::parse(io::toJson(savings)).dump() + "\n" : io::toText(savings));
+    return {};
+}
+
+NodeInfo savingsNode()
+{
+    NodeInfo node{.name = "savings",
+                  .help = "prints voxels, memory and largest error of a merged level set, beside grids of one voxel size",
+                  .hasResult = false,
+                  .run = runSavings};
+    node.inputs = {{.name = "merged", .help = "what merge left"},
+                   {.name = "volume", .help = "the volumes that were merged, in their order", .several = true, .repeated = true}};
+    node.parameters = {
+        {.name = "mode", .type = ParameterType::kEnum, .help = "how the level sets were combined", .defaultText = "union", .choices = kLevelSetModes},
+        jsonParameter(),
+    };
+    return node;
+}
+
 }  // namespace
 
 std::vector<NodeInfo> mergeNodes()
 {
-    return {mergeNode()};
+    return {mergeNode(), savingsNode()};
 }
 
 }  // namespace tilegrid::graph

@@ -156,7 +156,6 @@ Savings measureSavings(Ostara::Object const& merged, std::vector<Ostara::Object 
     std::vector<LevelSetInfo> sets;
     for (auto const* input : inputs) sets.push_back(levelSetOf(*input));
     const Combined combined(inputs, combination), result({&merged}, combination);
-    const double area = levelSetOf(merged).area;
     const VolumeInfo info = describeVolume(merged);
     const auto places = placesNearSurface(sets, combined, kPlaceBand * info.voxelSize);
     Savings savings;
@@ -170,13 +169,16 @@ Savings measureSavings(Ostara::Object const& merged, std::vector<Ostara::Object 
 
     // Steps of a fourth of an octave, from coarse to fine.
     const double step = std::pow(2.0, 0.25), bytesPerVoxel = savings.merged.bytes / savings.merged.voxels;
-    double voxel = 128 * info.voxelSize, error = gridError(places, combined, voxel);
+    const LevelSetInfo surface = levelSetOf(merged);
+    double longest = 0;
+    for (int axis = 0; axis < 3; ++axis) longest = std::max(longest, double(surface.boundsMax[axis]) - surface.boundsMin[axis]);
+    double voxel = std::max(info.voxelSize, std::min(128 * info.voxelSize, longest / 8)), error = gridError(places, combined, voxel);
     while (error > savings.merged.error && voxel > info.voxelSize * step) {
         voxel /= step;
         error = gridError(places, combined, voxel);
     }
-    savings.sameError = gridCost(voxel, area, bytesPerVoxel, error);
-    savings.finest = gridCost(info.voxelSize, area, bytesPerVoxel, gridError(places, combined, info.voxelSize));
+    savings.sameError = gridCost(voxel, surface.area, bytesPerVoxel, error);
+    savings.finest = gridCost(info.voxelSize, surface.area, bytesPerVoxel, gridError(places, combined, info.voxelSize));
     return savings;
 }
 

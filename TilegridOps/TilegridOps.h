@@ -7,6 +7,7 @@
 #include "TilegridOps/host/object.h"
 #include "TilegridOps/host/ost_object.h"
 #include "TilegridOps/host/runtime.h"
+#include "TilegridOps/nodes/analysis.h"
 #include "TilegridOps/nodes/construction.h"
 #include "TilegridOps/nodes/grading.h"
 #include "TilegridOps/nodes/merge.h"

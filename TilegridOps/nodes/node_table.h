@@ -21,6 +21,7 @@ struct NodeSpec {
 
 /// One row a node.
 inline constexpr std::array kNodeTable{
+    NodeSpec{"analyze_volume", true, "Volume::analyze_volume", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"create_empty_volume", false, "", Prototype::kNone, "Input 'detail_size' must be non-zero."},
     NodeSpec{"get_volume_tile_info", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"get_voxel_count", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},

@@ -13,6 +13,7 @@
 #include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
+#include "TilegridOps/nodes/transfer.h"
 #include "TilegridOps/sampling/field_sampler.h"
 #include "TilegridOps/sampling/voxel_sampler_linear.h"
 #include "TilegridOps/substrate/accessor.h"

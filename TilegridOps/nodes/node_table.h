@@ -30,6 +30,7 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"merge_volumes_internal", false, "Geometry::Volume::merge_volumes", Prototype::kVolume,
              "Input 'volumes' contains an object that is not a volume."},
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
+    NodeSpec{"resample_volume", false, "", Prototype::kNone, ""},
     NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"validate_volume", false, "", Prototype::kVolume, ""},

@@ -1,4 +1,5 @@
 #include "benchmarks/support/peer.h"
+#include "benchmarks/support/peer_transform.h"
 
 #include <openvdb/math/Stencils.h>
 #include <openvdb/openvdb.h>
@@ -85,6 +86,20 @@ std::uint64_t PeerGrid::laplacian() const
     const auto result = openvdb::tools::laplacian(*content_->grid);
     return bitsOf(*result->cbeginValueOn());
 }
+
+std::uint64_t PeerGrid::gradient() const
+{
+    const auto result = openvdb::tools::gradient(*content_->grid);
+    return bitsOf(float((*result->cbeginValueOn()).x()));
+}
+
+std::uint64_t PeerGrid::meanCurvature() const
+{
+    const auto result = openvdb::tools::meanCurvature(*content_->grid);
+    return bitsOf(*result->cbeginValueOn());
+}
+
+std::uint64_t PeerGrid::rotated(double angle, bool quadratic) const { return bitsOf(firstOfRotated(*content_->grid, angle, quadratic)); }
 
 std::uint64_t PeerGrid::mean() const
 {

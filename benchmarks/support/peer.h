@@ -32,6 +32,11 @@ public:
     std::int64_t leafValues() const;
     /// The Laplacian of every active voxel, as a new grid.
     std::uint64_t laplacian() const;
+    /// The gradient and the mean curvature of every active voxel, as new grids.
+    std::uint64_t gradient() const;
+    std::uint64_t meanCurvature() const;
+    /// The grid turned by an angle (radians) around the z axis, into a new one: trilinear, or triquadratic.
+    std::uint64_t rotated(double angle, bool quadratic) const;
     /// The mean over 3x3x3 voxels of every active voxel, one pass.
     std::uint64_t mean() const;
 
@@ -53,6 +58,21 @@ public:
 private:
     struct Content;
     explicit PeerGrid(std::unique_ptr<Content> content);
+    std::unique_ptr<Content> content_;
+};
+
+/// Points that the peer holds in its own form, with a value each.
+class PeerPoints {
+public:
+    PeerPoints(std::vector<Ostara::Math::float3> const& positions, std::vector<float> const& values, float voxelSize);
+    ~PeerPoints();
+
+    /// Spreads the values over the eight voxels around each point, as weighted sums into a grid of the voxels next to points.
+    std::uint64_t rasterizeTrilinear() const;
+    std::int64_t voxelsOfLastResult() const;
+
+private:
+    struct Content;
     std::unique_ptr<Content> content_;
 };
 

@@ -1,0 +1,104 @@
+#include "benchmarks/support/bench.h"
+#include "benchmarks/support/loads.h"
+
+#include "TilegridOps/algorithms/analyze.h"
+#include "TilegridOps/algorithms/resample.h"
+#include "TilegridOps/host/geometry.h"
+#include "TilegridOps/substrate/grading.h"
+
+#include <cstring>
+
+/// Algorithms on level sets, per active voxel of the peer: differential operators, and a turned copy. All depths of our volumes
+/// have values and take part. Both sides make a new grid.
+
+namespace {
+
+using namespace bench;
+using namespace VolumeGL::TileTree3D::Analyze;
+
+template <class Tr> Corvid::Ptr<Ostara::Object> volumeOf(Load const& load, bool table)
+{
+    using namespace Ostara::Geometry;
+    auto native = Command::createVoxelOST<Tr>(sVoxelTileTree, sVoxelComp, 1.0f, kCorner);
+    auto tree = native->template extractComponent<Container<Tr>>(sVoxelTileTree);
+    auto topology = native->template extractComponent<VoxelTopology<Tr>>(sVoxelComp);
+    tree->refine(*treeOf<Tr>(load), nullptr, true);
+    // As algorithms find their volumes: tiles that touch differ by one depth at the most.
+    CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, nullptr, nullptr, 0, Tr::maxDepth);
+    tree->sortIntoMortonOrder();
+    if (table) tree->precomputeTileNeighbors();
+    topology->update(*tree);
+    auto distance = sphereChannel(*tree, SphereField{100.0f}, 0);
+    distance->setName(sVoxelSignedDistance);
+    native->putComponent(std::move(distance));
+    native->putComponent(std::move(topology));
+    native->putComponent(std::move(tree));
+    return move_ost_volume_to_object(*native);
+}
+
+std::uint64_t checksum(void const* value)
+{
+    std::uint32_t bits;
+    std::memcpy(&bits, value, sizeof bits);
+    return bits;
+}
+
+template <class Operator, class Tr, class Result> std::uint64_t analyzed(Ostara::Object const& volume)
+{
+    // A view shares what it reads; the result goes with it.
+    Corvid::Ptr<OST::Object> shared = Ostara::Geometry::shallow_copy_object_to_ost_volume(volume);
+    const auto view = Corvid::toMutable(shared);
+    VolumeGL::TileTree3D::analyze<Operator>(Ostara::Geometry::sVoxelSignedDistance, "result", true, *view);
+    const auto result = view->template component<Channel<Tr, Result, Tr::width, 0>>("result");
+    return checksum(result->tileData(result->tileCount(Tr::maxDepth) / 2, Tr::maxDepth).data());
+}
+
+constexpr double kAngle = 0.5235987755982988;  // 30 degrees
+
+template <class Tr> std::uint64_t rotated(Ostara::Object const& volume, InterpolationMode mode)
+{
+    Ostara::Math::float4x4 matrix;
+    matrix(0, 0) = matrix(1, 1) = float(std::cos(kAngle));
+    matrix(0, 1) = float(std::sin(kAngle));
+    matrix(1, 0) = -matrix(0, 1);
+    matrix(2, 2) = matrix(3, 3) = 1;
+    Corvid::Ptr<Ostara::Object> target;
+    VolumeGL::TileTree3D::resample<CoreGL::CorvidLogger>(Ostara::Geometry::sVoxelSignedDistance, matrix, 0.0f,
+                                                         static_cast<Geometry::Volume::AutoSubdivisionStructure>(0), mode, volume, target,
+                                                         CoreGL::CorvidLogger(Corvid::RuntimeServices()));
+    const auto result = target->native()->template component<FloatChannel<Tr>>(Ostara::Geometry::sVoxelSignedDistance);
+    return checksum(result->tileData(result->tileCount(Tr::maxDepth) / 2, Tr::maxDepth).data());
+}
+
+template <class Tr> void addAll(std::string const& width, Load const& load)
+{
+    const auto with = volumeOf<Tr>(load, true), without = volumeOf<Tr>(load, false);
+    const std::int64_t voxels = std::int64_t(load.band.size());
+    const auto peer = load.peer;
+    for (int threads : {1, 2}) {
+        const std::string at = width + "/" + load.name;
+        add("gradient_" + at, "ours", threads, voxels, [with] { return analyzed<GradientOperator, Tr, float3>(*with); });
+        add("gradient_no_table_" + at, "ours", threads, voxels, [without] { return analyzed<GradientOperator, Tr, float3>(*without); });
+        add("gradient_" + at, "peer", threads, voxels, [peer] { return peer->gradient(); });
+        add("laplacian_" + at, "ours", threads, voxels, [with] { return analyzed<LaplacianOperator, Tr, float>(*with); });
+        add("laplacian_" + at, "peer", threads, voxels, [peer] { return peer->laplacian(); });
+        add("curvature_" + at, "ours", threads, voxels, [with] { return analyzed<MeanCurvatureOperator, Tr, float>(*with); });
+        add("curvature_" + at, "peer", threads, voxels, [peer] { return peer->meanCurvature(); });
+        add("rotated_linear_" + at, "ours", threads, voxels, [with] { return rotated<Tr>(*with, kLinear); });
+        add("rotated_linear_" + at, "peer", threads, voxels, [peer] { return peer->rotated(kAngle, false); });
+        add("rotated_quadratic_" + at, "ours", threads, voxels, [with] { return rotated<Tr>(*with, kQuadraticC0Averaged); });
+        add("rotated_quadratic_" + at, "peer", threads, voxels, [peer] { return peer->rotated(kAngle, true); });
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    for (Load const& load : loads(/*withBunny*/ true)) {
+        if (load.name == "sphere1024") continue;
+        addAll<BinaryTraits>("w4", load);
+        addAll<QuinaryTraits>("w5", load);
+    }
+    return runAll(argc, argv, "algorithms");
+}

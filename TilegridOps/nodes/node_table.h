@@ -32,6 +32,8 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"resample_volume", false, "", Prototype::kNone, ""},
     NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
+    NodeSpec{"splat_points_into_volume", false, "Geometry::Volume::splat_points_into_volume", Prototype::kVolume,
+             "Input 'volume' is not a volume."},
     NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"validate_volume", false, "", Prototype::kVolume, ""},
     NodeSpec{"volume_bounds", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},

@@ -17,4 +17,15 @@ TILEGRID_API void resample_volume(Ostara::Object const& source, Corvid::Ptr<Osta
                                   Ostara::Math::float4x4 const& transform, float voxel_size, AutoSubdivisionStructure structure,
                                   InterpolationMode interpolation, Corvid::Ptr<Ostara::Object>& output, Corvid::RuntimeServices const& services);
 
+/// Spreads the values of a point cloud into a property of the volume; see `VolumeGL::TileTree3D::splatPoints`. A kernel without a name
+/// does nothing. If `points` is no point cloud or `volume` no volume: an error and an empty object, as for a cancelled job.
+/// \param option  mean of the values in place of their sum
+/// \param a       radius in world units
+/// \param b, c    bounds of the radius in finest voxels
+/// \param d       factor on the values
+/// \param count   depths, from the finest, that points may use
+TILEGRID_API void splat_points_into_volume(Corvid::Ptr<Ostara::Object> volume, Ostara::Object const& points, bool option,
+                                           Corvid::String const& property, SplatKernelType kernel, float a, float b, float c, float d, int count,
+                                           Corvid::Ptr<Ostara::Object>& output, Corvid::RuntimeServices const& services);
+
 }  // namespace Geometry::Volume

@@ -135,16 +135,17 @@ public:
         }
         for (int depth = output->minDepth(); depth <= output->depth(); ++depth)
             if (tree_.tileCount(depth) > 0) runDepth(depth, synced ? *synced : source_, *output);
-        restoreDependents(tree_, *output, offsetType_);
+        restoreDependents(tree_, *output, offsetType_, hanging_);
         return output;
     }
 
 private:
     void runDepth(int depth, Source const& source, Output& output)
     {
+        hanging_[std::size_t(depth)].resize(std::size_t(tree_.tileCount(depth)));
         const DepthScale scale(double(Tr::voxelDataWidth(depth)) * double(tree_.voxelSize()));
         parallel::forRanges(0, tree_.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
-            Worker worker(*this, source, output);
+            Worker worker(*this, source, output, hanging_);
             for (int64 n = begin; n < end; ++n) worker.run(tree_.tile(n, depth), scale);
         });
         parallel::endStage();
@@ -153,8 +154,8 @@ private:
     /// What one thread needs.
     class Worker {
     public:
-        Worker(Analysis const& job, Source const& source, Output& output)
-            : job_(job), source_(source), output_(output), around_(job.tree_, source.minDepth()),
+        Worker(Analysis const& job, Source const& source, Output& output, HangingSides<Tr>& hanging)
+            : job_(job), source_(source), output_(output), hanging_(hanging), around_(job.tree_, source.minDepth()),
               parents_(job.tree_, output, job.offsetType_), halos_(job.tree_, source, job.offsetType_)
         {
             if constexpr (kByRows)
@@ -164,11 +165,12 @@ private:
         void run(Tile const& tile, DepthScale const& scale)
         {
             Result* out = output_.tileData(tile.treeIndex()).data();
+            const AroundTile around = around_.of(tile);
+            hanging_[std::size_t(tile.depth())][std::size_t(tile.index())] = around.coarser & kLowAround;
             if constexpr (Operator::needs == Needs::kVoxel) {
                 T const* in = source_.tileData(tile.treeIndex()).data();
                 for (int v = 0; v < Tr::voxelCount; ++v) out[v] = Operator::atVoxel(in[v]);
             } else {
-                const AroundTile around = around_.of(tile);
                 constexpr std::uint32_t reached = Operator::needs == Needs::kAll ? kAllAround : kFacesAround;
                 bool done = false;
                 if constexpr (kByRows) {
@@ -176,12 +178,22 @@ private:
                     if (done) Operator::template rows<Tr>(rows_->read(tile), out, scale, firstSample(job_.tree_, tile, job_.offset_));
                 }
                 if (!done) byVoxel(tile, around.outside, out, scale);
-                const std::uint32_t coarser = around.coarser & (job_.offsetType_ == kCorner ? reached | kLowAround : reached);
-                if (coarser) parents_.write(tile, voxelsBeside<Tr>(coarser), out);
+                takeFromParent(tile, around.coarser & reached, around.coarser & kLowAround, out);
             }
         }
 
     private:
+        /// Voxels whose stencils met coarser tiles. Those that hang follow at the end, unless there may be children that read them
+        /// before.
+        void takeFromParent(Tile const& tile, std::uint32_t coarser, std::uint32_t hanging, Result* out)
+        {
+            if (job_.offsetType_ == kCorner && !tile.isLeaf()) coarser |= hanging;
+            const bool later = job_.offsetType_ == kCorner && tile.isLeaf();
+            if (!(later ? coarser & ~kLowAround : coarser)) return;
+            VoxelSet<Tr> which = voxelsBeside<Tr>(coarser);
+            if (later) which &= ~voxelsBeside<Tr>(hanging);
+            parents_.write(tile, coarser, which, out);
+        }
         void byVoxel(Tile const& tile, std::uint32_t outside, Result* out, DepthScale const& scale)
         {
             constexpr int N = W + 2;
@@ -196,6 +208,7 @@ private:
         Analysis const& job_;
         Source const& source_;
         Output& output_;
+        HangingSides<Tr>& hanging_;
         AroundTiles<Tr> around_;
         ParentValues<Tr, Result> parents_;
         HaloReader<Tr, T> halos_;
@@ -206,6 +219,7 @@ private:
     Source const& source_;
     VoxelOffsetType offsetType_;
     float3 offset_;
+    HangingSides<Tr> hanging_;
 };
 
 /// \return whether the volume has the property in this structure and type

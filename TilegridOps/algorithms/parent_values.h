@@ -4,7 +4,10 @@
 #include "TilegridOps/substrate/neighbor_walk.h"
 #include "TilegridOps/substrate/parallel.h"
 
+#include <array>
+#include <bit>
 #include <bitset>
+#include <vector>
 
 /// Values that follow from the depth above, of a property whose other voxels were just computed.
 namespace tilegrid {
@@ -76,35 +79,80 @@ template <class Tr> VoxelSet<Tr> voxelsBeside(std::uint32_t directions)
 
 /// Writes voxels of tiles as the trilinear mix of the values one depth above; one per thread.
 template <class Tr, class T> class ParentValues {
+    static constexpr int W = Tr::width;
+
 public:
     using Tree = OST::TileTree3D::Container<Tr>;
-    using Values = OST::TileTree3D::Channel<Tr, T, Tr::width, 0>;
+    using Values = OST::TileTree3D::Channel<Tr, T, W, 0>;
 
     ParentValues(Tree const& tree, Values const& channel, OST::TileTree3D::VoxelOffsetType offset)
         : tree_(tree), accessor_(tree.tileAccessor()),
           reader_(OST::TileTree3D::VoxelView<T>(channel), accessor_, offset, channel.defaultValue())
     {
     }
-    /// The tile has a parent, at a depth that the channel has.
-    void write(typename Tree::Tile const& tile, VoxelSet<Tr> const& which, T* values) const
+    /// All voxels of a tile that has a parent, at a depth that the channel has.
+    void writeAll(typename Tree::Tile const& tile, T* values) const { write(tile, VoxelSet<Tr>().set(), Span{}, Span{}, Span{}, values); }
+    /// The voxels of a set, which lie beside the directions.
+    void write(typename Tree::Tile const& tile, std::uint32_t directions, VoxelSet<Tr> const& which, T* values) const
     {
-        using namespace OST::TileTree3D;
-        const TreeIndex above = tile.parentTreeIndex();
-        const int3 from = tile.tijk() - tree_.tile(above).tijk();
-        const int width = tile.voxelDataWidth(), siteWidth = tile.parentVoxelDataWidth();
-        const SiteTaps x(Tr::width, from.x, width, siteWidth, reader_.centred(0)), y(Tr::width, from.y, width, siteWidth, reader_.centred(1)),
-            z(Tr::width, from.z, width, siteWidth, reader_.centred(2));
-        T sites[SiteReader<Tr, T>::kBlock];
-        reader_.gather(above, {x.low, y.low, z.low}, {x.count, y.count, z.count}, sites);
-        for (int v = 0; v < Tr::voxelCount; ++v) {
-            if (!which[std::size_t(v)]) continue;
-            const int3 at = cubeIndex(Tr::width, v);
-            values[v] = mixSites<T>(x[at.x], y[at.y], z[at.z],
-                                    [&](int i, int j, int k) -> T const& { return sites[i + x.count * (j + y.count * k)]; });
-        }
+        write(tile, which, Span(directions, 9), Span(directions, 3), Span(directions, 1), values);
     }
 
 private:
+    /// Voxels along an axis that lie beside some directions.
+    struct Span {
+        int first = 0, count = W;
+        Span() = default;
+        /// \param stride  between directions that differ by one step along the axis
+        Span(std::uint32_t directions, int stride)
+        {
+            bool side[3] = {};
+            for (; directions; directions &= directions - 1) side[std::countr_zero(directions) / stride % 3] = true;
+            if (side[1] || (side[0] && side[2])) return;
+            first = side[2] ? W - 1 : 0;
+            count = 1;
+        }
+    };
+    using Taps = OST::TileTree3D::SiteTaps;
+
+    /// Along x, then y, then z, so that the values have the bits of `mixSites`.
+    void write(typename Tree::Tile const& tile, VoxelSet<Tr> const& which, Span const& x, Span const& y, Span const& z, T* values) const
+    {
+        constexpr int kMost = OST::TileTree3D::SiteReader<Tr, T>::kMostSites;
+        const auto above = tile.parentTreeIndex();
+        const auto from = tile.tijk() - tree_.tile(above).tijk();
+        const int width = tile.voxelDataWidth(), siteWidth = tile.parentVoxelDataWidth();
+        const Taps tx(x.count, from.x + x.first * width, width, siteWidth, reader_.centred(0)),
+            ty(y.count, from.y + y.first * width, width, siteWidth, reader_.centred(1)),
+            tz(z.count, from.z + z.first * width, width, siteWidth, reader_.centred(2));
+        T sites[kMost * kMost * kMost], lines[kMost][W], planes[kMost][W][W], row[W];
+        reader_.gather(above, {tx.low, ty.low, tz.low}, {tx.count, ty.count, tz.count}, sites);
+        for (int k = 0; k < tz.count; ++k) {
+            for (int j = 0; j < ty.count; ++j) {
+                T const* line = sites + tx.count * (j + ty.count * k);
+                for (int i = 0; i < x.count; ++i) {
+                    T const* low = line + tx[i].base;
+                    lines[j][i] = tx[i].fraction == 0 ? *low : mixed<T>(low[0], low[1], tx[i].fraction);
+                }
+            }
+            for (int j = 0; j < y.count; ++j) mixRow(lines[ty[j].base], lines[ty[j].base + 1], ty[j].fraction, x.count, planes[k][j]);
+        }
+        for (int k = 0; k < z.count; ++k)
+            for (int j = 0; j < y.count; ++j) {
+                mixRow(planes[tz[k].base][j], planes[tz[k].base + 1][j], tz[k].fraction, x.count, row);
+                const int first = x.first + W * (y.first + j + W * (z.first + k));
+                for (int i = 0; i < x.count; ++i)
+                    if (which[std::size_t(first + i)]) values[first + i] = row[i];
+            }
+    }
+    static void mixRow(T const* low, T const* high, float fraction, int count, T* out)
+    {
+        if (fraction == 0)
+            std::copy_n(low, count, out);
+        else
+            for (int i = 0; i < count; ++i) out[i] = mixed<T>(low[i], high[i], fraction);
+    }
+
     Tree const& tree_;
     OST::TileTree3D::ConstTileAccessor<Tr> accessor_;
     OST::TileTree3D::SiteReader<Tr, T> reader_;
@@ -113,25 +161,73 @@ private:
 /// Tiles that a task takes at once.
 inline constexpr OST::int64 kTilesAtOnce = 64;
 
+/// By depth and tile, the directions of coarser tiles that make voxels hang: some of `kLowAround`.
+template <class Tr> using HangingSides = std::array<std::vector<std::uint32_t>, Tr::levels>;
+
+namespace detail {
+
+/// Whether voxels of a tile hang, by the axes (bits 0, 1, 2) on which they have coordinate 0.
+inline std::uint8_t hangingCorners(std::uint32_t sides)
+{
+    std::uint8_t corners = 0;
+    for (; sides; sides &= sides - 1) {
+        const auto step = OST::TileTree3D::neighborOffset(OST::TileTree3D::NeighborDirection(std::countr_zero(sides)));
+        const int needed = (step.x < 0) | (step.y < 0) << 1 | (step.z < 0) << 2;
+        for (int zero = 0; zero < 8; ++zero)
+            if ((zero & needed) == needed) corners |= std::uint8_t(1 << zero);
+    }
+    return corners;
+}
+
+/// Gives voxels above a child its coincident voxel's value, unless that hangs: then they are free.
+template <class Tr, class T>
+void copyFreeFromChildren(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::Channel<Tr, T, Tr::width, 0>& channel,
+                          HangingSides<Tr> const& hanging, int depth)
+{
+    constexpr int r = Tr::cellVoxels, s = Tr::childStride, W = Tr::width;
+    parallel::forRanges(0, tree.tileCount(depth), kTilesAtOnce, [&](OST::int64 begin, OST::int64 end) {
+        for (OST::int64 n = begin; n < end; ++n) {
+            auto const& tile = tree.tile(n, depth);
+            if (tile.isLeaf()) continue;
+            T* own = channel.tileData(n, depth).data();
+            for (int cell = 0; cell < Tr::childCount; ++cell) {
+                const OST::int64 child = tile.childIndex(cell);
+                if (child < 0) continue;
+                T const* from = std::as_const(channel).tileData(child, depth + 1).data();
+                const std::uint8_t corners = hangingCorners(hanging[std::size_t(depth) + 1][std::size_t(child)]);
+                const auto at = OST::TileTree3D::cubeIndex(Tr::branching, cell);
+                for (int v = 0; v < r * r * r; ++v) {
+                    const auto in = OST::TileTree3D::cubeIndex(r, v);
+                    if (corners >> ((in.x == 0) | (in.y == 0) << 1 | (in.z == 0) << 2) & 1) continue;
+                    own[OST::TileTree3D::flatIndex(W, at.x * r + in.x, at.y * r + in.y, at.z * r + in.z)] =
+                        from[OST::TileTree3D::flatIndex(W, in.x * s, in.y * s, in.z * s)];
+                }
+            }
+        }
+    });
+    parallel::endStage();
+}
+
+}  // namespace detail
+
 /// Makes the voxels with children those of their children, and then the hanging voxels interpolated ones (corner samples only:
-/// others do not hang).
+/// others do not hang). What hanging voxels held does not count.
+/// \param hanging  for all tiles of the channel's depths; corner samples only
 /// \throws std::runtime_error (OST::exceptionMessage) on cancellation
 template <class Tr, class T>
 void restoreDependents(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::Channel<Tr, T, Tr::width, 0>& channel,
-                       OST::TileTree3D::VoxelOffsetType offset)
+                       OST::TileTree3D::VoxelOffsetType offset, HangingSides<Tr> const& hanging)
 {
-    using namespace OST::TileTree3D;
-    setNonLeafValueToChildValue(channel, tree, offset, channel.minDepth(), channel.depth());
-    if (offset != kCorner) return;
+    if (offset != OST::TileTree3D::kCorner) return setNonLeafValueToChildValue(channel, tree, offset, channel.minDepth(), channel.depth());
+    for (int depth = channel.depth() - 1; depth >= channel.minDepth(); --depth)
+        if (tree.tileCount(depth) > 0) detail::copyFreeFromChildren<Tr, T>(tree, channel, hanging, depth);
     for (int depth = channel.minDepth() + 1; depth <= channel.depth(); ++depth) {
         if (tree.tileCount(depth) == 0) continue;
         parallel::forRanges(0, tree.tileCount(depth), kTilesAtOnce, [&](OST::int64 begin, OST::int64 end) {
-            AroundTiles<Tr> around(tree, channel.minDepth());
             const ParentValues<Tr, T> parents(tree, channel, offset);
-            for (OST::int64 n = begin; n < end; ++n) {
-                const std::uint32_t coarser = around.of(tree.tile(n, depth)).coarser & kLowAround;
-                if (coarser) parents.write(tree.tile(n, depth), voxelsBeside<Tr>(coarser), channel.tileData(n, depth).data());
-            }
+            for (OST::int64 n = begin; n < end; ++n)
+                if (const std::uint32_t sides = hanging[std::size_t(depth)][std::size_t(n)])
+                    parents.write(tree.tile(n, depth), sides, voxelsBeside<Tr>(sides), channel.tileData(n, depth).data());
         });
         parallel::endStage();
     }

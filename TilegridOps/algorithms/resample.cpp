@@ -1,7 +1,7 @@
 #include "TilegridOps/algorithms/resample.h"
 
 #include "TilegridOps/algorithms/affine_map.h"
-#include "TilegridOps/algorithms/place_reader.h"
+#include "TilegridOps/algorithms/field_reader.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/commands.h"
 #include "TilegridOps/substrate/parallel.h"
@@ -112,7 +112,7 @@ bool isIdentity(AffineMap const& map)
 
 /// Writes all voxels of a channel: those of a tile by `copied(tile, values)`, where that says true, and else from the reader.
 template <class To, class T, class Copied>
-void readInto(Container<To> const& tree, float3 const& offset, Request const& request, PlaceReader<T> const& prototype, double factor,
+void readInto(Container<To> const& tree, float3 const& offset, Request const& request, FieldReader<T> const& prototype, double factor,
               Copied const& copied, Channel<To, T, To::width, 0>& channel)
 {
     using Scalar = typename ElementTraits<T>::Scalar;
@@ -149,7 +149,7 @@ Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, float3 con
 {
     const auto channel = request.source.component<Channel<From, T, From::width, 0>>(name);
     if (!channel) return {};
-    const auto reader = makePlaceReader<From, T>(request.source, name, request.interpolation);
+    const auto reader = makeFieldReader<From, T>(request.source, name, request.interpolation);
     if (!reader) return {};
     using Scalar = typename ElementTraits<T>::Scalar;
     const double factor = name == sVoxelSignedDistance ? request.placement.scale : 1;

@@ -234,7 +234,7 @@ private:
                 const ParentValues<Tr, U> parents(tree_, channel, topology_.offsetType());
                 U above[Tr::voxelCount];
                 for (int64 n = begin; n < end; ++n) {
-                    parents.write(tree_.tile(n, depth), VoxelSet<Tr>().set(), above);
+                    parents.writeAll(tree_.tile(n, depth), above);
                     const auto own = channel.tileData(n, depth);
                     for (int v = 0; v < Tr::voxelCount; ++v) own(v) = own(v) + above[v];
                 }

@@ -9,10 +9,10 @@ namespace tilegrid {
 
 /// Reads a property at places, whatever structure and interpolation stand behind it. One per thread: `copy` makes another, which
 /// shares what was made for reading. What it reads outlives it.
-template <class T> class PlaceReader {
+template <class T> class FieldReader {
 public:
-    virtual ~PlaceReader() = default;
-    virtual std::unique_ptr<PlaceReader> copy() const = 0;
+    virtual ~FieldReader() = default;
+    virtual std::unique_ptr<FieldReader> copy() const = 0;
     /// \param places  in tile space (voxels of the finest depth)
     /// \param depth   the deepest one that is read
     virtual void read(Ostara::Math::float3 const* places, int count, int depth, T* values) = 0;
@@ -23,7 +23,7 @@ public:
 /// \return null if the volume has no such property, tree or topology
 /// \throws std::runtime_error (OST::exceptionMessage) on cancellation
 template <class Tr, class T>
-std::unique_ptr<PlaceReader<T>> makePlaceReader(OST::Object const& volume, Corvid::String const& property,
+std::unique_ptr<FieldReader<T>> makeFieldReader(OST::Object const& volume, Corvid::String const& property,
                                                 OST::TileTree3D::InterpolationMode interpolation);
 
 }  // namespace tilegrid

@@ -1,4 +1,4 @@
-#include "TilegridOps/algorithms/place_reader.h"
+#include "TilegridOps/algorithms/field_reader.h"
 
 #include "TilegridOps/host/property_names.h"
 #include "TilegridOps/sampling/voxel_sampler_cubic.h"
@@ -25,14 +25,14 @@ template <class Tr, class T> struct Source {
     std::shared_ptr<Channel<Tr, T, Tr::width + 1, 0>> halos;
 };
 
-template <class Tr, class T> class LinearReader final : public PlaceReader<T> {
+template <class Tr, class T> class LinearReader final : public FieldReader<T> {
 public:
     explicit LinearReader(Source<Tr, T> source)
         : source_(std::move(source)), sampler_(source_.halos ? LinearSampler<Tr, T>(*source_.tree, *source_.topology, source_.halos.get())
                                                               : LinearSampler<Tr, T>(*source_.tree, *source_.topology, source_.channel.get()))
     {
     }
-    std::unique_ptr<PlaceReader<T>> copy() const override { return std::make_unique<LinearReader>(*this); }
+    std::unique_ptr<FieldReader<T>> copy() const override { return std::make_unique<LinearReader>(*this); }
     void read(float3 const* places, int count, int depth, T* values) override
     {
         for (int n = 0; n < count; ++n) values[n] = sampler_.sampleLinear(places[n], depth, kTileSpace);
@@ -44,14 +44,14 @@ private:
     LinearSampler<Tr, T> sampler_;
 };
 
-template <class Tr, class T> class CubicReader final : public PlaceReader<T> {
+template <class Tr, class T> class CubicReader final : public FieldReader<T> {
 public:
     CubicReader(Source<Tr, T> source, CubicMode mode)
         : source_(std::move(source)), sampler_(*source_.tree, *source_.topology, source_.channel.get(), mode, /*clampOutput*/ true,
                                                JumpPolicy::kTrilinearAtJump, nullptr, 0, 0)
     {
     }
-    std::unique_ptr<PlaceReader<T>> copy() const override { return std::make_unique<CubicReader>(*this); }
+    std::unique_ptr<FieldReader<T>> copy() const override { return std::make_unique<CubicReader>(*this); }
     void read(float3 const* places, int count, int depth, T* values) override
     {
         for (int n = 0; n < count; ++n) values[n] = sampler_.sampleCubic(places[n], depth, kTileSpace);
@@ -66,7 +66,7 @@ private:
 }  // namespace
 
 template <class Tr, class T>
-std::unique_ptr<PlaceReader<T>> makePlaceReader(OST::Object const& volume, Corvid::String const& property, InterpolationMode interpolation)
+std::unique_ptr<FieldReader<T>> makeFieldReader(OST::Object const& volume, Corvid::String const& property, InterpolationMode interpolation)
 {
     Source<Tr, T> source{volume.component<Container<Tr>>(sVoxelTileTree), volume.component<VoxelTopology<Tr>>(sVoxelComp),
                          volume.component<Channel<Tr, T, Tr::width, 0>>(property), nullptr};
@@ -84,7 +84,7 @@ std::unique_ptr<PlaceReader<T>> makePlaceReader(OST::Object const& volume, Corvi
 }
 
 #define TILEGRID_INSTANTIATE_FOR(Tr, T) \
-    template std::unique_ptr<PlaceReader<T>> makePlaceReader<Tr, T>(OST::Object const&, Corvid::String const&, InterpolationMode);
+    template std::unique_ptr<FieldReader<T>> makeFieldReader<Tr, T>(OST::Object const&, Corvid::String const&, InterpolationMode);
 TILEGRID_FOR_REAL_TYPES(TILEGRID_INSTANTIATE_FOR)
 
 }  // namespace tilegrid

@@ -126,7 +126,7 @@ private:
             ty(y.count, from.y + y.first * width, width, siteWidth, reader_.centred(1)),
             tz(z.count, from.z + z.first * width, width, siteWidth, reader_.centred(2));
         T sites[kMost * kMost * kMost], lines[kMost][W], planes[kMost][W][W], row[W];
-        reader_.gather(above, {tx.low, ty.low, tz.low}, {tx.count, ty.count, tz.count}, sites);
+        if (!gatherRows(above, tx, ty, tz, sites)) reader_.gather(above, {tx.low, ty.low, tz.low}, {tx.count, ty.count, tz.count}, sites);
         for (int k = 0; k < tz.count; ++k) {
             for (int j = 0; j < ty.count; ++j) {
                 T const* line = sites + tx.count * (j + ty.count * k);
@@ -145,6 +145,36 @@ private:
                     if (which[std::size_t(first + i)]) values[first + i] = row[i];
             }
     }
+    /// The sites as `SiteReader::gather` gives them, row by row from the tiles of the parent's depth. False if one of those is missing.
+    bool gatherRows(OST::TileTree3D::TreeIndex const& above, Taps const& x, Taps const& y, Taps const& z, T* sites) const
+    {
+        if (!(above == parent_)) {
+            parent_ = above;
+            known_ = 0;
+        }
+        const auto side = [](int s) { return s < 0 ? -1 : s >= W ? 1 : 0; };
+        for (int k = z.low; k < z.low + z.count; ++k)
+            for (int j = y.low; j < y.low + y.count; ++j) {
+                const int dy = side(j), dz = side(k), row = W * (j - W * dy + W * (k - W * dz));
+                for (int i = x.low; i < x.low + x.count;) {
+                    const int dx = side(i), end = std::min(x.low + x.count, dx < 0 ? 0 : dx == 0 ? W : 2 * W);
+                    T const* tile = tileBeside(OST::TileTree3D::neighborDirection(dx, dy, dz));
+                    if (!tile) return false;
+                    for (; i < end; ++i) *sites++ = tile[i - W * dx + row];
+                }
+            }
+        return true;
+    }
+    /// Values of a tile of the parent's depth beside the parent, or the parent itself; null if there is none.
+    T const* tileBeside(OST::TileTree3D::NeighborDirection direction) const
+    {
+        if (!(known_ >> direction & 1)) {
+            const auto at = direction == OST::TileTree3D::kNeighborSelf ? parent_ : accessor_.treeIndexNeighbor(tree_.tile(parent_), direction);
+            beside_[std::size_t(direction)] = at.depth == parent_.depth ? reader_.voxels().tile(at) : nullptr;
+            known_ |= 1u << direction;
+        }
+        return beside_[std::size_t(direction)];
+    }
     static void mixRow(T const* low, T const* high, float fraction, int count, T* out)
     {
         if (fraction == 0)
@@ -156,6 +186,10 @@ private:
     Tree const& tree_;
     OST::TileTree3D::ConstTileAccessor<Tr> accessor_;
     OST::TileTree3D::SiteReader<Tr, T> reader_;
+    /// The last parent, and what lies around it as far as it was asked for. Children of one follow each other.
+    mutable OST::TileTree3D::TreeIndex parent_;
+    mutable std::uint32_t known_ = 0;
+    mutable std::array<T const*, 27> beside_{};
 };
 
 /// Tiles that a task takes at once.

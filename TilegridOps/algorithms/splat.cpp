@@ -59,7 +59,6 @@ private:
     {
         constexpr int64 kAtOnce = 4096;
         footprints_.resize(std::size_t(points_.count));
-        factors_.resize(std::size_t(points_.count));
         std::array<std::atomic<bool>, Tr::levels> used{};
         parallel::loop(0, points_.count, kAtOnce, [&](int64 begin, int64 end) {
             for (int64 n = begin; n < end; ++n) {
@@ -67,7 +66,7 @@ private:
                 if (hasValue(n)) f = points_.footprint<Tr>(n, settings_, voxelSize_, offset_);
                 if (f.depth < 0) continue;
                 const double sum = settings_.normalize ? 1 : f.weightSum(settings_.kernel);
-                factors_[std::size_t(n)] = sum > 0 ? 1 / sum : 0;
+                f.factor = sum > 0 ? 1 / sum : 0;
                 used[std::size_t(f.depth)].store(true, std::memory_order_relaxed);
             }
         });
@@ -81,31 +80,46 @@ private:
         return true;
     }
 
-    /// A voxel more on the low sides than has weight, so that no voxel with weight hangs.
-    void addTiles(OST::Object& target)
+    /// The tiles of all footprints, each once and in an order that depends on nothing else. A voxel more on the low sides than has
+    /// weight, so that no voxel with weight hangs.
+    std::vector<TileKeys::Key> touchedTiles() const
     {
-        const auto add = [this](int64 begin, int64 end, Tree& collected) {
-            auto accessor = collected.tileAccessor();
-            int3 lastLow, lastHigh;
-            int lastDepth = -1;
+        constexpr int64 kAtOnce = 4096;
+        parallel::PerThread<TileKeys> sets;
+        parallel::loop(0, points_.count, kAtOnce, [&](int64 begin, int64 end) {
+            TileKeys& set = sets.local([] { return std::make_unique<TileKeys>(); });
             for (int64 n = begin; n < end; ++n) {
                 Footprint const& f = footprints_[std::size_t(n)];
                 if (f.depth < 0) continue;
-                const int width = Tr::voxelDataWidth(f.depth);
-                int3 low, high;
-                for (int axis = 0; axis < 3; ++axis) {
-                    // Corners of tiles: points that meet the same ones follow each other often.
-                    low[axis] = Tr::rangeMin + std::max(f.first[axis] - 1, 0) / W * W * width;
-                    high[axis] = Tr::rangeMin + f.last[axis] / W * W * width;
-                }
-                if (f.depth == lastDepth && low == lastLow && high == lastHigh) continue;
-                accessor.addTiles(low, high, f.depth);
-                lastLow = low, lastHigh = high, lastDepth = f.depth;
+                const auto first = [&f](int axis) { return std::max(f.first[axis] - 1, 0) / W; };
+                for (std::int32_t k = first(2); k <= f.last[2] / W; ++k)
+                    for (std::int32_t j = first(1); j <= f.last[1] / W; ++j)
+                        for (std::int32_t i = first(0); i <= f.last[0] / W; ++i) set.insert({f.depth, i, j, k});
+            }
+        });
+        std::vector<TileKeys::Key> keys;
+        sets.forEach([&keys](TileKeys const& set) { set.appendTo(keys); });
+        // Near ones follow each other, so that parents are found at once.
+        std::sort(keys.begin(), keys.end(), [](TileKeys::Key const& a, TileKeys::Key const& b) {
+            return a.depth != b.depth ? a.depth < b.depth : a.z != b.z ? a.z < b.z : a.y != b.y ? a.y < b.y : a.x < b.x;
+        });
+        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+        return keys;
+    }
+    void addTiles(OST::Object& target)
+    {
+        const auto keys = touchedTiles();
+        const auto add = [&keys](int64 begin, int64 end, Tree& collected) {
+            auto accessor = collected.tileAccessor();
+            for (int64 n = begin; n < end; ++n) {
+                TileKeys::Key const& key = keys[std::size_t(n)];
+                const int width = W * Tr::voxelDataWidth(key.depth);
+                accessor.addTile(Tr::rangeMin + key.x * width, Tr::rangeMin + key.y * width, Tr::rangeMin + key.z * width, key.depth);
             }
         };
         TileList<Tr> added;
-        constexpr std::size_t kGrain = 1 << 14;
-        if (anyPoint_) tree_.template refine<decltype(add), int64>(add, 0, points_.count, kGrain, &added);
+        constexpr std::size_t kGrain = 1 << 16;
+        if (anyPoint_) tree_.template refine<decltype(add), int64>(add, 0, int64(keys.size()), kGrain, &added);
         topology_.update(tree_);
         updateTilesAdded(topology_, target);
         initializeTileData(tree_, added, target);
@@ -163,12 +177,20 @@ private:
     struct Sums {
         double value[Tr::voxelCount][Element::components], weight[Tr::voxelCount];
     };
-    void gather(typename Tree::Tile const& tile, std::int32_t const* begin, std::int32_t const* end, Sums& sums) const
+    /// \param last  end of the whole list: what follows is fetched ahead
+    void gather(typename Tree::Tile const& tile, std::int32_t const* begin, std::int32_t const* end, std::int32_t const* last, Sums& sums) const
     {
+        constexpr int kAhead = 12;
         const int width = tile.voxelDataWidth();
         std::int32_t corner[3];
         for (int axis = 0; axis < 3; ++axis) corner[axis] = std::int32_t((int64(tile.tijk()[axis]) - Tr::rangeMin) / width);
         for (std::int32_t const* point = begin; point != end; ++point) {
+            if (last - point > kAhead) {
+                Footprint const& next = footprints_[std::size_t(point[kAhead])];
+                __builtin_prefetch(&next);
+                __builtin_prefetch(reinterpret_cast<char const*>(&next) + sizeof next - 1);
+                if (values_) __builtin_prefetch(values_ + point[kAhead]);
+            }
             Footprint const& f = footprints_[std::size_t(*point)];
             double weights[3][W];
             int from[3], to[3];
@@ -177,11 +199,10 @@ private:
                 to[axis] = std::min(f.last[axis] - corner[axis], W - 1);
                 f.weights(settings_.kernel, axis, corner[axis] + from[axis], corner[axis] + to[axis], weights[axis] + from[axis]);
             }
-            const double factor = factors_[std::size_t(*point)];
             for (int k = from[2]; k <= to[2]; ++k)
                 for (int j = from[1]; j <= to[1]; ++j)
                     for (int i = from[0]; i <= to[0]; ++i)
-                        add(sums, i + W * (j + W * k), weights[0][i] * (weights[1][j] * weights[2][k] * factor), *point);
+                        add(sums, i + W * (j + W * k), weights[0][i] * (weights[1][j] * weights[2][k] * f.factor), *point);
         }
     }
     void add(Sums& sums, int voxel, double weight, std::int32_t point) const
@@ -207,7 +228,8 @@ private:
             for (int64 n = begin; n < end; ++n) {
                 if (points.begin[std::size_t(n)] == points.begin[std::size_t(n) + 1]) continue;
                 Sums sums{};
-                gather(tree_.tile(n), points.points.data() + points.begin[std::size_t(n)], points.points.data() + points.begin[std::size_t(n) + 1], sums);
+                std::int32_t const* list = points.points.data();
+                gather(tree_.tile(n), list + points.begin[std::size_t(n)], list + points.begin[std::size_t(n) + 1], list + points.points.size(), sums);
                 const auto out = values->tileData(n);
                 for (int v = 0; v < Tr::voxelCount; ++v)
                     for (int c = 0; c < Element::components; ++c)
@@ -272,7 +294,6 @@ private:
     float3 offset_;
     double voxelSize_;
     std::vector<Footprint> footprints_;
-    std::vector<double> factors_;
     /// The lowest depth that a point goes to.
     int coarsest_ = Tr::maxDepth;
     bool anyPoint_ = false;

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <compare>
+#include <vector>
 
 /// Points as splatting sees them: where they are, how far they reach, and with what weight.
 namespace tilegrid::splatting {
@@ -49,6 +51,8 @@ struct Footprint {
     std::int32_t first[3], last[3];
     /// Position and radius in voxels of the depth.
     double place[3], radius;
+    /// What weights are multiplied with.
+    double factor = 1;
 
     /// Weights along an axis of the sites `from` to `to`, which lie in the footprint.
     void weights(KernelKind kernel, int axis, std::int32_t from, std::int32_t to, double* out) const
@@ -98,6 +102,54 @@ template <class Tr> Footprint footprintOf(Settings const& settings, float3 const
     result.depth = depth;
     return result;
 }
+
+/// Tiles by depth and number per axis, each once: a hash table with open addressing.
+class TileKeys {
+public:
+    struct Key {
+        std::int32_t depth = -1, x = 0, y = 0, z = 0;
+        friend auto operator<=>(Key const&, Key const&) = default;
+    };
+    TileKeys() : table_(1 << 12) {}
+    void insert(Key const& key)
+    {
+        // Points come in groups.
+        if (key == last_) return;
+        last_ = key;
+        std::size_t at = placeOf(key);
+        while (table_[at].depth >= 0 && table_[at] != key) at = (at + 1) & (table_.size() - 1);
+        if (table_[at] == key) return;
+        table_[at] = key;
+        if (2 * ++count_ > table_.size()) grow();
+    }
+    void appendTo(std::vector<Key>& keys) const
+    {
+        for (Key const& key : table_)
+            if (key.depth >= 0) keys.push_back(key);
+    }
+
+private:
+    std::size_t placeOf(Key const& key) const
+    {
+        std::uint64_t h = (std::uint64_t(std::uint32_t(key.x)) << 32 | std::uint32_t(key.y)) * 0x9e3779b97f4a7c15ull;
+        h = (h ^ h >> 29 ^ std::uint64_t(std::uint32_t(key.z)) << 8 ^ std::uint64_t(key.depth)) * 0xbf58476d1ce4e5b9ull;
+        return std::size_t(h >> 32) & (table_.size() - 1);
+    }
+    void grow()
+    {
+        std::vector<Key> keys;
+        appendTo(keys);
+        table_.assign(2 * table_.size(), Key());
+        for (Key const& key : keys) {
+            std::size_t at = placeOf(key);
+            while (table_[at].depth >= 0) at = (at + 1) & (table_.size() - 1);
+            table_[at] = key;
+        }
+    }
+    std::vector<Key> table_;
+    std::size_t count_ = 0;
+    Key last_;
+};
 
 /// The arrays of a point cloud. Lengths are checked.
 struct PointArrays {

@@ -1,6 +1,7 @@
 #include "io/mesh.h"
 
 #include "io/error.h"
+#include "io/file_content.h"
 #include "io/mesh_check.h"
 #include "io/text.h"
 
@@ -11,8 +12,6 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <span>
 #include <unordered_map>
 
@@ -27,23 +26,6 @@ namespace {
 [[noreturn]] void fail(std::string const& path, std::string const& why)
 {
     throw InputError("cannot read the mesh '" + path + "': " + why);
-}
-
-std::string contentOf(std::string const& path, std::uint64_t maxBytes)
-{
-    namespace fs = std::filesystem;
-    std::error_code error;
-    if (!fs::exists(path, error)) fail(path, "there is no such file");
-    if (!fs::is_regular_file(path, error)) fail(path, "it is no regular file");
-    const std::uint64_t size = fs::file_size(path, error);
-    if (error) fail(path, error.message());
-    if (size == 0) fail(path, "the file is empty");
-    if (maxBytes > 0 && size > maxBytes)
-        fail(path, "the file has " + byteText(double(size)) + ", and the limit is " + byteText(double(maxBytes)));
-    std::ifstream in(path, std::ios::binary);
-    std::string content(size, '\0');
-    if (!in.read(content.data(), static_cast<std::streamsize>(size))) fail(path, "it cannot be read to its end");
-    return content;
 }
 
 /// Joins vertices at the same place (0 and -0 are one) in the order of their first use.
@@ -157,7 +139,7 @@ TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::R
     const std::string ending = endingOf(path);
     if (ending != "obj" && ending != "ply" && ending != "stl")
         fail(path, "the ending tells the form, and only .obj, .ply and .stl are known");
-    const std::string content = contentOf(path, maxBytes);
+    const std::string content = fileContent(path, "mesh", maxBytes);
     MeshCounts counts;
     try {
         counts = checkMeshContent(content, ending);

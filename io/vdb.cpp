@@ -7,6 +7,8 @@
 #include "io/text.h"
 #include "io/vdb_grids.h"
 #include "io/vdb_levels.h"
+#include "io/points.h"
+#include "io/vdb_points.h"
 
 #include <openvdb/io/Stream.h>
 
@@ -189,8 +191,13 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
     const auto isLevel = [](openvdb::GridBase::Ptr const& grid) { return grid && isLevelGrid(*grid); };
     if (std::any_of(all->begin(), all->end(), isLevel)) return {levelVolume(path, *all, options, services)};
     std::vector<PlacedGrid> grids;
+    std::vector<NamedVolume> clouds;
     for (openvdb::GridBase::Ptr const& grid : *all) {
         if (!grid) continue;
+        if (isPointGrid(*grid)) {
+            clouds.push_back({grid->getName(), pointsFromGrid(*grid, services)});
+            continue;
+        }
         if (!withGrid(*grid, [](auto const&) {})) {
             services.message(Severity::kWarning,
                              "grid '" + grid->getName() + "' is left out: nothing reads the type " + grid->type());
@@ -199,7 +206,7 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
         const bool isLevelSet = grid->getGridClass() == openvdb::GRID_LEVEL_SET && grid->isType<openvdb::FloatGrid>();
         grids.push_back({grid, placementOf(*grid), propertyNameOf(*grid, isLevelSet), isLevelSet});
     }
-    if (grids.empty()) fail(path, "it holds no float, double, vector or integer grid");
+    if (grids.empty() && clouds.empty()) fail(path, "it holds no float, double, vector or integer grid, and no points");
     const auto groups = grouped(grids);
     std::vector<NamedVolume> volumes;
     std::string list;
@@ -212,6 +219,7 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
                          "'" + path + "' becomes " + std::to_string(groups.size())
                              + " volumes, since its grids differ in voxel size or offset, or have the same name: "
                              + list);
+    std::move(clouds.begin(), clouds.end(), std::back_inserter(volumes));
     return volumes;
 }
 
@@ -219,8 +227,9 @@ void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::Run
               VdbLayout layout)
 {
     openvdb::initialize();
-    const auto grids =
-        layout == VdbLayout::kFlat ? gridsFromVolume(volume, services) : levelGridsFromVolume(volume, services);
+    const auto grids = isPointCloud(volume)           ? std::vector<openvdb::GridBase::Ptr>{gridFromPoints(volume, services)}
+                       : layout == VdbLayout::kFlat ? gridsFromVolume(volume, services)
+                                                    : levelGridsFromVolume(volume, services);
     if (grids.empty())
         throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
     AtomicFile file(path);

@@ -29,6 +29,8 @@ struct NamedVolume {
 /// gets the grid's value at its place (at centres, a voxel with children their mean), and constant active regions become
 /// the largest tiles that fit into them.
 ///
+/// A grid of points becomes a point cloud (io/points.h) of its own, behind the volumes.
+///
 /// A file of the level layout (see `writeVdb`) gives the volume as it was written, in its own structure. Any grid of it that
 /// is not as the writer makes them is refused by name.
 /// \throws InputError for files that cannot be read, hold no such grid, take more than `maxBytes` (0: no limit) or have
@@ -54,6 +56,8 @@ enum class VdbLayout {
 /// structure, voxel size, sample offset, refinement error, depth, and name, default value, initializer and depth range of
 /// the property. Reading the file restores tiles and values bit for bit; tiles then lie in Morton order, and halo layers
 /// are left out.
+///
+/// A point cloud is written as one grid of points, whatever the layout; see `writePoints`.
 /// \throws InputError if nothing can be written or the file cannot be
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
               VdbLayout layout = VdbLayout::kFlat);

@@ -6,6 +6,7 @@
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
 #include "io/mesh_transform.h"
+#include "io/points.h"
 #include "io/surface.h"
 
 #include <algorithm>
@@ -33,6 +34,7 @@ io::MeshTransform placementOf(Arguments const& arguments)
 Result readMeshFile(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
+    if (!step.arguments.has("voxel")) throw UsageError("'voxel' is missing. Give voxel=length: size of a voxel of the band.");
     io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
     io::transformMesh(mesh, placementOf(step.arguments));
     return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, levelSetOptions(step), step.services)}};
@@ -54,7 +56,9 @@ Result readVolumeFile(StepContext& step)
 
 Result runRead(StepContext& step)
 {
-    return contains(kVolumeEndings, endingOf(step.arguments.text("file"))) ? readVolumeFile(step) : readMeshFile(step);
+    std::string const& file = step.arguments.text("file");
+    if (io::holdsPoints(file)) return {{std::filesystem::path(file).stem().string(), io::readPoints(file, step.maxBytes)}};
+    return contains(kVolumeEndings, endingOf(file)) ? readVolumeFile(step) : readMeshFile(step);
 }
 
 void tellEdges(StepContext& step, io::TriangleMesh const& surface)
@@ -69,7 +73,12 @@ Result runWrite(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
     Ostara::Object const& volume = *step.volume().volume;
-    if (contains(kVolumeEndings, endingOf(file))) {
+    if (io::isPointCloud(volume)) {
+        createParentFolders(file);
+        io::writePoints(file, volume, step.services);
+    } else if (endingOf(file) == ".csv") {
+        throw io::InputError("'" + file + "' would hold points, and this is a volume. Write .vdb, .obj or .ply.");
+    } else if (contains(kVolumeEndings, endingOf(file))) {
         createParentFolders(file);
         const auto layout = step.arguments.choice("layout") == 0 ? io::VdbLayout::kFlat : io::VdbLayout::kLevels;
         io::writeVdb(file, volume, step.services, layout);
@@ -86,10 +95,12 @@ Result runWrite(StepContext& step)
 
 NodeInfo readNode()
 {
-    NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, or makes a level set of a closed mesh", .run = runRead};
+    NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh, or reads points", .run = runRead};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl"}}};
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl", ".csv"}}};
     std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
+    // A .ply file without faces holds points.
+    std::ranges::find(node.parameters, "voxel", &ParameterInfo::name)->optionalFor = {".ply"};
     const std::vector<ParameterInfo> others = {
         structureParameter(),
         {.name = "scale", .type = ParameterType::kVector, .help = "factor of the mesh about the origin, one or three along x,y,z; before it is turned",
@@ -107,11 +118,11 @@ NodeInfo readNode()
 
 NodeInfo writeNode()
 {
-    NodeInfo node{.name = "write", .help = "writes a volume as .vdb, or its surface as a mesh; creates missing folders", .hasResult = false, .run = runWrite};
-    node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh"}};
+    NodeInfo node{.name = "write", .help = "writes a volume as .vdb, its surface as a mesh, or points; creates missing folders", .hasResult = false, .run = runWrite};
+    node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh; points"}};
     node.parameters = {
         {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete", .positional = true,
-         .endings = {".vdb", ".obj", ".ply"}},
+         .endings = {".vdb", ".obj", ".ply", ".csv"}},
         {.name = "layout", .type = ParameterType::kEnum,
          .help = "flat: one grid of the finest voxels for each property, for any program; levels: one for each property and depth, which "
                  "keeps all voxel sizes and reads back as it was",

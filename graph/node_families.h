@@ -17,6 +17,7 @@ std::vector<NodeInfo> propertyNodes();
 std::vector<NodeInfo> fogNodes();
 std::vector<NodeInfo> gradingNodes();
 std::vector<NodeInfo> mergeNodes();
+std::vector<NodeInfo> algorithmNodes();
 
 /// Names of the properties of a volume, in the order of their texts.
 std::vector<std::string> propertyNames(Ostara::Object const& volume);

@@ -137,6 +137,8 @@ private:
             arguments.set(parameter.name, std::string());
         else if (parameter.defaultText)
             arguments.set(parameter.name, parseValue(parameter, *parameter.defaultText));
+        else if (file && contains(parameter.optionalFor, endingOf(*file)))
+            return;
         else if (parameter.onlyFor.empty() || (file && applies(parameter, file)))
             stepProblem("'" + parameter.name + "' is missing. Give " + parameter.name + "=" +
                         (parameter.choices.empty() ? typeName(parameter.type) : listed(parameter.choices)) + ": " + parameter.help + ".");

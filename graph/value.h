@@ -57,6 +57,8 @@ struct ParameterInfo {
     std::vector<std::string> onlyFor = {};
     /// Means something only together with the parameter of this name; empty: always.
     std::string needs = "";
+    /// Of these: files that need it or not, depending on their content. Without a default it is then missing in `Arguments`.
+    std::vector<std::string> optionalFor = {};
     /// What a length without a unit counts.
     LengthUnit bareUnit = LengthUnit::kWorld;
     /// Whether there is a voxel that a length can be counted in.

@@ -3,10 +3,13 @@
 
 #include "TilegridOps/algorithms/analyze.h"
 #include "TilegridOps/algorithms/resample.h"
+#include "TilegridOps/algorithms/splat.h"
 #include "TilegridOps/host/geometry.h"
+#include "TilegridOps/substrate/channel_services.h"
 #include "TilegridOps/substrate/grading.h"
 
 #include <cstring>
+#include <random>
 
 /// Algorithms on level sets, per active voxel of the peer: differential operators, and a turned copy. All depths of our volumes
 /// have values and take part. Both sides make a new grid.
@@ -91,14 +94,69 @@ template <class Tr> void addAll(std::string const& width, Load const& load)
     }
 }
 
+/// Points around the voxels of a band, one for each, and a value of each.
+struct Cloud {
+    std::shared_ptr<Ostara::Object> ours;
+    std::shared_ptr<PeerPoints> peer;
+    std::vector<float3> places;
+    std::vector<float> values;
+};
+Cloud cloudOf(Load const& load)
+{
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> inVoxel(-0.49f, 0.49f);
+    std::vector<float3> places;
+    std::vector<float> values;
+    for (int3 const& p : shuffled(load.band, 3)) {
+        const float x = inVoxel(random), y = inVoxel(random), z = inVoxel(random);
+        places.push_back(float3(p) + float3(x, y, z));
+        values.push_back(x + 2);
+    }
+    auto ours = std::make_shared<Ostara::Object>(Ostara::Geometry::getPointCloudPrototype());
+    ours->set(Ostara::Geometry::sPointPosition, Corvid::Array<float3>(places.begin(), places.end()));
+    ours->set(Corvid::String("value"), Corvid::Array<float>(values.begin(), values.end()));
+    return {ours, std::make_shared<PeerPoints>(places, values, 1.0f), places, values};
+}
+
+/// Sums with trilinear weights into a new volume.
+template <class Tr> std::uint64_t splatted(Ostara::Object const& points)
+{
+    using namespace Ostara::Geometry;
+    auto native = Command::createVoxelOST<Tr>(sVoxelTileTree, sVoxelComp, 1.0f, kCorner);
+    VolumeGL::TileTree3D::splatPoints<VolumeGL::TileTree3D::Splat::LinearKernel>(1.0f, 0, 0, 1, 1, /*normalize*/ false, "value", points, *native);
+    const auto result = native->template component<FloatChannel<Tr>>("value");
+    return checksum(result->tileData(result->tileCount(Tr::maxDepth) / 2, Tr::maxDepth).data());
+}
+
+void addSplats(Load const& load)
+{
+    const auto cloud = std::make_shared<Cloud>(cloudOf(load));
+    const std::int64_t count = std::int64_t(cloud->places.size());
+    // The peer splats points that it holds by voxel; from an array of points, as we have them, it makes that form first.
+    const auto fromArray = [cloud] { return PeerPoints(cloud->places, cloud->values, 1.0f).rasterizeTrilinear(); };
+    for (int threads : {1, 2}) {
+        for (char const* kind : {"splat_", "splat_from_array_"}) {
+            add(kind + ("w4/" + load.name), "ours", threads, count, [cloud] { return splatted<BinaryTraits>(*cloud->ours); });
+            add(kind + ("w5/" + load.name), "ours", threads, count, [cloud] { return splatted<QuinaryTraits>(*cloud->ours); });
+        }
+        for (char const* width : {"w4/", "w5/"}) {
+            add(std::string("splat_") + width + load.name, "peer", threads, count, [cloud] { return cloud->peer->rasterizeTrilinear(); });
+            add(std::string("splat_from_array_") + width + load.name, "peer", threads, count, fromArray);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    // As the node does.
+    ChannelPool::enable();
     for (Load const& load : loads(/*withBunny*/ true)) {
         if (load.name == "sphere1024") continue;
         addAll<BinaryTraits>("w4", load);
         addAll<QuinaryTraits>("w5", load);
+        addSplats(load);
     }
     return runAll(argc, argv, "algorithms");
 }

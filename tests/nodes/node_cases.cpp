@@ -1,9 +1,11 @@
 #include "node_cases.h"
 
+#include "TilegridOps/nodes/analysis.h"
 #include "TilegridOps/nodes/grading.h"
 #include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
+#include "TilegridOps/nodes/transfer.h"
 
 namespace tilegrid::test {
 
@@ -76,6 +78,9 @@ std::string tileInfoText(Host const& volume, Services const& services)
 std::vector<VolumeNode> volumeNodes()
 {
     const HostPtr plain = Ostara::createObject();
+    auto points = Corvid::makeMutable<Host>(Ostara::Geometry::getPointCloudPrototype());
+    points->set(Ostara::Geometry::sPointPosition, Corvid::Array<float3>{{0.2f, 0.3f, 0.4f}, {2.0f, 1.0f, 1.5f}});
+    const HostPtr cloud = std::move(points);
     std::vector<VolumeNode> nodes{
         {"scale_property",
          [](HostPtr input, HostPtr& output, Services const& services) {
@@ -92,6 +97,16 @@ std::vector<VolumeNode> volumeNodes()
              update_voxel_position(std::move(input), OST::TileTree3D::kCorner, output, services);
          },
          "Input 'volume' is not a volume.", OnWrongType::kHandsThrough, plain, ""},
+        {"analyze_volume",
+         [](HostPtr input, HostPtr& output, Services const& services) {
+             analyze_volume(std::move(input), "float", AnalyzeMode::kMeanCurvature, "result", AnalyzeOutputMode::kOutputProperty, output, services);
+         },
+         "Input 'volume' is not a volume.", OnWrongType::kHandsThrough, plain, "Volume::analyze_volume"},
+        {"splat_points_into_volume",
+         [cloud](HostPtr input, HostPtr& output, Services const& services) {
+             splat_points_into_volume(std::move(input), *cloud, true, "splat", SplatKernelType::kQuadratic, 0.8f, 0, 0, 1, 1, output, services);
+         },
+         "Input 'volume' is not a volume.", OnWrongType::kGivesEmpty, plain, "Geometry::Volume::splat_points_into_volume"},
         {"grade_volume",
          [](HostPtr input, HostPtr& output, Services const& services) {
              output = std::move(input);

@@ -132,7 +132,7 @@ private:
                 T const* line = sites + tx.count * (j + ty.count * k);
                 for (int i = 0; i < x.count; ++i) {
                     T const* low = line + tx[i].base;
-                    lines[j][i] = tx[i].fraction == 0 ? *low : mixed<T>(low[0], low[1], tx[i].fraction);
+                    mixRow(low, low + 1, tx[i].fraction, 1, &lines[j][i]);
                 }
             }
             for (int j = 0; j < y.count; ++j) mixRow(lines[ty[j].base], lines[ty[j].base + 1], ty[j].fraction, x.count, planes[k][j]);
@@ -175,12 +175,18 @@ private:
         }
         return beside_[std::size_t(direction)];
     }
+    /// As `mixed`, over the numbers that the elements are made of. With fraction 0 `high` is not read.
     static void mixRow(T const* low, T const* high, float fraction, int count, T* out)
     {
-        if (fraction == 0)
+        if (fraction == 0) {
             std::copy_n(low, count, out);
-        else
-            for (int i = 0; i < count; ++i) out[i] = mixed<T>(low[i], high[i], fraction);
+            return;
+        }
+        using Element = Ostara::Math::ElementTraits<T>;
+        using Scalar = typename Element::Scalar;
+        auto const *a = reinterpret_cast<Scalar const*>(low), *b = reinterpret_cast<Scalar const*>(high);
+        auto* to = reinterpret_cast<Scalar*>(out);
+        for (int n = 0; n < count * Element::components; ++n) to[n] = (b[n] - a[n]) * Scalar(fraction) + a[n];
     }
 
     Tree const& tree_;

@@ -1,6 +1,7 @@
 #pragma once
 #include "TilegridOps/host/math.h"
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 

@@ -4,6 +4,7 @@
 #include "TilegridOps/substrate/neighbor_walk.h"
 #include "TilegridOps/substrate/parallel.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <bitset>

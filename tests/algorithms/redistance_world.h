@@ -1,0 +1,115 @@
+#pragma once
+#include "TilegridOps/algorithms/redistance.h"
+#include "support/halo_world.h"
+#include "support/jobs.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+
+namespace tilegrid::test {
+
+using Point = std::array<double, 3>;
+/// A function of a place in tile space.
+using Field = std::function<double(Point const&)>;
+
+/// A tree with a level set, and the flags of its voxels. Lengths are in voxels of the depth `fine`.
+template <class Tr> struct Redistanced {
+    using Floats = OST::TileTree3D::Channel<Tr, float, Tr::width, 0>;
+    using Dofs = OST::TileTree3D::DofChannel<Tr>;
+    static constexpr int W = Tr::width;
+
+    Tree<Tr> tree;
+    OST::TileTree3D::VoxelTopology<Tr> topology{"topology", OST::TileTree3D::kCorner};
+    std::optional<Floats> values;
+    std::optional<Dofs> dofs;
+    int fine;
+
+    Redistanced(TileSet<Tr> const& tiles, int finest, float voxelSize = 1.0f) : tree("tree", voxelSize), fine(finest)
+    {
+        addAll(tiles, tree);
+        topology.update(tree);
+        const float background = 1e3f;
+        values.emplace("level set", &background, OST::TileTree3D::kInitializeLinear, false, true, 0, Tr::maxDepth);
+        values->updateTilesAdded(topology);
+        dofs.emplace("dofs", nullptr, OST::TileTree3D::kInitializeNone, false, true, 0, Tr::maxDepth);
+        dofs->updateTilesAdded(topology);
+        OST::TileTree3D::computeDofs<Tr>(tree, *dofs);
+    }
+
+    double unit() const { return double(TileSet<Tr>::voxelWidth(fine)); }
+    Point place(TreeIndex const& tile, int voxel) const
+    {
+        const TileKey key = keyOf(tree.tile(tile));
+        const int3 at = OST::TileTree3D::cubeIndex(W, voxel);
+        Point p;
+        for (int a = 0; a < 3; ++a)
+            p[std::size_t(a)] = double(key.low[std::size_t(a)] + at[a] * TileSet<Tr>::voxelWidth(key.depth)) / unit();
+        return p;
+    }
+    /// Calls `visit(tile, voxel, place)` for all voxels.
+    template <class Visit> void forVoxels(Visit const& visit) const
+    {
+        for (OST::int64 n = 0; n < tree.tileCount(-1); ++n)
+            for (int v = 0; v < Tr::voxelCount; ++v) visit(tree.tile(n).treeIndex(), v, place(tree.tile(n).treeIndex(), v));
+    }
+    float& at(TreeIndex const& tile, int voxel) { return values->tileData(tile)(voxel); }
+    float at(TreeIndex const& tile, int voxel) const { return values->tileData(tile)(voxel); }
+    /// `field` takes and gives lengths in voxels of depth `fine`.
+    void fill(Field const& field)
+    {
+        forVoxels([&](TreeIndex const& t, int v, Point const& p) { at(t, v) = float(field(p) * unit() * tree.voxelSize()); });
+    }
+    /// A value in voxels of depth `fine`.
+    double length(float value) const { return double(value) / (unit() * tree.voxelSize()); }
+    bool isLeafVoxel(TreeIndex const& tile, int voxel) const
+    {
+        const int3 at = OST::TileTree3D::cubeIndex(W, voxel);
+        return tree.tile(tile).isLeaf(Tree<Tr>::Tile::voxelChildIJK(at.x, at.y, at.z));
+    }
+
+    struct Call {
+        bool resetFar = true, resetCrossing = true, keepSigns = true;
+        int minDepth = 0, maxDepth = Tr::maxDepth;
+        Floats const* blocked = nullptr;
+        OST::TileTree3D::Channel<Tr, unsigned char, W, 0>* mask = nullptr;
+        float band = 0.01f, maxOutside = FLT_MAX, maxInside = FLT_MAX;
+        int pre = 10, post = 10;
+        bool restore = true, magnitude = false, withDofs = true;
+    };
+    void redistance(Call const& c = {})
+    {
+        VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Tr>(
+            tree, topology, *values, c.resetFar, c.resetCrossing, c.keepSigns, c.minDepth, c.maxDepth, c.blocked, c.mask, c.band,
+            c.maxOutside, c.maxInside, c.pre, c.post, c.restore, c.magnitude, c.withDofs ? &*dofs : nullptr, "test",
+            VolumeGL::TileTree3D::LevelSet::RedistancingScheme::kClosestPoint);
+    }
+    /// The bytes of all values.
+    std::string bytes() const
+    {
+        std::string all;
+        for (OST::int64 n = 0; n < tree.tileCount(-1); ++n) {
+            const auto data = values->tileData(tree.tile(n).treeIndex());
+            all.append(reinterpret_cast<char const*>(data.data()), sizeof(float) * std::size_t(data.size()));
+        }
+        return all;
+    }
+};
+
+/// A cube of tiles of one depth around the origin of tile space, from `low` to `high` voxels on each axis, with its ancestors.
+template <class Tr> TileSet<Tr> cubeOfTiles(int depth, int low, int high)
+{
+    TileSet<Tr> set;
+    const std::int64_t w = TileSet<Tr>::voxelWidth(depth);
+    set.addBox({low * w, low * w, low * w}, {high * w - 1, high * w - 1, high * w - 1}, depth);
+    return set;
+}
+
+inline Field sphere(Point const& centre, double radius)
+{
+    return [centre, radius](Point const& p) {
+        return std::sqrt((p[0] - centre[0]) * (p[0] - centre[0]) + (p[1] - centre[1]) * (p[1] - centre[1]) + (p[2] - centre[2]) * (p[2] - centre[2])) - radius;
+    };
+}
+
+}  // namespace tilegrid::test

@@ -1,0 +1,103 @@
+#include "TilegridOps/algorithms/wave.h"
+#include "support/halo_world.h"
+#include "support/jobs.h"
+
+#include <cmath>
+
+namespace tilegrid::test {
+namespace {
+
+using namespace OST::TileTree3D;
+
+/// Points at random places of a cube of `extent` voxels of depth `depth` around the origin, and a wave from them.
+template <class Tr> struct WaveWorld {
+    Tree<Tr> tree{"tree"};
+    std::vector<WavePoint> points;
+    std::optional<Wave<Tr>> wave;
+
+    WaveWorld(TileSet<Tr> const& set, int depth, int extent, int count, int roundsToCoarse, int roundsToFine)
+    {
+        addAll(set, tree);
+        Random random(5);
+        const double w = double(TileSet<Tr>::voxelWidth(depth));
+        const auto anywhere = [&] { return (double(random.below(1 << 20)) / (1 << 20) - 0.5) * extent * w; };
+        for (int n = 0; n < count; ++n) {
+            const double x = anywhere(), y = anywhere(), z = anywhere();
+            points.push_back({x, y, z});
+        }
+        wave.emplace(tree, float3(), WaveLimits{0, Tr::maxDepth, roundsToCoarse, roundsToFine});
+        wave->setPoints(points.data());
+        auto accessor = tree.tileAccessor();
+        for (int n = 0; n < count; ++n) seed(accessor, n);
+        wave->run();
+    }
+    /// Tells the eight voxels around a point, of the tile that holds it, of the point.
+    void seed(TileAccessor<Tr> const& accessor, int n)
+    {
+        WavePoint const& p = points[std::size_t(n)];
+        auto const& tile = accessor.tileImpl(int(std::floor(p.x)), int(std::floor(p.y)), int(std::floor(p.z)), Tr::maxDepth);
+        ASSERT_TRUE(tile.valid());
+        const int w = tile.voxelDataWidth();
+        const int3 at(int(std::floor((p.x - tile.tijk().x) / w)), int(std::floor((p.y - tile.tijk().y) / w)), int(std::floor((p.z - tile.tijk().z) / w)));
+        for (int corner = 0; corner < 8; ++corner) {
+            const int3 v = at + cubeIndex(2, corner);
+            if (v.x >= Tr::width || v.y >= Tr::width || v.z >= Tr::width) continue;
+            std::int32_t& own = wave->payloads(tile.index(), tile.depth())[flatIndex(Tr::width, v.x, v.y, v.z)];
+            if (own == Wave<Tr>::kNone || distance(tile.treeIndex(), v, n) < distance(tile.treeIndex(), v, own / 2)) own = 2 * n;
+        }
+    }
+    /// In voxels of the tile.
+    double distance(TreeIndex const& index, int3 const& v, int n) const
+    {
+        auto const& tile = tree.tile(index);
+        const double w = tile.voxelDataWidth();
+        WavePoint const& p = points[std::size_t(n)];
+        return std::hypot(p.x - tile.tijk().x - v.x * w, p.y - tile.tijk().y - v.y * w, p.z - tile.tijk().z - v.z * w) / w;
+    }
+    /// Over all voxels of a depth: the largest excess over the true distance, and the share of voxels with the true nearest point.
+    std::pair<double, double> compare(int depth) const
+    {
+        double worst = 0;
+        std::int64_t right = 0, all = 0;
+        for (OST::int64 n = 0; n < tree.tileCount(depth); ++n)
+            for (int v = 0; v < Tr::voxelCount; ++v) {
+                const int3 at = cubeIndex(Tr::width, v);
+                const std::int32_t known = wave->payloads(n, depth)[v];
+                if (known == Wave<Tr>::kNone) return {1e30, 0};
+                double least = 1e30;
+                for (std::size_t p = 0; p < points.size(); ++p) least = std::min(least, distance({n, depth}, at, int(p)));
+                const double own = distance({n, depth}, at, known / 2);
+                worst = std::max(worst, own - least);
+                right += own <= least + 1e-6 * (1 + least);
+                ++all;
+            }
+        return {worst, double(right) / double(std::max<std::int64_t>(all, 1))};
+    }
+};
+
+/// The finest depths of a cube around the origin; those with x >= 0 one depth coarser.
+template <class Tr> TileSet<Tr> cube(int fine, int half, bool jump)
+{
+    TileSet<Tr> set;
+    const std::int64_t w = TileSet<Tr>::voxelWidth(fine), h = half * w;
+    set.addBox({-h, -h, -h}, {jump ? -1 : h - 1, h - 1, h - 1}, fine);
+    if (jump) set.addBox({0, -h, -h}, {h - 1, h - 1, h - 1}, fine - 1);
+    return set;
+}
+
+template <class Tr> class WaveTest : public ::testing::Test {};
+TYPED_TEST_SUITE(WaveTest, Structures, StructureNames);
+
+TYPED_TEST(WaveTest, brings_the_nearest_point_to_nearly_every_voxel)
+{
+    constexpr int fine = TypeParam::maxDepth;
+    const WaveWorld<TypeParam> world(cube<TypeParam>(fine, 32, false), fine, 60, 200, -1, -1);
+    for (int depth = fine; depth >= fine - 2; --depth) {
+        const auto [worst, right] = world.compare(depth);
+        EXPECT_LE(worst, 0.05) << "depth " << depth;
+        EXPECT_GE(right, 0.99) << "depth " << depth;
+    }
+}
+
+}  // namespace
+}  // namespace tilegrid::test

@@ -42,9 +42,29 @@ struct Lattice {
     }
 };
 
-bool isBetter(float distance, std::int32_t id, float than, std::int32_t thanId)
+constexpr std::uint32_t kAllDirections = (1u << 27) - 1;
+
+/// For each voxel of a tile a bit for each direction in which a tile has it beside its own voxels, and the tile itself.
+template <class Tr> constexpr auto kSeenFrom = [] {
+    constexpr int W = Tr::width;
+    std::array<std::uint32_t, Tr::voxelCount> seen{};
+    for (int v = 0; v < Tr::voxelCount; ++v)
+        for (int n = 0; n < 27; ++n) {
+            const int3 at = cubeIndex(W, v), d = neighborOffset(NeighborDirection(n));
+            bool touches = true;
+            for (int a = 0; a < 3; ++a) touches = touches && (d[a] == 0 || at[a] == (d[a] < 0 ? 0 : W - 1));
+            seen[std::size_t(v)] |= std::uint32_t(touches) << n;
+        }
+    return seen;
+}();
+
+/// The directions in which tiles see a difference between two states of a tile.
+template <class Tr> std::uint32_t changedDirections(std::int32_t const* before, std::int32_t const* after)
 {
-    return distance < than || (distance == than && id < thanId);
+    std::uint32_t directions = 0;
+    for (int v = 0; v < Tr::voxelCount; ++v)
+        if (before[v] != after[v]) directions |= kSeenFrom<Tr>[std::size_t(v)];
+    return directions;
 }
 
 }  // namespace
@@ -94,11 +114,11 @@ template <class Tr> void Wave<Tr>::restrict()
     for (Level& level : levels_) level.writable.assign(level.payloads.size(), 1);
 }
 
-template <class Tr> void Wave<Tr>::activateAround(Level& level, int64 tile, bool urgent)
+template <class Tr> void Wave<Tr>::activate(Level& level, int64 tile, std::uint32_t directions, bool urgent)
 {
     std::int32_t const* around = level.neighbors.data() + tile * 27;
     for (int n = 0; n < 27; ++n) {
-        if (around[n] < 0) continue;
+        if (around[n] < 0 || !(directions >> n & 1)) continue;
         setFlag(level.active[std::size_t(around[n])]);
         if (urgent) setFlag(level.urgent[std::size_t(around[n])]);
     }
@@ -111,7 +131,7 @@ template <class Tr> void Wave<Tr>::activateHolders(int depth)
     parallel::loop(0, tree_.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
         for (int64 n = begin; n < end; ++n) {
             std::int32_t const* own = payloads(n, depth);
-            if (std::any_of(own, own + Tr::voxelCount, [](std::int32_t p) { return p != kNone; })) activateAround(level, n, true);
+            if (std::any_of(own, own + Tr::voxelCount, [](std::int32_t p) { return p != kNone; })) activate(level, n, kAllDirections, true);
         }
     });
 }
@@ -165,8 +185,8 @@ template <class Tr> struct Wave<Tr>::Round {
                     near.x[at] = x, near.y[at] = y, near.z[at] = z;
                 }
     }
-    /// Writes what the tile knows afterwards. \return whether that is more than before (bit 0), and near a point (bit 1)
-    std::uint8_t run(int64 tile, std::int32_t* out)
+    /// Writes what the tile knows afterwards. \return in which directions that makes a difference, and bit 27 if it is near a point
+    std::uint32_t run(int64 tile, std::int32_t* out)
     {
         gather(tile);
         place(wave.tree_.tile(tile, depth));
@@ -176,8 +196,7 @@ template <class Tr> struct Wave<Tr>::Round {
         const float nearest = wave_detail::sweepTile(near, wave.restricted_);
         for (int row = 0; row < W * W; ++row) std::memcpy(out + row * W, near.id + Neighborhood::at(0, row % W, row / W), W * sizeof *out);
         const float band = std::max(wave.limits_.band, 1.0f);
-        const bool changed = std::memcmp(out, wave.payloads(tile, depth), Tr::voxelCount * sizeof *out) != 0;
-        return std::uint8_t(changed | (nearest <= band * band) << 1);
+        return changedDirections<Tr>(wave.payloads(tile, depth), out) | std::uint32_t(nearest <= band * band) << 27;
     }
 };
 
@@ -190,7 +209,7 @@ template <class Tr> bool Wave<Tr>::relaxRound(int depth, bool urgentOnly)
         if (level.active[n] && (!urgentOnly || level.urgent[n])) list.push_back(std::int32_t(n));
     if (list.empty()) return false;
     const int64 count = int64(list.size());
-    std::vector<std::uint8_t> outcome(list.size());
+    std::vector<std::uint32_t> outcome(list.size());
     slots_.resize(list.size() * Tr::voxelCount);
     parallel::loop(0, count, kTilesAtOnce, [&](int64 begin, int64 end) {
         Round round(*this, depth);
@@ -200,9 +219,10 @@ template <class Tr> bool Wave<Tr>::relaxRound(int depth, bool urgentOnly)
     for (std::int32_t tile : list) level.active[std::size_t(tile)] = level.urgent[std::size_t(tile)] = 0;
     parallel::loop(0, count, kTilesAtOnce, [&](int64 begin, int64 end) {
         for (int64 n = begin; n < end; ++n) {
-            if (!(outcome[std::size_t(n)] & 1)) continue;
+            const std::uint32_t directions = outcome[std::size_t(n)] & kAllDirections;
+            if (!directions) continue;
             std::memcpy(payloads(list[std::size_t(n)], depth), slots_.data() + n * Tr::voxelCount, Tr::voxelCount * sizeof(std::int32_t));
-            activateAround(level, list[std::size_t(n)], outcome[std::size_t(n)] & 2);
+            activate(level, list[std::size_t(n)], directions, outcome[std::size_t(n)] >> 27);
         }
     });
     return true;
@@ -235,69 +255,99 @@ template <class Tr> void Wave<Tr>::toCoarse(int depth)
                 const std::int32_t id = payloads(child, depth)[flatIndex(W, in.x, in.y, in.z)];
                 if (id == kNone || id == own[v]) continue;
                 const float distance = lattice.distance(points_[id >> 1], at.x, at.y, at.z);
-                if (own[v] != kNone && !isBetter(distance, id, lattice.distance(points_[own[v] >> 1], at.x, at.y, at.z), own[v])) continue;
+                if (own[v] != kNone && !(distance < lattice.distance(points_[own[v] >> 1], at.x, at.y, at.z))) continue;
                 own[v] = id;
                 changed = true;
             }
-            if (changed) activateAround(coarse, n, true);
+            if (changed) activate(coarse, n, kAllDirections, true);
         }
     });
 }
 
-namespace {
+/// What a tile may learn from the depth above: its parent's samples around its voxels.
+template <class Tr> struct Wave<Tr>::FromParent {
+    static constexpr int W = Tr::width, kSites = Tr::branching == 2 ? 4 : 3;
+    Wave const& wave;
+    int depth;
+    std::int32_t const* own = nullptr;
+    std::array<SiteTap, W> taps[3];
+    int low[3], count[3];
+    std::int32_t id[kSites * kSites * kSites];
 
-/// Along an axis: the parent's samples on either side of each voxel of a child, in voxels of the parent.
-template <class Tr> struct ChildTaps {
-    std::array<SiteTap, Tr::width> tap;
-    ChildTaps(int cell, bool centred)
+    FromParent(Wave const& w, int d) : wave(w), depth(d) {}
+
+    /// \return whether one of the samples may know more than the voxels of the tile do. What a voxel at the very place of a
+    /// sample knows it has handed on already, and where another tile holds such a voxel it is the one to ask.
+    bool gather(Tile const& tile)
     {
-        for (int i = 0; i < Tr::width; ++i) tap[std::size_t(i)] = siteTap(cell * Tr::width + i, 1, Tr::childStride, centred);
+        Level const &coarse = wave.levels_[std::size_t(depth - 1)], &fine = wave.levels_[std::size_t(depth)];
+        own = wave.payloads(tile.index(), depth);
+        const int64 above = tile.parentTreeIndex().index;
+        const int3 cell = wave.tree_.tile(above, depth - 1).childIJK(tile);
+        for (int a = 0; a < 3; ++a) {
+            for (int i = 0; i < W; ++i)
+                taps[a][std::size_t(i)] = siteTap(cell[a] * W + i, 1, Tr::childStride, wave.offset_[a] != 0);
+            low[a] = taps[a][0].base;
+            count[a] = taps[a][W - 1].base + (taps[a][W - 1].fraction != 0) - low[a] + 1;
+        }
+        const auto side = [](int x) { return x < 0 ? -1 : x < W ? 0 : 1; };
+        // Samples in the middle of voxels never coincide.
+        bool news = !(wave.offset_ == float3());
+        for (int c = 0; c < count[2]; ++c)
+            for (int b = 0; b < count[1]; ++b)
+                for (int a = 0; a < count[0]; ++a) {
+                    const int3 at(low[0] + a, low[1] + b, low[2] + c), d(side(at.x), side(at.y), side(at.z));
+                    const std::int32_t from = coarse.neighbors[std::size_t(above * 27 + neighborDirection(d.x, d.y, d.z))];
+                    const std::int32_t known = from < 0 ? kNone : wave.payloads(from, depth - 1)[flatIndex(W, at.x - d.x * W, at.y - d.y * W, at.z - d.z * W)];
+                    id[a + kSites * (b + kSites * c)] = known;
+                    if (known == kNone) continue;
+                    const int3 in = Tr::childStride * at - W * cell, e(side(in.x), side(in.y), side(in.z));
+                    if (e == int3())
+                        news |= own[flatIndex(W, in.x, in.y, in.z)] != known;
+                    else
+                        news |= fine.neighbors[std::size_t(tile.index() * 27 + neighborDirection(e.x, e.y, e.z))] < 0;
+                }
+        return news;
+    }
+    /// The best of what voxel `at` and the samples around it know.
+    std::int32_t best(Lattice const& lattice, int3 const& at, std::int32_t known) const
+    {
+        const SiteTap x = taps[0][std::size_t(at.x)], y = taps[1][std::size_t(at.y)], z = taps[2][std::size_t(at.z)];
+        float least = known == kNone ? wave_detail::Neighborhood<Tr>::kNowhere : lattice.distance(wave.points_[known >> 1], at.x, at.y, at.z);
+        for (int c = z.base; c <= z.base + (z.fraction != 0); ++c)
+            for (int b = y.base; b <= y.base + (y.fraction != 0); ++b)
+                for (int a = x.base; a <= x.base + (x.fraction != 0); ++a) {
+                    const std::int32_t other = id[a - low[0] + kSites * (b - low[1] + kSites * (c - low[2]))];
+                    if (other == kNone || other == known) continue;
+                    const float distance = lattice.distance(wave.points_[other >> 1], at.x, at.y, at.z);
+                    if (!(distance < least)) continue;
+                    known = other;
+                    least = distance;
+                }
+        return known;
     }
 };
-
-}  // namespace
 
 /// A voxel looks at what the parent's samples around it know. Writes its own tile, reads the depth above.
 template <class Tr> void Wave<Tr>::toFine(int depth)
 {
-    constexpr int W = Tr::width;
     Level& fine = levels_[std::size_t(depth)];
-    Level const& coarse = levels_[std::size_t(depth - 1)];
-    const auto side = [](int x) { return x < 0 ? -1 : x < W ? 0 : 1; };
-    const auto runTile = [&](int64 n) {
-        Tile const& tile = tree_.tile(n, depth);
-        const int64 above = tile.parentTreeIndex().index;
-        const int3 cell = tree_.tile(above, depth - 1).childIJK(tile);
-        const ChildTaps<Tr> tx(cell.x, offset_.x != 0), ty(cell.y, offset_.y != 0), tz(cell.z, offset_.z != 0);
-        const Lattice lattice(tile, offset_);
-        std::int32_t* own = payloads(n, depth);
-        bool changed = false;
-        for (int v = 0; v < Tr::voxelCount; ++v) {
-            if (restricted_ && !fine.writable[std::size_t(n * Tr::voxelCount + v)]) continue;
-            const int3 at = cubeIndex(W, v);
-            const SiteTap x = tx.tap[std::size_t(at.x)], y = ty.tap[std::size_t(at.y)], z = tz.tap[std::size_t(at.z)];
-            std::int32_t best = own[v];
-            float least = best == kNone ? wave_detail::Neighborhood<Tr>::kNowhere : lattice.distance(points_[best >> 1], at.x, at.y, at.z);
-            for (int c = z.base; c <= z.base + (z.fraction != 0); ++c)
-                for (int b = y.base; b <= y.base + (y.fraction != 0); ++b)
-                    for (int a = x.base; a <= x.base + (x.fraction != 0); ++a) {
-                        const int dx = side(a), dy = side(b), dz = side(c);
-                        const std::int32_t from = coarse.neighbors[std::size_t(above * 27 + neighborDirection(dx, dy, dz))];
-                        if (from < 0) continue;
-                        const std::int32_t id = payloads(from, depth - 1)[flatIndex(W, a - dx * W, b - dy * W, c - dz * W)];
-                        if (id == kNone || id == best) continue;
-                        const float distance = lattice.distance(points_[id >> 1], at.x, at.y, at.z);
-                        if (!isBetter(distance, id, least, best)) continue;
-                        best = id;
-                        least = distance;
-                    }
-            changed |= best != own[v];
-            own[v] = best;
-        }
-        if (changed) activateAround(fine, n, true);
-    };
     parallel::loop(0, tree_.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
-        for (int64 n = begin; n < end; ++n) runTile(n);
+        FromParent from(*this, depth);
+        for (int64 n = begin; n < end; ++n) {
+            Tile const& tile = tree_.tile(n, depth);
+            if (!from.gather(tile)) continue;
+            const Lattice lattice(tile, offset_);
+            std::int32_t* own = payloads(n, depth);
+            bool changed = false;
+            for (int v = 0; v < Tr::voxelCount; ++v) {
+                if (restricted_ && !fine.writable[std::size_t(n * Tr::voxelCount + v)]) continue;
+                const std::int32_t best = from.best(lattice, cubeIndex(Tr::width, v), own[v]);
+                changed |= best != own[v];
+                own[v] = best;
+            }
+            if (changed) activate(fine, n, kAllDirections, true);
+        }
     });
 }
 

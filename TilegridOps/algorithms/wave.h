@@ -71,9 +71,10 @@ private:
         std::vector<std::uint8_t> active, urgent;
     };
     struct Round;
+    struct FromParent;
     void growLevel(int depth);
     void activateHolders(int depth);
-    void activateAround(Level& level, OST::int64 tile, bool urgent);
+    void activate(Level& level, OST::int64 tile, std::uint32_t directions, bool urgent);
     void relax(int depth, int limit);
     bool relaxRound(int depth, bool urgentOnly);
     void toCoarse(int depth);

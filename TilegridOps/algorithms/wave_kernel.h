@@ -58,25 +58,48 @@ template <class Tr> struct RowState {
         const F dx = px - places, dy = py - j, dz = pz - k;
         out = dx * dx + dy * dy + dz * dz;
     }
-    /// Takes over what the voxels at `from` know where it is better: nearer, or as near and of a smaller number.
+    /// Takes over what the voxels at `from` know where it is nearer.
     template <bool Restricted>
     [[gnu::always_inline]] void compare(Neighborhood<Tr> const& n, int from, float j, float k, I const& open)
     {
-        I otherId;
-        F ox, oy, oz, other;
-        std::memcpy(&otherId, n.id + from, sizeof otherId);
-        std::memcpy(&ox, n.x + from, sizeof ox);
-        std::memcpy(&oy, n.y + from, sizeof oy);
-        std::memcpy(&oz, n.z + from, sizeof oz);
-        measure(other, ox, oy, oz, j, k);
-        I better = (other < distance) | ((other == distance) & (otherId < id));
-        better &= other <= n.furthest;
-        if constexpr (Restricted) better &= open;
-        x = better ? ox : x;
-        y = better ? oy : y;
-        z = better ? oz : z;
-        id = better ? otherId : id;
-        distance = better ? other : distance;
+        RowState other;
+        std::memcpy(&other.id, n.id + from, sizeof id);
+        std::memcpy(&other.x, n.x + from, sizeof x);
+        std::memcpy(&other.y, n.y + from, sizeof y);
+        std::memcpy(&other.z, n.z + from, sizeof z);
+        take<Restricted>(n, other, j, k, open);
+    }
+    template <bool Restricted>
+    [[gnu::always_inline]] void take(Neighborhood<Tr> const& n, RowState& other, float j, float k, I const& open)
+    {
+        measure(other.distance, other.x, other.y, other.z, j, k);
+        I nearer = other.distance < distance;
+        nearer &= other.distance <= n.furthest;
+        if constexpr (Restricted) nearer &= open;
+        x = nearer ? other.x : x;
+        y = nearer ? other.y : y;
+        z = nearer ? other.z : z;
+        id = nearer ? other.id : id;
+        distance = nearer ? other.distance : distance;
+    }
+    /// The same along the row itself, of which `at` is the place: each voxel looks at the next towards low x (-1) or high x (1).
+    template <bool Restricted, int Side>
+    [[gnu::always_inline]] void compareAlong(Neighborhood<Tr> const& n, int at, float j, float k, I const& open)
+    {
+        I lanes;
+        for (int i = 0; i < int(sizeof(I) / sizeof(int)); ++i) lanes[i] = (i + Side) & int(sizeof(I) / sizeof(int) - 1);
+        constexpr int end = Side < 0 ? 0 : W - 1;
+        const int beyond = at + (Side < 0 ? -1 : W);
+        RowState other;
+        other.id = __builtin_shuffle(id, lanes);
+        other.x = __builtin_shuffle(x, lanes);
+        other.y = __builtin_shuffle(y, lanes);
+        other.z = __builtin_shuffle(z, lanes);
+        other.id[end] = n.id[beyond];
+        other.x[end] = n.x[beyond];
+        other.y[end] = n.y[beyond];
+        other.z[end] = n.z[beyond];
+        take<Restricted>(n, other, j, k, open);
     }
     [[gnu::always_inline]] void store(Neighborhood<Tr>& n, int at) const
     {
@@ -100,9 +123,8 @@ template <class Tr, int Side, bool Restricted> [[gnu::always_inline]] inline voi
     for (int from : {at + Side * plane - row, at + Side * plane, at + Side * plane + row, at + Side * row})
         for (int shift = -1; shift <= 1; ++shift) state.template compare<Restricted>(n, from + shift, float(j), float(k), open);
     for (int turn = 0; turn < 2; ++turn) {
-        state.store(n, at);
-        state.template compare<Restricted>(n, at - 1, float(j), float(k), open);
-        state.template compare<Restricted>(n, at + 1, float(j), float(k), open);
+        state.template compareAlong<Restricted, -1>(n, at, float(j), float(k), open);
+        state.template compareAlong<Restricted, 1>(n, at, float(j), float(k), open);
     }
     state.store(n, at);
 }

@@ -99,8 +99,7 @@ template <class Tr> void Redistance<Tr>::noteCrossing(Wave<Tr> const& wave)
     });
 }
 
-/// With blocked voxels two waves: the first stays among the others; the second enters the blocked ones and carries the side from
-/// which it came in.
+/// With blocked voxels two waves: the first stays among the others; the second enters the blocked ones and does not come out.
 template <class Tr> void Redistance<Tr>::runWave(Wave<Tr>& wave) const
 {
     if (!blockField) return wave.run();
@@ -113,12 +112,7 @@ template <class Tr> void Redistance<Tr>::runWave(Wave<Tr>& wave) const
     if (keepSigns) return;
     forTiles([&](int64 n, int depth) {
         std::uint8_t* writable = wave.writable(n, depth);
-        std::int32_t* payloads = wave.payloads(n, depth);
-        const auto values = levelSet.tileData(n, depth);
-        for (int v = 0; v < Tr::voxelCount; ++v) {
-            writable[v] = !writable[v];
-            if (payloads[v] != Wave<Tr>::kNone) payloads[v] |= values(v) < 0;
-        }
+        for (int v = 0; v < Tr::voxelCount; ++v) writable[v] = !writable[v];
     });
     wave.run();
 }
@@ -143,14 +137,17 @@ template <class Tr> float Redistance<Tr>::writeTile(Wave<Tr> const& wave, int64 
             someUnreached.store(true, std::memory_order_relaxed);
             continue;
         }
-        const std::size_t point = std::size_t(payloads[v] >> 1);
+        const std::size_t point = std::size_t(payloads[v]);
         const int3 at = cubeIndex(Tr::width, v);
         tilegrid::WavePoint const& p = surface.points[point];
         const double3 place(tile.tijk().x + (at.x + double(shift.x)) * width - p.x, tile.tijk().y + (at.y + double(shift.y)) * width - p.y,
                             tile.tijk().z + (at.z + double(shift.z)) * width - p.z);
         const float old = values(v);
-        const bool inside = blocked ? payloads[v] & 1 : old < 0;
-        float fresh = std::min(float(surfaceDistance(surface.shapes[point], place) * voxelSize), limitOf(inside));
+        // What a blocked voxel holds says nothing of its side: there the surface goes on as it is shaped before the wall.
+        int side = 0;
+        const double distance = surfaceDistance(surface.shapes[point], place, &side);
+        const bool inside = blocked ? side < 0 : old < 0;
+        float fresh = std::min(float(distance * voxelSize), limitOf(inside));
         most = std::max(most, fresh);
         if (inside && !unsignedResult) fresh = -std::max(fresh, kLeastInside * h);
         const bool reset = crossing[std::size_t(depth)].empty() || !crossing[std::size_t(depth)][std::size_t(n * Tr::voxelCount + v)]

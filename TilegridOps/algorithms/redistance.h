@@ -22,7 +22,7 @@ enum class RedistancingScheme : int { kClosestPoint = 0 };
 ///                     right sign and differs by at most 0.02 voxels from the new distance
 /// \param resetCrossing  the same for voxels next to the crossing
 /// \param keepSigns    true: no voxel changes sign (below 0 or not), and blocked voxels keep their bits. A negative voxel on the
-///                     surface gets -1e-6 voxels. False: blocked voxels take the side and distance of the surface that reaches them
+///                     surface gets -1e-6 voxels. False: blocked voxels take distance and side from the surface as it is shaped before the wall
 /// \param minDepth, maxDepth  clamped to the depths of the channel; cells of depth maxDepth count as leaves
 /// \param blockField   null, or a channel whose voxels of value 0 or more block: no edge at them is crossed, and the wave does not
 ///                     pass through. Walls thinner than the voxels of a depth let that depth pass. Where then nothing is crossed at

@@ -39,13 +39,14 @@ template <class Tr> void SurfaceCube<Tr>::copyTile(int direction, TreeIndex cons
     const int3 d = neighborOffset(NeighborDirection(direction));
     const SideRange<W> x(d.x), y(d.y), z(d.z);
     float const* values = input_.levelSet.tileData(from).data();
+    const auto block = input_.blocked ? input_.blocked->tileData(from) : ConstTileData<float, W, 0>();
     auto const& hangs = hangs_[std::size_t(from.depth)];
     const bool flagged = !hangs.empty() && hangs[std::size_t(from.index)];
     const auto flags = flagged ? input_.dofs->tileData(from) : ConstTileData<short, W, 0>();
     for (int k = z.first; k < z.first + z.count; ++k)
         for (int j = y.first; j < y.first + y.count; ++j) {
             const int row = (x.first - d.x * W) + W * ((j - d.y * W) + W * (k - d.z * W)), to = at(x.first, j, k);
-            for (int i = 0; i < x.count; ++i) values_[std::size_t(to + i)] = values[row + i];
+            for (int i = 0; i < x.count; ++i) values_[std::size_t(to + i)] = !block || block(row + i) < 0 ? values[row + i] : kNothing;
             if (!flagged) continue;
             for (int i = 0; i < x.count; ++i)
                 if ((flags(row + i) & (kDofHanging | kDofKeep)) == kDofHanging) {
@@ -102,6 +103,17 @@ template <class Tr> int SurfaceCube<Tr>::signOfCell(int i, int j, int k, int dep
     return negative == 0 ? 1 : negative == 8 ? -1 : 0;
 }
 
+/// By the voxel of the deepest tile, down to `depth`, that holds the place.
+template <class Tr> bool SurfaceCube<Tr>::isBlocked(int3 const& place, int depth) const
+{
+    const TreeIndex holder = accessor_.find(place.x, place.y, place.z, depth);
+    const auto values = holder.valid() ? input_.blocked->tileData(holder) : ConstTileData<float, W, 0>();
+    if (!values) return input_.blocked->defaultValue() >= 0;
+    const int3 in = place - input_.tree.tile(holder).tijk();
+    const int step = Tr::voxelDataWidth(holder.depth);
+    return values(in.x / step, in.y / step, in.z / step) >= 0;
+}
+
 template <class Tr> void SurfaceCube<Tr>::resolve(int i, int j, int k)
 {
     const std::size_t element = std::size_t(at(i, j, k));
@@ -126,6 +138,7 @@ template <class Tr> void SurfaceCube<Tr>::resolve(int i, int j, int k)
         plane[c] = count.y == 1 ? row[0] : mixedCubic(row, 1, taps[1].fraction);
     }
     values_[element] = float(count.z == 1 ? plane[0] : mixedCubic(plane, 1, taps[2].fraction));
+    if (input_.blocked && isBlocked(tile_->tijk() + tile_->voxelDataWidth() * int3(i, j, k), tile_->depth())) values_[element] = kNothing;
 }
 
 template class SurfaceCube<BinaryTraits>;

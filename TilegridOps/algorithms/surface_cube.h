@@ -8,7 +8,8 @@
 namespace tilegrid {
 
 /// The values of a tile and two layers around it, for finding the surface. Values beside a coarser tile, and hanging ones, are
-/// made when they are first asked for: by cubic interpolation from the voxels one depth above.
+/// made when they are first asked for: by cubic interpolation from the voxels one depth above. Blocked voxels are NaN: what they
+/// hold is none of the surface's.
 template <class Tr> class SurfaceCube {
 public:
     using Tile = typename OST::TileTree3D::Container<Tr>::Tile;
@@ -34,6 +35,7 @@ public:
 
 private:
     void copyTile(int direction, OST::TileTree3D::TreeIndex const& from);
+    bool isBlocked(OST::TileTree3D::int3 const& place, int depth) const;
     OST::TileTree3D::SiteTap tap(int voxel, int axis, int depth) const;
 
     SurfaceInput<Tr> const& input_;

@@ -33,7 +33,7 @@ public:
 
     Finder(SurfaceInput<Tr> const& input, std::array<std::vector<std::uint8_t>, Tr::levels> const& hangs, Found& found)
         : input_(input), reader_(input.tree, input.levelSet, stencils::Reach::kFaces, input.offset), walk_(input.tree),
-          accessor_(input.tree.tileAccessor()), cube_(input, hangs), offset_(voxelOffset(input.offset)), found_(found)
+          cube_(input, hangs), offset_(voxelOffset(input.offset)), found_(found)
     {}
 
     void run(Tile const& tile)
@@ -81,7 +81,6 @@ private:
                 if (cube_.pending(next) && !mayCrossIntoPending(at, axis, low)) continue;
                 const float high = values[next];
                 if ((low < 0) == (high < 0) || !std::isfinite(low) || !std::isfinite(high)) continue;
-                if (input_.blocked && (isBlocked(tile, at) || isBlocked(tile, neighbor(at, axis)))) continue;
                 addPoint(tile, at, axis);
             }
         }
@@ -105,18 +104,6 @@ private:
         }
         cube_.resolve(to.x, to.y, to.z);
         return true;
-    }
-
-    bool isBlocked(Tile const& tile, int3 const& at) const
-    {
-        const int w = tile.voxelDataWidth();
-        const int3 place = tile.tijk() + w * at;
-        const TreeIndex holder = tile.contains(place) ? tile.treeIndex() : accessor_.find(place.x, place.y, place.z, tile.depth());
-        const auto values = holder.valid() ? input_.blocked->tileData(holder) : ConstTileData<float, W, 0>();
-        if (!values) return input_.blocked->defaultValue() >= 0;
-        Tile const& from = input_.tree.tile(holder);
-        const int step = from.voxelDataWidth();
-        return values((place.x - from.tijk().x) / step, (place.y - from.tijk().y) / step, (place.z - from.tijk().z) / step) >= 0;
     }
 
     void resolveAround(int3 const& at, int axis)
@@ -147,7 +134,6 @@ private:
     SurfaceInput<Tr> const& input_;
     stencils::BlockReader<Tr> reader_;
     NeighborWalk<Tr> walk_;
-    ConstTileAccessor<Tr> accessor_;
     Cube cube_;
     float3 offset_;
     Surroundings const* around_ = nullptr;
@@ -241,8 +227,8 @@ void startWave(Container<Tr> const& tree, float3 const& offset, SurfacePoints<Tr
                 return x * x + y * y + z * z;
             };
             std::int32_t& mine = own[flatIndex(W, at.x, at.y, at.z)];
-            if (mine == Wave<Tr>::kNone || distance(point) < distance(mine >> 1) || (distance(point) == distance(mine >> 1) && point < mine >> 1))
-                mine = 2 * point;
+            if (mine == Wave<Tr>::kNone || distance(point) < distance(mine) || (distance(point) == distance(mine) && point < mine))
+                mine = point;
         };
         parallel::loop(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
             for (int64 n = begin; n < end; ++n) {

@@ -177,7 +177,7 @@ template <class Tr> struct Wave<Tr>::Round {
                 for (int at = Neighborhood::at(-1, j, k), end = at + W + 2; at < end; ++at) {
                     if (near.id[at] != last) {
                         last = near.id[at];
-                        WavePoint const* p = last == kNone ? nullptr : wave.points_ + (last >> 1);
+                        WavePoint const* p = last == kNone ? nullptr : wave.points_ + last;
                         x = p ? float((p->x - lattice.x) * scale) : near.kNowhere;
                         y = p ? float((p->y - lattice.y) * scale) : near.kNowhere;
                         z = p ? float((p->z - lattice.z) * scale) : near.kNowhere;
@@ -254,8 +254,8 @@ template <class Tr> void Wave<Tr>::toCoarse(int depth)
                 const int3 in = Tile::childDataIJK(at.x, at.y, at.z);
                 const std::int32_t id = payloads(child, depth)[flatIndex(W, in.x, in.y, in.z)];
                 if (id == kNone || id == own[v]) continue;
-                const float distance = lattice.distance(points_[id >> 1], at.x, at.y, at.z);
-                if (own[v] != kNone && !(distance < lattice.distance(points_[own[v] >> 1], at.x, at.y, at.z))) continue;
+                const float distance = lattice.distance(points_[id], at.x, at.y, at.z);
+                if (own[v] != kNone && !(distance < lattice.distance(points_[own[v]], at.x, at.y, at.z))) continue;
                 own[v] = id;
                 changed = true;
             }
@@ -313,13 +313,13 @@ template <class Tr> struct Wave<Tr>::FromParent {
     std::int32_t best(Lattice const& lattice, int3 const& at, std::int32_t known) const
     {
         const SiteTap x = taps[0][std::size_t(at.x)], y = taps[1][std::size_t(at.y)], z = taps[2][std::size_t(at.z)];
-        float least = known == kNone ? wave_detail::Neighborhood<Tr>::kNowhere : lattice.distance(wave.points_[known >> 1], at.x, at.y, at.z);
+        float least = known == kNone ? wave_detail::Neighborhood<Tr>::kNowhere : lattice.distance(wave.points_[known], at.x, at.y, at.z);
         for (int c = z.base; c <= z.base + (z.fraction != 0); ++c)
             for (int b = y.base; b <= y.base + (y.fraction != 0); ++b)
                 for (int a = x.base; a <= x.base + (x.fraction != 0); ++a) {
                     const std::int32_t other = id[a - low[0] + kSites * (b - low[1] + kSites * (c - low[2]))];
                     if (other == kNone || other == known) continue;
-                    const float distance = lattice.distance(wave.points_[other >> 1], at.x, at.y, at.z);
+                    const float distance = lattice.distance(wave.points_[other], at.x, at.y, at.z);
                     if (!(distance < least)) continue;
                     known = other;
                     least = distance;

@@ -36,8 +36,7 @@ struct WaveLimits {
     double reach = 1e30;
 };
 
-/// What each voxel knows: a number that names a point, or `kNone`. The number is twice the point's index, plus a bit that
-/// travels with it unread.
+/// What each voxel knows: the index of a point, or `kNone`.
 template <class Tr> class TILEGRID_API Wave {
 public:
     using Tile = typename OST::TileTree3D::Container<Tr>::Tile;

@@ -68,6 +68,42 @@ template <class Tr> struct Redistanced {
         return tree.tile(tile).isLeaf(Tree<Tr>::Tile::voxelChildIJK(at.x, at.y, at.z));
     }
 
+    bool isFree(TreeIndex const& tile, int voxel) const
+    {
+        return !(dofs->tileData(tile)(voxel) & OST::TileTree3D::kDofHanging);
+    }
+    /// The value at a voxel of depth `depth`, by its place in voxels of that depth; only if it is there and free.
+    std::optional<double> freeValue(OST::TileTree3D::ConstTileAccessor<Tr> const& accessor, int3 const& voxel, int depth) const
+    {
+        const int w = int(TileSet<Tr>::voxelWidth(depth));
+        const TreeIndex tile = accessor.find(voxel.x * w, voxel.y * w, voxel.z * w, depth);
+        if (tile.depth != depth) return {};
+        int3 in;
+        for (int a = 0; a < 3; ++a) in[a] = (voxel[a] * w - tree.tile(tile).tijk()[a]) / w;
+        const int v = OST::TileTree3D::flatIndex(W, in.x, in.y, in.z);
+        return isFree(tile, v) ? std::optional<double>(at(tile, v)) : std::nullopt;
+    }
+    /// Length of the central difference gradient at a voxel, in world units; only if all it reads is there and free.
+    std::optional<double> slope(OST::TileTree3D::ConstTileAccessor<Tr> const& accessor, TreeIndex const& tile, int v) const
+    {
+        const int w = int(TileSet<Tr>::voxelWidth(tile.depth));
+        const int3 at = OST::TileTree3D::cubeIndex(W, v), corner = tree.tile(tile).tijk();
+        double sum = 0;
+        for (int a = 0; a < 3; ++a) {
+            std::optional<double> end[2];
+            for (int side = 0; side < 2; ++side) {
+                int3 voxel;
+                for (int b = 0; b < 3; ++b) voxel[b] = (corner[b] + at[b] * w) / w;
+                voxel[a] += 2 * side - 1;
+                end[side] = freeValue(accessor, voxel, tile.depth);
+                if (!end[side]) return {};
+            }
+            const double d = (*end[1] - *end[0]) / (2.0 * w * tree.voxelSize());
+            sum += d * d;
+        }
+        return std::sqrt(sum);
+    }
+
     struct Call {
         bool resetFar = true, resetCrossing = true, keepSigns = true;
         int minDepth = 0, maxDepth = Tr::maxDepth;
@@ -103,6 +139,51 @@ template <class Tr> TileSet<Tr> cubeOfTiles(int depth, int low, int high)
     const std::int64_t w = TileSet<Tr>::voxelWidth(depth);
     set.addBox({low * w, low * w, low * w}, {high * w - 1, high * w - 1, high * w - 1}, depth);
     return set;
+}
+
+struct Errors {
+    double mean = 0, largest = 0;
+    std::int64_t count = 0;
+    void add(double error)
+    {
+        mean += (std::abs(error) - mean) / double(++count);
+        largest = std::max(largest, std::isfinite(error) ? std::abs(error) : 1e30);
+    }
+};
+
+/// Errors of the free leaf voxels within `band` of the surface, in voxels of depth `fine`, where `where` says yes.
+template <class Tr>
+Errors errorsOf(Redistanced<Tr> const& world, Field const& exact, double band, std::function<bool(Point const&)> const& where = {})
+{
+    Errors e;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (std::abs(exact(p)) > band || !world.isLeafVoxel(t, v) || !world.isFree(t, v) || (where && !where(p))) return;
+        e.add(world.length(world.at(t, v)) - exact(p));
+    });
+    return e;
+}
+
+/// How far the length of the gradient is from 1, for voxels within `band`.
+template <class Tr>
+Errors slopeErrors(Redistanced<Tr> const& world, Field const& exact, double band, std::function<bool(Point const&)> const& where = {})
+{
+    Errors e;
+    const auto accessor = world.tree.tileAccessor();
+    world.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (std::abs(exact(p)) > band || !world.isLeafVoxel(t, v) || (where && !where(p))) return;
+        if (const auto slope = world.slope(accessor, t, v)) e.add(*slope - 1);
+    });
+    return e;
+}
+
+/// The volume inside, with the surface smeared over a voxel.
+template <class Tr> double volumeOf(Redistanced<Tr> const& world)
+{
+    double sum = 0;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const&) {
+        if (t.depth == world.fine) sum += std::clamp(0.5 - world.length(world.at(t, v)), 0.0, 1.0);
+    });
+    return sum;
 }
 
 inline Field sphere(Point const& centre, double radius)

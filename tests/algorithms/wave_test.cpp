@@ -43,7 +43,7 @@ template <class Tr> struct WaveWorld {
             const int3 v = at + cubeIndex(2, corner);
             if (v.x >= Tr::width || v.y >= Tr::width || v.z >= Tr::width) continue;
             std::int32_t& own = wave->payloads(tile.index(), tile.depth())[flatIndex(Tr::width, v.x, v.y, v.z)];
-            if (own == Wave<Tr>::kNone || distance(tile.treeIndex(), v, n) < distance(tile.treeIndex(), v, own / 2)) own = 2 * n;
+            if (own == Wave<Tr>::kNone || distance(tile.treeIndex(), v, n) < distance(tile.treeIndex(), v, own)) own = n;
         }
     }
     /// In voxels of the tile.
@@ -66,7 +66,7 @@ template <class Tr> struct WaveWorld {
                 if (known == Wave<Tr>::kNone) return {1e30, 0};
                 double least = 1e30;
                 for (std::size_t p = 0; p < points.size(); ++p) least = std::min(least, distance({n, depth}, at, int(p)));
-                const double own = distance({n, depth}, at, known / 2);
+                const double own = distance({n, depth}, at, known);
                 worst = std::max(worst, own - least);
                 right += own <= least + 1e-6 * (1 + least);
                 ++all;

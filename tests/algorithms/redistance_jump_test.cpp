@@ -1,0 +1,82 @@
+#include "TilegridOps/substrate/dependent_values.h"
+#include "redistance_world.h"
+#include "support/clusters.h"
+
+/// Redistancing where the surface passes from fine to coarser tiles.
+namespace tilegrid::test {
+namespace {
+
+using namespace OST::TileTree3D;
+
+template <class Tr> class RedistancingAcrossJumps : public ::testing::Test {
+public:
+    static constexpr int fine = Tr::maxDepth;
+    /// Fine voxels of a coarse one.
+    static constexpr int ratio = Tr::branching;
+    /// In fine voxels.
+    static constexpr int radius = Tr::branching == 2 ? 20 : 40;
+    static constexpr int half = Tr::branching == 2 ? 32 : 60;
+    /// A centre off both lattices.
+    static constexpr Point centre = {0.31, -0.17, 0.23};
+
+    /// A cube with fine voxels where x is negative (or not), and voxels `depths` coarser in the other half.
+    static TileSet<Tr> jump(bool fineLow, int depths, bool graded)
+    {
+        TileSet<Tr> set;
+        const std::int64_t h = half;
+        set.addBox({fineLow ? -h : 0, -h, -h}, {(fineLow ? 0 : h) - 1, h - 1, h - 1}, fine);
+        set.addBox({fineLow ? 0 : -h, -h, -h}, {(fineLow ? h : 0) - 1, h - 1, h - 1}, fine - depths);
+        return graded ? gradedClosure(set, 0, fine) : set;
+    }
+};
+TYPED_TEST_SUITE(RedistancingAcrossJumps, Structures, StructureNames);
+
+// With linear values beside the jump the error there would be the square of the coarse voxel over 8 radii, 0.025 fine voxels of
+// the binary structure, and twice that after some calls.
+TYPED_TEST(RedistancingAcrossJumps, stays_third_order_and_does_not_drift)
+{
+    const double unit = TestFixture::ratio == 2 ? 1 : TestFixture::ratio;
+    const Field exact = sphere(TestFixture::centre, TestFixture::radius);
+    for (bool fineLow : {true, false}) {
+        SCOPED_TRACE(fineLow ? "fine below" : "fine above");
+        Redistanced<TypeParam> world(TestFixture::jump(fineLow, 1, true), TestFixture::fine);
+        world.fill(exact);
+        const double band = 3 * TestFixture::ratio;
+        for (int call = 0; call < 5; ++call) {
+            world.redistance();
+            const Errors errors = errorsOf<TypeParam>(world, exact, band);
+            EXPECT_GT(errors.count, 1000);
+            EXPECT_LE(errors.largest, (call ? 0.015 : 0.01) * unit) << "call " << call;
+        }
+        EXPECT_LE(slopeErrors<TypeParam>(world, exact, band).largest, 0.01);
+        // Hanging voxels and those above children follow from the others, to the bit.
+        const std::string bytes = world.bytes();
+        setNonDOFValues<TypeParam, float>(0, TypeParam::maxDepth, world.tree, *world.values, *world.dofs, kNonDofCopy);
+        EXPECT_TRUE(bytes == world.bytes());
+    }
+}
+
+TYPED_TEST(RedistancingAcrossJumps, of_several_levels_stays_near_and_keeps_signs)
+{
+    const int depths = TestFixture::ratio == 2 ? 4 : 1;
+    const double coarse = double(TileSet<TypeParam>::voxelWidth(TestFixture::fine - depths));
+    const Field exact = sphere(TestFixture::centre, TestFixture::radius);
+    Redistanced<TypeParam> world(TestFixture::jump(true, depths, false), TestFixture::fine);
+    world.fill(exact);
+    std::vector<bool> inside;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const&) { inside.push_back(world.at(t, v) < 0); });
+    world.redistance();
+    std::size_t n = 0;
+    bool kept = true, finite = true;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const&) {
+        finite &= std::isfinite(world.at(t, v));
+        if (world.isLeafVoxel(t, v) && world.isFree(t, v)) kept &= inside[n] == (world.at(t, v) < 0);
+        ++n;
+    });
+    EXPECT_TRUE(finite);
+    EXPECT_TRUE(kept);
+    EXPECT_LE(errorsOf<TypeParam>(world, exact, 3 * coarse).largest, 0.2 * coarse);
+}
+
+}  // namespace
+}  // namespace tilegrid::test

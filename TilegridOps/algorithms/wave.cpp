@@ -1,5 +1,6 @@
 #include "TilegridOps/algorithms/wave.h"
 
+#include "TilegridOps/algorithms/tile_directions.h"
 #include "TilegridOps/algorithms/wave_kernel.h"
 #include "TilegridOps/substrate/coarse_read.h"
 #include "TilegridOps/substrate/neighbor_walk.h"
@@ -41,22 +42,6 @@ struct Lattice {
         return dx * dx + dy * dy + dz * dz;
     }
 };
-
-constexpr std::uint32_t kAllDirections = (1u << 27) - 1;
-
-/// For each voxel of a tile a bit for each direction in which a tile has it beside its own voxels, and the tile itself.
-template <class Tr> constexpr auto kSeenFrom = [] {
-    constexpr int W = Tr::width;
-    std::array<std::uint32_t, Tr::voxelCount> seen{};
-    for (int v = 0; v < Tr::voxelCount; ++v)
-        for (int n = 0; n < 27; ++n) {
-            const int3 at = cubeIndex(W, v), d = neighborOffset(NeighborDirection(n));
-            bool touches = true;
-            for (int a = 0; a < 3; ++a) touches = touches && (d[a] == 0 || at[a] == (d[a] < 0 ? 0 : W - 1));
-            seen[std::size_t(v)] |= std::uint32_t(touches) << n;
-        }
-    return seen;
-}();
 
 /// The directions in which tiles see a difference between two states of a tile.
 template <class Tr> std::uint32_t changedDirections(std::int32_t const* before, std::int32_t const* after)
@@ -103,9 +88,13 @@ template <class Tr> void Wave<Tr>::growLevel(int depth)
     level.neighbors = sameDepthNeighbors(tree_, depth);
 }
 
-template <class Tr> void Wave<Tr>::followTree()
+template <class Tr> void Wave<Tr>::extend()
 {
     for (int depth = limits_.minDepth; depth <= limits_.maxDepth; ++depth) growLevel(depth);
+    for (int depth = limits_.minDepth + 1; depth <= limits_.maxDepth; ++depth) {
+        toFine(depth);
+        relax(depth, limits_.roundsToFine);
+    }
 }
 
 template <class Tr> void Wave<Tr>::restrict()

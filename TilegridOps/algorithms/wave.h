@@ -58,8 +58,11 @@ public:
     /// The V-cycle, from what the payloads hold.
     /// \throws std::runtime_error (OST::exceptionMessage) if the job was cancelled
     void run();
-    /// Takes in tiles that the tree got since the wave was made, which know nothing yet.
-    void followTree();
+    /// Takes in tiles that the tree got since, or whose payloads were left at `kNone`: only the way back from the coarsest depth.
+    /// \throws as above
+    void extend();
+    /// For each tile of a depth the tiles around it (`sameDepthNeighbors`).
+    std::vector<std::int32_t> const& neighbors(int depth) const { return levels_[std::size_t(depth)].neighbors; }
 
 private:
     struct Level {

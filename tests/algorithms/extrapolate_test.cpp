@@ -1,0 +1,211 @@
+#include "TilegridOps/algorithms/extrapolate.h"
+#include "TilegridOps/algorithms/volume_depth.h"
+#include "level_set_volume.h"
+#include "support/clusters.h"
+
+/// Continuing a field into voxels where it is not known, and depths below a surface. Lengths in finest voxels.
+namespace tilegrid::test {
+namespace {
+
+using namespace OST::TileTree3D;
+using VolumeGL::TileTree3D::LevelSet::ExtrapolationType;
+using Tr = BinaryTraits;
+using Marker = Channel<Tr, unsigned char, 4, 0>;
+
+const Point kCentre = {0.31, -0.17, 0.23};
+
+struct World {
+    Redistanced<Tr> field;
+    Marker marker;
+
+    explicit World(TileSet<Tr> const& set)
+        : field(set, Tr::maxDepth), marker("marker", nullptr, kInitializeNone, false, true, 0, Tr::maxDepth)
+    {
+        marker.updateTilesAdded(field.topology);
+    }
+    /// The field where it is known, and nonsense elsewhere.
+    void fill(Field const& value, std::function<int(Point const&)> const& mark)
+    {
+        field.fill(value);
+        field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+            marker.tileData(t)(v) = static_cast<unsigned char>(mark(p));
+            if (!mark(p)) field.at(t, v) = -77;
+        });
+    }
+    void run(ExtrapolationType type = ExtrapolationType::kSignedDistance, Redistanced<Tr>::Floats const* order = nullptr, bool clamp = false, bool dofs = true)
+    {
+        VolumeGL::TileTree3D::LevelSet::extrapolateChannel<Tr, float>(type, field.tree, field.topology, marker, *field.values, order,
+                                                                      dofs ? &*field.dofs : nullptr, 0, Tr::maxDepth, clamp);
+    }
+};
+
+TileSet<Tr> jump(int half)
+{
+    TileSet<Tr> set;
+    set.addBox({-half, -half, -half}, {-1, half - 1, half - 1}, Tr::maxDepth);
+    set.addBox({0, -half, -half}, {half - 1, half - 1, half - 1}, Tr::maxDepth - 1);
+    return gradedClosure(set, 0, Tr::maxDepth);
+}
+
+TEST(ExtrapolateChannel, continues_linear_data_exactly_also_across_jumps)
+{
+    const Field linear = [](Point const& p) { return 0.3 * p[0] - 0.2 * p[1] + 0.5 * p[2] + 1; };
+    for (bool withJump : {false, true}) {
+        World world(withJump ? jump(16) : gradedClosure(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16), 0, Tr::maxDepth));
+        world.fill(linear, [](Point const& p) { return p[2] <= 0.4 * p[0] ? 1 : 0; });
+        world.run(ExtrapolationType::kLinear);
+        double most = 0;
+        world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+            // Off the end of the finer tiles: a known voxel beyond may have no known neighbour along an axis, and so no slope.
+            if (std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 12 || !world.field.isLeafVoxel(t, v)) return;
+            most = std::max(most, std::abs(world.field.at(t, v) - linear(p)));
+            EXPECT_EQ(world.marker.tileData(t)(v), p[2] <= 0.4 * p[0] ? 1 : world.field.at(t, v) < 0 ? 1 : 2);
+        });
+        // Values up to 25, some forty layers of float sums.
+        EXPECT_LE(most, 25 * 1e-5) << (withJump ? "jump" : "uniform");
+    }
+}
+
+TEST(ExtrapolateChannel, continues_a_sphere_with_the_error_of_its_curvature)
+{
+    const Field exact = sphere(kCentre, 20);
+    World world(cubeOfTiles<Tr>(Tr::maxDepth, -32, 32));
+    world.fill(exact, [&](Point const& p) { return exact(p) < 0 ? 1 : 0; });
+    const auto before = world.field;
+    world.run();
+    Errors first, third;
+    bool kept = true;
+    /// Steps across faces to the nearest voxel inside, up to 3.
+    const auto layerOf = [&](Point const& p) {
+        int least = 4;
+        for (int n = 0; n < 343; ++n) {
+            const int3 d = cubeIndex(7, n) - int3(3);
+            const int steps = std::abs(d.x) + std::abs(d.y) + std::abs(d.z);
+            if (steps < least && exact({p[0] + d.x, p[1] + d.y, p[2] + d.z}) < 0) least = steps;
+        }
+        return least;
+    };
+    world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (exact(p) < 0) kept &= before.at(t, v) == world.field.at(t, v);
+        if (t.depth != Tr::maxDepth || exact(p) < 0 || exact(p) > 4) return;
+        const int layer = layerOf(p);
+        if (layer == 1) first.add(world.field.at(t, v) - exact(p));
+        if (layer == 3) third.add(world.field.at(t, v) - exact(p));
+    });
+    EXPECT_TRUE(kept);
+    EXPECT_LE(first.largest, 0.03);
+    EXPECT_LE(third.largest, 0.15);
+}
+
+TEST(ExtrapolateChannel, a_plateau_gets_its_surface_two_voxels_outside)
+{
+    World world(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16));
+    world.fill([](Point const&) { return -2.0; }, [](Point const& p) { return p[1] <= 0 ? 1 : 0; });
+    world.run();
+    world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (t.depth == Tr::maxDepth && p[1] > 0 && p[1] < 6 && std::max(std::abs(p[0]), std::abs(p[2])) < 10) {
+            EXPECT_NEAR(world.field.at(t, v), p[1] - 2, 0.1);
+        }
+    });
+}
+
+// Air is unknown, liquid and solids are known, and solids hold -2.
+TEST(ExtrapolateChannel, the_free_surface_of_a_pool_stays_where_it_is)
+{
+    const double surface = -2.4;
+    World world(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16));
+    const auto isSolid = [](Point const& p) { return std::abs(p[0]) > 10 || p[1] < -12; };
+    world.fill([&](Point const& p) { return isSolid(p) ? -2.0 : p[1] - surface; }, [&](Point const& p) { return isSolid(p) || p[1] < surface ? 1 : 0; });
+    world.run();
+    world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        // Of the crossing in open water: the first air voxel.
+        if (t.depth == Tr::maxDepth && std::abs(p[0]) < 9 && std::abs(p[2]) < 15 && p[1] > surface && p[1] < surface + 1) {
+            EXPECT_NEAR(world.field.at(t, v), p[1] - surface, 0.02);
+        }
+    });
+}
+
+TEST(ExtrapolateChannel, obeys_order_clamp_and_what_is_not_finite)
+{
+    const Field linear = [](Point const& p) { return p[1]; };
+    World clamped(cubeOfTiles<Tr>(Tr::maxDepth, -8, 8)), none(cubeOfTiles<Tr>(Tr::maxDepth, -8, 8)), holes(cubeOfTiles<Tr>(Tr::maxDepth, -8, 8));
+    clamped.fill(linear, [](Point const& p) { return p[1] <= 0 ? 1 : 0; });
+    clamped.run(ExtrapolationType::kLinear, nullptr, /*clamp*/ true);
+    clamped.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (t.depth == Tr::maxDepth && p[1] > 0 && clamped.field.at(t, v) > 0) {
+            EXPECT_LE(clamped.field.at(t, v), 0);
+        }
+    });
+    none.fill(linear, [](Point const&) { return 0; });
+    const std::string before = none.field.bytes();
+    none.run();
+    EXPECT_TRUE(before == none.field.bytes()) << "nothing known, nothing changed";
+    holes.fill(linear, [](Point const& p) { return p[1] <= 0 ? 1 : 0; });
+    holes.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (p == Point{2, -2, 2}) holes.field.at(t, v) = std::numeric_limits<float>::quiet_NaN();
+    });
+    holes.run(ExtrapolationType::kSignedDistance, nullptr, false, /*dofs*/ false);
+    holes.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (t.depth == Tr::maxDepth) {
+            EXPECT_EQ(std::isnan(holes.field.at(t, v)), (p == Point{2, -2, 2}));
+        }
+    });
+    // With an order that rises downward nothing above the known half may be filled.
+    World ordered(cubeOfTiles<Tr>(Tr::maxDepth, -8, 8));
+    ordered.fill(linear, [](Point const& p) { return p[1] <= 0 ? 1 : 0; });
+    auto order = *ordered.field.values;
+    ordered.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) { order.tileData(t)(v) = float(1000 - p[1]); });
+    ordered.run(ExtrapolationType::kSignedDistance, &order);
+    ordered.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (t.depth == Tr::maxDepth && p[1] > 0) {
+            EXPECT_EQ(ordered.marker.tileData(t)(v), 0);
+        }
+    });
+}
+
+TEST(ExtrapolateChannel, same_bytes_for_any_number_of_threads)
+{
+    std::string first;
+    for (int threads : kThreadCounts) {
+        World world(jump(16));
+        const Field exact = sphere(kCentre, 8);
+        world.fill(exact, [&](Point const& p) { return exact(p) < 0 ? 1 : 0; });
+        parallel::runJob(nullptr, threads, [&] { world.run(); });
+        if (first.empty()) first = world.field.bytes();
+        EXPECT_TRUE(first == world.field.bytes()) << threads << " threads";
+    }
+}
+
+TEST(ComputeVolumeDepth, of_a_ball_is_its_radius_in_the_middle_and_nothing_outside)
+{
+    // Finest tiles everywhere inside, and a band of narrow values: only the crossing counts.
+    const Field exact = sphere({0, 0, 0}, 20);
+    auto volume = levelSetVolume<Tr>(cubeOfTiles<Tr>(Tr::maxDepth, -28, 28), [&](Point const& p) { return std::clamp(exact(p), -3.0, 3.0); }, 0.5f);
+    const auto depthOf = [&](float low, float high, int passes) {
+        const auto tree = volume->component<Tree<Tr>>(sVoxelTileTree);
+        const auto topology = volume->component<VoxelTopology<Tr>>(sVoxelComp);
+        const auto channel = volume->component<Channel<Tr, float, 4, 0>>(Ostara::Geometry::sVoxelSignedDistance);
+        VolumeGL::TileTree3D::LevelSet::computeVolumeDepth<Tr>(low, high, passes, *tree, *topology, *channel, *volume);
+        std::map<Point, double> depths;
+        forFreeVoxels<Tr>(*volume, "voxel_depth", [&](int depth, Point const& p, double value) {
+            if (depth == Tr::maxDepth) depths[p] = value;
+        });
+        return depths;
+    };
+    auto depths = depthOf(0, 0, 0);
+    EXPECT_NEAR((depths[{0, 0, 0}]), 20, 0.05);
+    EXPECT_NEAR((depths[{10, 0, 0}]), 10, 0.05);
+    EXPECT_EQ((depths[{22, 0, 0}]), 0);
+    // Bounds are world lengths: 2 and 4 voxels.
+    depths = depthOf(1, 2, 0);
+    EXPECT_EQ((depths[{0, 0, 0}]), 4);
+    EXPECT_EQ((depths[{22, 0, 0}]), 2);
+    // One pass over a linear stretch changes nothing; at the middle it rounds the tip.
+    depths = depthOf(0, 0, 1);
+    EXPECT_NEAR((depths[{10, 0, 0}]), 10, 0.06);
+    EXPECT_LT((depths[{0, 0, 0}]), 19.5);
+    EXPECT_EQ((depths[{22, 0, 0}]), 0);
+}
+
+}  // namespace
+}  // namespace tilegrid::test

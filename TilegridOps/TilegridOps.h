@@ -10,6 +10,7 @@
 #include "TilegridOps/nodes/analysis.h"
 #include "TilegridOps/nodes/construction.h"
 #include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/nodes/level_set.h"
 #include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"

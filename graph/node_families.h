@@ -16,6 +16,7 @@ std::vector<NodeInfo> constructionNodes();
 std::vector<NodeInfo> propertyNodes();
 std::vector<NodeInfo> fogNodes();
 std::vector<NodeInfo> gradingNodes();
+std::vector<NodeInfo> levelSetNodes();
 std::vector<NodeInfo> mergeNodes();
 std::vector<NodeInfo> algorithmNodes();
 

@@ -12,7 +12,7 @@ std::vector<NodeInfo> const& nodes()
     static const std::vector<NodeInfo> all = [] {
         std::vector<NodeInfo> joined;
         for (auto family : {fileNodes, shapeNodes, reportNodes, renderNodes, queryNodes, constructionNodes, propertyNodes, fogNodes, gradingNodes,
-                            mergeNodes, algorithmNodes})
+                            levelSetNodes, mergeNodes, algorithmNodes})
             std::ranges::move(family(), std::back_inserter(joined));
         return joined;
     }();

@@ -22,6 +22,7 @@ struct NodeSpec {
 /// One row a node.
 inline constexpr std::array kNodeTable{
     NodeSpec{"analyze_volume", true, "Volume::analyze_volume", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"compute_volume_depth", false, "Volume::compute_volume_depth", Prototype::kNone, ""},
     NodeSpec{"create_empty_volume", false, "", Prototype::kNone, "Input 'detail_size' must be non-zero."},
     NodeSpec{"get_volume_tile_info", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"get_voxel_count", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
@@ -29,9 +30,12 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"grade_volume", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"merge_volumes_internal", false, "Geometry::Volume::merge_volumes", Prototype::kVolume,
              "Input 'volumes' contains an object that is not a volume."},
+    NodeSpec{"rebuild_level_set", false, "Geometry::Volume::rebuild_level_set", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"resample_volume", false, "", Prototype::kNone, ""},
+    NodeSpec{"resize_level_set", false, "Volume::resize_level_set", Prototype::kLevelSet, "Input 'level_set' is not a volume."},
     NodeSpec{"scale_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
+    NodeSpec{"set_voxel_size", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"splat_points_into_volume", false, "Geometry::Volume::splat_points_into_volume", Prototype::kVolume,
              "Input 'volume' is not a volume."},
     NodeSpec{"update_voxel_position", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},

@@ -38,9 +38,10 @@ std::map<std::string, void const*> componentsOf(HostPtr const& host)
 
 TEST(NodeFrame, is_tested_for_every_node_of_the_table)
 {
-    // The first two have no frame to speak of: one takes no volume, the other only looks at it. The last has two volumes and is silent
-    // about wrong types; it has tests of its own.
-    std::set<std::string> tested{"create_empty_volume", "validate_volume", "resample_volume"};
+    // These have frames of their own, and tests of their own: one takes no volume, one only looks at it, one has two volumes, and the
+    // others speak, want a level set, or lose what they cannot serve.
+    std::set<std::string> tested{"create_empty_volume",  "validate_volume",  "resample_volume",
+                                 "compute_volume_depth", "resize_level_set", "set_voxel_size"};
     for (VolumeNode const& node : volumeNodes()) tested.insert(node.name);
     for (QueryNode const& node : queryNodes()) tested.insert(node.name);
     for (nodes::NodeSpec const& spec : nodes::kNodeTable)

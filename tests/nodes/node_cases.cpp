@@ -2,6 +2,7 @@
 
 #include "TilegridOps/nodes/analysis.h"
 #include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/nodes/level_set.h"
 #include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/property.h"
 #include "TilegridOps/nodes/query.h"
@@ -107,6 +108,11 @@ std::vector<VolumeNode> volumeNodes()
              splat_points_into_volume(std::move(input), *cloud, true, "splat", SplatKernelType::kQuadratic, 0.8f, 0, 0, 1, 1, output, services);
          },
          "Input 'volume' is not a volume.", OnWrongType::kGivesEmpty, plain, "Geometry::Volume::splat_points_into_volume"},
+        {"rebuild_level_set",
+         [](HostPtr input, HostPtr& output, Services const& services) {
+             rebuild_level_set(std::move(input), "float", output, services);
+         },
+         "Input 'volume' is not a volume.", OnWrongType::kHandsThrough, plain, "Geometry::Volume::rebuild_level_set"},
         {"grade_volume",
          [](HostPtr input, HostPtr& output, Services const& services) {
              output = std::move(input);

@@ -1,0 +1,156 @@
+#include "TilegridOps/nodes/level_set.h"
+
+#include "support/jobs.h"
+#include "support/output.h"
+#include "support/volumes.h"
+
+#include <cmath>
+
+namespace tilegrid::test {
+namespace {
+
+using namespace OST::TileTree3D;
+using namespace Ostara::Geometry;
+using namespace Geometry::Volume;
+
+template <class Tr> using Floats = Channel<Tr, float, Tr::width, 0>;
+
+/// The distance to a ball of radius 9 finest voxels around (0.3, 0.2, 0.1), times `factor`.
+template <class Tr> HostPtr ball(float factor, float voxelSize = 0.5f)
+{
+    auto native = nativeVolume<Tr>([](Tree<Tr>& tree) { tree.tileAccessor().addTiles({-14, -14, -14}, {14, 14, 14}, Tr::maxDepth); }, voxelSize);
+    addChannel<Floats<Tr>>(*native, sVoxelSignedDistance, 3.0f, [factor, voxelSize](TileKey const& key, int e) {
+        const int3 ijk = cubeIndex(Tr::width, e);
+        const double w = double(TileSet<Tr>::voxelWidth(key.depth));
+        const double distance = std::hypot(double(key.low[0]) + w * ijk.x - 0.3, double(key.low[1]) + w * ijk.y - 0.2, double(key.low[2]) + w * ijk.z - 0.1) - 9;
+        return float(distance * double(voxelSize)) * factor;
+    });
+    return hostVolume(std::move(native));
+}
+
+/// The value at a finest voxel.
+template <class Tr> float at(HostPtr const& volume, int i, int j, int k, Corvid::String const& name = sVoxelSignedDistance)
+{
+    const auto tree = treeOf<Tr>(*volume->native());
+    auto const& tile = tree->tileAccessor().tileImpl(i, j, k, Tr::maxDepth);
+    return volume->native()->template component<Floats<Tr>>(name)->tileData(tile.treeIndex())(i - tile.tijk().x, j - tile.tijk().y, k - tile.tijk().z);
+}
+
+template <class Tr> class LevelSetNodes : public ::testing::Test {};
+TYPED_TEST_SUITE(LevelSetNodes, Structures, StructureNames);
+
+TYPED_TEST(LevelSetNodes, rebuild_makes_distances_and_leaves_no_flags_behind)
+{
+    Messages messages;
+    HostPtr out;
+    rebuild_level_set(ball<TypeParam>(3), sVoxelSignedDistance, out, messages.services());
+    EXPECT_EQ(messages.list(), Messages::List());
+    ASSERT_TRUE(out && out->native());
+    EXPECT_FALSE(out->native()->hasComponentFromName(sVoxelDegreeOfFreedom));
+    EXPECT_TRUE(Host::isA(*out, *getLevelSetPrototype()));
+    EXPECT_NEAR(at<TypeParam>(out, 12, 0, 0), 0.5 * (std::hypot(11.7, 0.2, 0.1) - 9), 0.005);
+    EXPECT_NEAR(at<TypeParam>(out, 0, -4, 0), 0.5 * (std::hypot(0.3, 4.2, 0.1) - 9), 0.005);
+}
+
+TYPED_TEST(LevelSetNodes, rebuild_without_the_property_says_so_and_changes_nothing)
+{
+    HostPtr volume = ball<TypeParam>(3), out;
+    const auto before = volume->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance);
+    Messages messages;
+    rebuild_level_set(volume, "nothing", out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Unable to rebuild level set."}}));
+    EXPECT_EQ(out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance).get(), before.get());
+}
+
+TYPED_TEST(LevelSetNodes, resize_with_a_negative_bandwidth_warns_once_and_runs_with_none)
+{
+    Messages messages;
+    HostPtr out, none;
+    resize_level_set(ball<TypeParam>(1), -1, out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kWarning, "Bandwidth clamped to zero."}}));
+    resize_level_set(ball<TypeParam>(1), 0, none, Messages().services());
+    EXPECT_TRUE(orderOf(*treeOf<TypeParam>(*out->native())) == orderOf(*treeOf<TypeParam>(*none->native())));
+    EXPECT_LT(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth),
+              treeOf<TypeParam>(*ball<TypeParam>(1)->native())->tileCount(TypeParam::maxDepth));
+}
+
+TYPED_TEST(LevelSetNodes, resize_wants_a_level_set)
+{
+    auto native = nativeVolume<TypeParam>([](Tree<TypeParam>& tree) { tree.tileAccessor().addTile(0, 0, 0, 5); });
+    HostPtr volume = hostVolume(std::move(native)), out;
+    Messages messages;
+    resize_level_set(volume, 2, out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'level_set' is not a volume."}}));
+    ASSERT_TRUE(out && out->native());
+}
+
+TYPED_TEST(LevelSetNodes, set_voxel_size_scales_and_keeps_values)
+{
+    const Messages::List said{{Severity::kInfo, "set_voxel_size.begin"}, {Severity::kInfo, "set_voxel_size.end"}};
+    for (float size : {2.0f, 0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()}) {
+        Messages messages;
+        HostPtr out;
+        set_voxel_size(ball<TypeParam>(1), size, false, out, messages.services());
+        EXPECT_EQ(messages.list(), said);
+        EXPECT_EQ(treeOf<TypeParam>(*out->native())->voxelSize(), size > 0 ? size : 0.5f);
+        EXPECT_EQ(at<TypeParam>(out, 12, 0, 0), at<TypeParam>(ball<TypeParam>(1), 12, 0, 0));
+    }
+    Messages messages;
+    HostPtr out;
+    set_voxel_size(Ostara::createObject(), 1, true, out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'volume' is not a volume."}}));
+    Job job;
+    job.cancel();
+    Messages cancelled(&job);
+    set_voxel_size(ball<TypeParam>(1), 1, true, out, cancelled.services());
+    EXPECT_TRUE(isEmptyObject(out));
+    EXPECT_EQ(cancelled.list(), Messages::List());
+}
+
+TYPED_TEST(LevelSetNodes, depth_is_written_for_the_binary_structure_and_nothing_survives_otherwise)
+{
+    HostPtr volume = ball<TypeParam>(1);
+    Messages messages;
+    Internal::compute_volume_depth(sVoxelSignedDistance, 0, 0, 0, volume, messages.services());
+    EXPECT_EQ(messages.list(), Messages::List());
+    if (TypeParam::branching == 2) {
+        ASSERT_TRUE(volume && volume->native());
+        EXPECT_NEAR(at<TypeParam>(volume, 0, 0, 0, "voxel_depth"), 0.5 * (9 - std::hypot(0.3, 0.2, 0.1)), 0.05);
+        EXPECT_EQ(at<TypeParam>(volume, 12, 0, 0, "voxel_depth"), 0);
+    } else {
+        EXPECT_TRUE(!volume || !volume->native());
+    }
+    HostPtr none;
+    Internal::compute_volume_depth(sVoxelSignedDistance, 0, 0, 0, none, messages.services());
+    EXPECT_FALSE(none);
+    Job job;
+    job.cancel();
+    HostPtr stopped = ball<TypeParam>(1);
+    Internal::compute_volume_depth(sVoxelSignedDistance, 0, 0, 0, stopped, Messages(&job).services());
+    EXPECT_TRUE(isEmptyObject(stopped));
+}
+
+TYPED_TEST(LevelSetNodes, cancellation_on_the_way_gives_an_empty_object_and_tells_the_host)
+{
+    const std::pair<char const*, std::function<void(HostPtr&, Corvid::RuntimeServices const&)>> nodes[] = {
+        {"rebuild_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { rebuild_level_set(std::move(v), sVoxelSignedDistance, v, s); }},
+        {"resize_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { resize_level_set(std::move(v), 3, v, s); }}};
+    for (auto const& [name, run] : nodes) {
+        Job counting;
+        HostPtr whole = ball<TypeParam>(1);
+        run(whole, Messages(&counting).services());
+        ASSERT_GT(counting.pollCount(), 3) << name;
+        for (std::int64_t poll = 2; poll <= counting.pollCount(); poll += std::max<std::int64_t>(1, counting.pollCount() / 4)) {
+            Job job;
+            job.cancelAtPoll(poll);
+            const Terminations terminations;
+            HostPtr volume = ball<TypeParam>(1);
+            run(volume, Messages(&job).services());
+            EXPECT_TRUE(isEmptyObject(volume)) << name << " at poll " << poll;
+            EXPECT_EQ(terminations.names(), std::vector<std::string>{name});
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tilegrid::test

@@ -117,7 +117,8 @@ template <class Tr> Subject<Tr> bunny(float across)
     tilegrid::io::LevelSetOptions options;
     options.voxelSize = 1;
     options.structure = Tr::branching == 2 ? tilegrid::io::Structure::kBinary : tilegrid::io::Structure::kQuinary;
-    auto host = Corvid::toMutable(tilegrid::io::levelSetFromMesh(mesh, options, services));
+    auto made = tilegrid::io::levelSetFromMesh(mesh, options, services);
+    auto host = Corvid::toMutable(made);
     Subject<Tr> subject;
     subject.volume = Ostara::Geometry::move_object_to_ost_volume(*host);
     complete(subject);
@@ -191,7 +192,7 @@ struct Row {
     void print(std::string const& what, double inside) const
     {
         std::cout << "| " << what << " | " << mean / double(count) << " | " << largest << " | " << nearMean / double(near) << " | " << nearLargest
-                  << " | " << 100.0 * double(off) / double(count) << " % | " << volume / inside << " | " << missing << " |\n";
+                  << " | " << 100.0 * double(off) / double(count) << " % | " << volume / inside << " | " << missing << " |" << std::endl;
     }
 };
 

@@ -14,8 +14,8 @@ public:
     /// Fine voxels of a coarse one.
     static constexpr int ratio = Tr::branching;
     /// In fine voxels.
-    static constexpr int radius = Tr::branching == 2 ? 20 : 40;
-    static constexpr int half = Tr::branching == 2 ? 32 : 60;
+    static constexpr int radius = Tr::branching == 2 ? 20 : 60;
+    static constexpr int half = Tr::branching == 2 ? 32 : 72;
     /// A centre off both lattices.
     static constexpr Point centre = {0.31, -0.17, 0.23};
 

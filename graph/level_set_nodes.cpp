@@ -65,6 +65,18 @@ Result runResize(StepContext& step)
     return {{volume.name, std::move(output)}};
 }
 
+Result runCoarsen(StepContext& step)
+{
+    io::NamedVolume& volume = step.volume();
+    std::string const& property = step.arguments.text("property");
+    requireProperty(volume, property);
+    Ptr<Object> output;
+    Geometry::Volume::coarsen_voxel_property(std::move(volume.volume), property, float(step.arguments.number("error")),
+                                             float(step.arguments.number("relative_error")), step.arguments.flag("protect_surface"),
+                                             float(step.arguments.number("surface_band")), output, step.services);
+    return {{volume.name, std::move(output)}};
+}
+
 Result runSetVoxelSize(StepContext& step)
 {
     io::NamedVolume& volume = step.volume();
@@ -107,6 +119,14 @@ std::vector<NodeInfo> levelSetNodes()
     };
     return {
         nodeOf("rebuild_level_set", "makes a level set the true distance again and leaves its surface where it is", "volume", runRebuild, {levelSetParameter()}),
+        nodeOf("coarsen_voxel_property", "removes tiles whose values of a property the next coarser voxels can give", "volume", runCoarsen,
+               {{.name = "property", .help = "the property", .defaultText = sVoxelSignedDistance.str()},
+                {.name = "error", .type = ParameterType::kFloat, .help = "how far a value may be off", .unit = "the property's unit", .positional = true,
+                 .range = {.min = 0}},
+                {.name = "relative_error", .type = ParameterType::kFloat, .help = "how far it may be off besides, as a part of the tile's largest value",
+                 .defaultText = "0", .range = {.min = 0}},
+                {.name = "protect_surface", .type = ParameterType::kBool, .help = "keep tiles at and near a change of sign", .defaultText = "false"},
+                {.name = "surface_band", .type = ParameterType::kFloat, .help = "what near means", .unit = "voxels", .defaultText = "0", .range = {.min = 0}}}),
         nodeOf("resize_level_set", "gives a level set a band of another width around its surface", "level_set", runResize,
                {{.name = "bandwidth", .type = ParameterType::kFloat, .help = "half width of the band", .unit = "voxels", .positional = true}}),
         nodeOf("set_voxel_size", "scales a volume as a whole; values stay as they are", "volume", runSetVoxelSize,

@@ -1,5 +1,6 @@
 #include "TilegridOps/nodes/level_set.h"
 
+#include "TilegridOps/algorithms/channel_coarsen.h"
 #include "TilegridOps/algorithms/level_set_edit.h"
 #include "TilegridOps/algorithms/redistance.h"
 #include "TilegridOps/algorithms/volume_depth.h"
@@ -20,8 +21,19 @@ using VolumeGL::TileTree3D::LevelSet::RedistancingScheme;
 
 constexpr auto kNeverHandsThrough = [](CorvidLogger const&) { return false; };
 
+/// How a node wants distances made again.
+struct Redistancing {
+    /// Whether distances count for nothing far from the surface, and next to it.
+    bool resetFar, resetCrossing;
+    int preSmoothing, postSmoothing;
+    char const* stage;
+};
+constexpr Redistancing kRebuild = {true, true, 10, 10, "Geometry::Volume::rebuild_level_set"};
+/// Distances that were true before tiles went stay as they are.
+constexpr Redistancing kAfterCoarsening = {false, false, 0, 0, "Volume::LevelSet::redistance"};
+
 /// \return false, with the volume as it was, if it has no such property or another structure
-template <class Tr> bool rebuildIn(OST::Object& volume, Corvid::String const& property)
+template <class Tr> bool redistanceIn(OST::Object& volume, Corvid::String const& property, Redistancing const& how)
 {
     using Floats = Channel<Tr, float, Tr::width, 0>;
     if (!volume.component<Container<Tr>>(sVoxelTileTree) || !volume.component<VoxelTopology<Tr>>(sVoxelComp) || !volume.component<Floats>(property))
@@ -32,10 +44,10 @@ template <class Tr> bool rebuildIn(OST::Object& volume, Corvid::String const& pr
     auto topology = volume.extractComponent<VoxelTopology<Tr>>(sVoxelComp);
     auto levelSet = volume.extractComponent<Floats>(property);
     const auto flags = volume.component<DofChannel<Tr>>(sVoxelDegreeOfFreedom);
-    VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Tr>(*tree, *topology, *levelSet, /*resetFar*/ true, /*resetCrossing*/ true,
-                                                           /*keepSigns*/ true, 0, Tr::maxDepth, nullptr, nullptr, 0.01f, FLT_MAX, FLT_MAX,
-                                                           10, 10, /*restoreDependents*/ true, /*unsignedResult*/ false, flags.get(),
-                                                           "Geometry::Volume::rebuild_level_set", RedistancingScheme::kClosestPoint);
+    VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Tr>(*tree, *topology, *levelSet, how.resetFar, how.resetCrossing, /*keepSigns*/ true, 0,
+                                                           Tr::maxDepth, nullptr, nullptr, 0.01f, FLT_MAX, FLT_MAX, how.preSmoothing,
+                                                           how.postSmoothing, /*restoreDependents*/ true, /*unsignedResult*/ false, flags.get(),
+                                                           how.stage, RedistancingScheme::kClosestPoint);
     if (ownFlags) {
         Corvid::Ptr<OST::Component> removed;
         volume.removeComponent(sVoxelDegreeOfFreedom, removed);
@@ -67,10 +79,38 @@ void rebuild_level_set(Corvid::Ptr<Ostara::Object> volume, Corvid::String const&
         nodeSpec("rebuild_level_set"), std::move(volume), out, services, kNeverHandsThrough,
         [&](std::ostream& text) { text << "property = " << property << std::endl; },
         [&](OST::Object& native, CorvidLogger const& logger) {
-            const bool binary = rebuildIn<BinaryTraits>(native, property);
-            const bool quinary = rebuildIn<QuinaryTraits>(native, property);
+            const bool binary = redistanceIn<BinaryTraits>(native, property, kRebuild);
+            const bool quinary = redistanceIn<QuinaryTraits>(native, property, kRebuild);
             if (!binary && !quinary) logger.error("Unable to rebuild level set.");
         });
+}
+
+void coarsen_voxel_property(Corvid::Ptr<Ostara::Object> volume, Corvid::String const& property, float absolute_error, float relative_error,
+                            bool protect_surface, float surface_band, Corvid::Ptr<Ostara::Object>& out, Corvid::RuntimeServices const& services)
+{
+    constexpr NodeSpec const& row = nodeSpec("coarsen_voxel_property");
+    const auto timer = CoreGL::Logger::timer(Corvid::String(row.timer), &services);
+    const auto work = [&] {
+        out = Ostara::createObject();
+        if (Corvid::isJobCancelled()) return;
+        const CorvidLogger logger(services);
+        if (!volume || !Ostara::Object::isA(*volume, *getVolumePrototype())) return logger.error(row.typeError);
+        out = std::move(volume);
+        logger.info("coarsen_voxel_property.begin");
+        if (auto native = move_object_to_ost_volume(*Corvid::toMutable(out))) {
+            VolumeGL::TileTree3D::channelCoarsen(property, absolute_error, relative_error, protect_surface, surface_band, *native,
+                                                 "Volume::coarsen_voxel_property.");
+            if (property == sVoxelSignedDistance) {
+                const auto stage = CoreGL::Logger::timer("Volume::coarsen_voxel_property.redistance", &services);
+                redistanceIn<BinaryTraits>(*native, property, kAfterCoarsening);
+                redistanceIn<QuinaryTraits>(*native, property, kAfterCoarsening);
+            }
+            checkVolume(*native, row.name);
+            out = move_ost_volume_to_object(*native);
+        }
+        logger.info("coarsen_voxel_property.end");
+    };
+    guarded(row, services, work, [&] { out = Ostara::createObject(); });
 }
 
 void resize_level_set(Corvid::Ptr<Ostara::Object> level_set, float bandwidth, Corvid::Ptr<Ostara::Object>& output,

@@ -10,6 +10,17 @@ namespace Geometry::Volume {
 TILEGRID_API void rebuild_level_set(Corvid::Ptr<Ostara::Object> volume, Corvid::String const& property, Corvid::Ptr<Ostara::Object>& out,
                                     Corvid::RuntimeServices const& services);
 
+/// Removes tiles of a volume whose values of a property the next coarser depth can give, from the finest depth up. Values of every
+/// other property of real numbers are kept as far as coarser voxels show them. If the property is `voxel_signed_distance`, what the
+/// removal made of distances is put right.
+/// \param absolute_error, relative_error  how far a value may be off: the sum of the first and of the second times the tile's
+///                         largest absolute value. Below 0 they count as 0
+/// \param protect_surface  keeps the tiles at a change of sign, and those within `surface_band` voxels (of their depth) of it
+/// The begin and the end are said. Not a volume: an empty object and an error; a cancelled job gives an empty object.
+TILEGRID_API void coarsen_voxel_property(Corvid::Ptr<Ostara::Object> volume, Corvid::String const& property, float absolute_error,
+                                         float relative_error, bool protect_surface, float surface_band, Corvid::Ptr<Ostara::Object>& out,
+                                         Corvid::RuntimeServices const& services);
+
 /// Gives a level set a band of tiles that is `bandwidth` voxels wide on either side of the surface, and true distances. A
 /// bandwidth below 0 counts as 0, with a warning. Not a level set: the input on the output and an error; a cancelled job gives an
 /// empty object.

@@ -22,6 +22,7 @@ struct NodeSpec {
 /// One row a node.
 inline constexpr std::array kNodeTable{
     NodeSpec{"analyze_volume", true, "Volume::analyze_volume", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"coarsen_voxel_property", false, "Volume::coarsen_voxel_property", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"compute_volume_depth", false, "Volume::compute_volume_depth", Prototype::kNone, ""},
     NodeSpec{"create_empty_volume", false, "", Prototype::kNone, "Input 'detail_size' must be non-zero."},
     NodeSpec{"get_volume_tile_info", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},

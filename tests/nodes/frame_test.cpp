@@ -40,8 +40,8 @@ TEST(NodeFrame, is_tested_for_every_node_of_the_table)
 {
     // These have frames of their own, and tests of their own: one takes no volume, one only looks at it, one has two volumes, and the
     // others speak, want a level set, or lose what they cannot serve.
-    std::set<std::string> tested{"create_empty_volume",  "validate_volume",  "resample_volume",
-                                 "compute_volume_depth", "resize_level_set", "set_voxel_size"};
+    std::set<std::string> tested{"create_empty_volume", "validate_volume", "resample_volume",       "compute_volume_depth",
+                                 "resize_level_set",    "set_voxel_size",  "coarsen_voxel_property"};
     for (VolumeNode const& node : volumeNodes()) tested.insert(node.name);
     for (QueryNode const& node : queryNodes()) tested.insert(node.name);
     for (nodes::NodeSpec const& spec : nodes::kNodeTable)

@@ -62,6 +62,50 @@ TYPED_TEST(LevelSetNodes, rebuild_without_the_property_says_so_and_changes_nothi
     EXPECT_EQ(out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance).get(), before.get());
 }
 
+TYPED_TEST(LevelSetNodes, coarsen_removes_what_coarser_voxels_can_give_and_keeps_distances)
+{
+    const HostPtr before = ball<TypeParam>(1);
+    Messages messages;
+    HostPtr out;
+    coarsen_voxel_property(before, sVoxelSignedDistance, 0.05f, 0, true, 2, out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kInfo, "coarsen_voxel_property.begin"}, {Severity::kInfo, "coarsen_voxel_property.end"}}));
+    ASSERT_TRUE(out && out->native());
+    EXPECT_FALSE(out->native()->hasComponentFromName(sVoxelDegreeOfFreedom));
+    EXPECT_LT(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth), treeOf<TypeParam>(*before->native())->tileCount(TypeParam::maxDepth));
+    EXPECT_GT(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth), 0);
+    // Next to the surface, where tiles are protected.
+    EXPECT_NEAR(at<TypeParam>(out, 9, 0, 0), at<TypeParam>(before, 9, 0, 0), 0.05);
+}
+
+TYPED_TEST(LevelSetNodes, coarsen_of_another_property_ends_after_the_coarsening)
+{
+    auto native = nativeVolume<TypeParam>([](Tree<TypeParam>& tree) { tree.tileAccessor().addTiles({-14, -14, -14}, {14, 14, 14}, TypeParam::maxDepth); });
+    // A level set that is no distance, beside a density that is the same everywhere.
+    addChannel<Floats<TypeParam>>(*native, sVoxelSignedDistance, 3.0f, [](TileKey const& key, int) { return key.low[0] < 0 ? -7.0f : 7.0f; });
+    addChannel<Floats<TypeParam>>(*native, "density", 1.0f, [](TileKey const&, int) { return 1.0f; });
+    HostPtr out;
+    coarsen_voxel_property(hostVolume(std::move(native)), "density", 0, 0, false, 0, out, Messages().services());
+    ASSERT_TRUE(out && out->native());
+    EXPECT_EQ(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth), 0);
+    const auto values = out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance)->tileData(0, 0);
+    for (int n = 0; n < TypeParam::voxelCount; ++n) EXPECT_EQ(std::abs(values(n)), 7.0f) << "distances are not made anew";
+}
+
+TYPED_TEST(LevelSetNodes, coarsen_gives_an_empty_object_for_what_is_no_volume_and_for_a_cancelled_job)
+{
+    Messages messages;
+    HostPtr out;
+    coarsen_voxel_property(Ostara::createObject(), "density", 0, 0, false, 0, out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'volume' is not a volume."}}));
+    ASSERT_TRUE(out);
+    EXPECT_FALSE(out->native());
+    Job job;
+    job.cancelAtPoll(1);
+    parallel::runJob(&job, 2, [&] { coarsen_voxel_property(ball<TypeParam>(1), sVoxelSignedDistance, 1, 0, false, 0, out, Messages().services()); });
+    ASSERT_TRUE(out);
+    EXPECT_FALSE(out->native());
+}
+
 TYPED_TEST(LevelSetNodes, resize_with_a_negative_bandwidth_warns_once_and_runs_with_none)
 {
     Messages messages;

@@ -1,5 +1,7 @@
 #include "TilegridOps/merge/fold.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 
@@ -23,6 +25,41 @@ template <class Wins> void markWinners(float* values, float const* samples, floa
         winners[n] = won;
         values[n] = won ? sample : value;
     }
+}
+
+/// The signs under which a fold of level sets is one that takes the smaller value. No value for modes without a name.
+struct Signs {
+    float values = 0.0f, samples = 0.0f;
+    explicit Signs(LevelSetMode mode)
+    {
+        switch (mode) {
+            case LevelSetMode::kUnion: values = samples = 1.0f; return;
+            case LevelSetMode::kDifference: values = -1.0f, samples = 1.0f; return;
+            case LevelSetMode::kIntersection: values = samples = -1.0f; return;
+        }
+    }
+    explicit operator bool() const { return values != 0.0f; }
+};
+
+float lowest(ValueBounds const& bounds, float sign)
+{
+    return sign > 0.0f ? bounds.low : -bounds.high;
+}
+
+/// The largest of the numbers but for NaN, in lanes that the compiler keeps in one register.
+float largest(float const* numbers, float sign, int count)
+{
+    constexpr int kLanes = 8;
+    std::array<float, kLanes> most;
+    most.fill(-std::numeric_limits<float>::infinity());
+    int n = 0;
+    for (; n + kLanes <= count; n += kLanes)
+        for (int lane = 0; lane < kLanes; ++lane) {
+            const float number = sign * numbers[n + lane];
+            most[lane] = number > most[lane] ? number : most[lane];
+        }
+    for (; n < count; ++n) most[0] = std::max(most[0], sign * numbers[n]);
+    return *std::max_element(most.begin(), most.end());
 }
 
 }  // namespace
@@ -76,6 +113,32 @@ void foldLevelSet(LevelSetMode mode, float* values, float const* samples, signed
         case LevelSetMode::kDifference: return markWinners(values, samples, -1.0f, winners, count, larger);
         case LevelSetMode::kIntersection: return markWinners(values, samples, 1.0f, winners, count, larger);
     }
+}
+
+bool keepsLevelSet(LevelSetMode mode, float const* values, ValueBounds const& samples, bool notesWinners, int count)
+{
+    const Signs signs(mode);
+    if (!signs) return false;
+    // A NaN among the values stays and loses in any case.
+    const float least = lowest(samples, signs.samples), most = largest(values, signs.values, count);
+    return notesWinners ? least > most : least >= most;
+}
+
+bool replacesLevelSet(LevelSetMode mode, ValueBounds const& values, float const* samples, int count)
+{
+    const Signs signs(mode);
+    if (!signs) return false;
+    // Strictly less: of two zeros that differ in sign the one so far would stay.
+    if (!(largest(samples, signs.samples, count) < lowest(values, signs.values))) return false;
+    return std::all_of(samples, samples + count, [](float sample) { return sample == sample; });
+}
+
+void replaceLevelSet(LevelSetMode mode, float* values, float const* samples, int count)
+{
+    if (mode != LevelSetMode::kDifference)
+        std::copy_n(samples, count, values);
+    else
+        std::transform(samples, samples + count, values, [](float sample) { return -sample; });
 }
 
 }  // namespace tilegrid

@@ -19,35 +19,78 @@ public:
     {
         winners_.fill(0);
         for (Step& step : steps_)
-            if (std::byte* values = step.target->tileBytes(tile.index(), tile.depth())) run(step, tile, values);
+            if (std::byte* values = step.target->tileBytes(tile.index(), tile.depth())) {
+                step.reader.seek(tile);
+                run(step, values);
+            }
+        fetchPostponed();
     }
 
 private:
-    void run(Step& step, Tile const& tile, std::byte* values)
+    void run(Step& step, std::byte* values)
     {
-        if (step.work == Work::kResample) return step.reader.read(tile, values);
-        step.reader.read(tile, samples_.data());
         switch (step.work) {
-            case Work::kResample: return;
-            case Work::kLevelSet: return foldLevelSet(step.levelSetMode, as<float>(values), as<float>(samples_.data()), Tr::voxelCount);
-            case Work::kLevelSetWithWinners:
-                return foldLevelSet(step.levelSetMode, as<float>(values), as<float>(samples_.data()), winners_.data(), Tr::voxelCount);
-            case Work::kProperty: return foldElements(step, values);
+            case Work::kResample: return step.reader.read(values);
+            case Work::kFirstLevelSet: return startLevelSet(step, as<float>(values));
+            case Work::kLevelSet:
+            case Work::kLevelSetWithWinners: return mergeLevelSet(step, as<float>(values));
+            case Work::kProperty: return foldElements(step, step.reader.elements(samples_.data()), values);
         }
     }
-    void foldElements(Step const& step, std::byte* values)
+    /// Values that come from a coarser tile cost the most, and those of the next volume often hide them all: they wait.
+    void startLevelSet(Step& step, float* values)
+    {
+        if (step.reader.bounds(bounds_.low, bounds_.high))
+            postponed_ = &step, postponedValues_ = values;
+        else
+            step.reader.read(asBytes(values));
+    }
+    void fetchPostponed()
+    {
+        if (postponed_) postponed_->reader.read(asBytes(postponedValues_));
+        postponed_ = nullptr;
+    }
+    void mergeLevelSet(Step& step, float* values)
+    {
+        const bool notesWinners = step.work == Work::kLevelSetWithWinners;
+        if (ValueBounds bounds; step.reader.bounds(bounds.low, bounds.high)) {
+            fetchPostponed();
+            if (keepsLevelSet(step.levelSetMode, values, bounds, notesWinners, Tr::voxelCount)) {
+                if (notesWinners) winners_.fill(0);
+                return;
+            }
+        }
+        auto const* samples = reinterpret_cast<float const*>(step.reader.elements(samples_.data()));
+        if (postponed_ && replacesLevelSet(step.levelSetMode, bounds_, samples, Tr::voxelCount)) {
+            replaceLevelSet(step.levelSetMode, values, samples, Tr::voxelCount);
+            if (notesWinners) winners_.fill(1);
+            postponed_ = nullptr;
+            return;
+        }
+        fetchPostponed();
+        if (notesWinners)
+            foldLevelSet(step.levelSetMode, values, samples, winners_.data(), Tr::voxelCount);
+        else
+            foldLevelSet(step.levelSetMode, values, samples, Tr::voxelCount);
+    }
+    void foldElements(Step const& step, std::byte const* samples, std::byte* values)
     {
         const int numbers = step.kind.components * Tr::voxelCount;
         if (step.mode == Mode::kAutomatic)
-            foldWinners(values, samples_.data(), winners_.data(), step.target->elementBytes(), Tr::voxelCount);
+            foldWinners(values, samples, winners_.data(), step.target->elementBytes(), Tr::voxelCount);
         else if (step.kind.isDouble)
-            foldProperty(step.mode, step.alpha, as<double>(values), as<double>(samples_.data()), numbers);
+            foldProperty(step.mode, step.alpha, as<double>(values), reinterpret_cast<double const*>(samples), numbers);
         else
-            foldProperty(step.mode, step.alpha, as<float>(values), as<float>(samples_.data()), numbers);
+            foldProperty(step.mode, step.alpha, as<float>(values), reinterpret_cast<float const*>(samples), numbers);
     }
     template <class T> static T* as(std::byte* bytes) { return reinterpret_cast<T*>(bytes); }
+    static std::byte* asBytes(float* values) { return reinterpret_cast<std::byte*>(values); }
 
     std::vector<Step> steps_;
+    /// A first level set that is not read yet, where its values go and what is known of them.
+    Step* postponed_ = nullptr;
+    float* postponedValues_ = nullptr;
+    ValueBounds bounds_{};
     std::array<signed char, Tr::voxelCount> winners_{};
     alignas(64) std::array<std::byte, TileReader<Tr>::kMostBytes> samples_{};
 };
@@ -55,6 +98,11 @@ private:
 template <class Tr> void MergePass<Tr>::resampleProperty(Channel& target, TileReader<Tr> reader)
 {
     steps_.push_back({Work::kResample, &target, std::move(reader), {}, {}, {}, 0.0f});
+}
+
+template <class Tr> void MergePass<Tr>::resampleLevelSet(Channel& target, TileReader<Tr> reader)
+{
+    steps_.push_back({Work::kFirstLevelSet, &target, std::move(reader), {}, {}, {}, 0.0f});
 }
 
 template <class Tr>

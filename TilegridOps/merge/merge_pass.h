@@ -16,6 +16,8 @@ public:
 
     /// Writes the samples.
     void resampleProperty(Channel& target, TileReader<Tr> reader);
+    /// Writes signed distances (float), the first ones of their channel.
+    void resampleLevelSet(Channel& target, TileReader<Tr> reader);
     /// Combines signed distances (float). \param notesWinners  later steps with `kAutomatic` go by this one
     void mergeLevelSet(Channel& target, TileReader<Tr> reader, Geometry::Volume::LevelSetMode mode, bool notesWinners);
     /// Combines values of any merged type; `kAutomatic` needs an earlier step that notes winners.
@@ -27,7 +29,7 @@ public:
     void run(OST::TileTree3D::Container<Tr> const& tree) const;
 
 private:
-    enum class Work { kResample, kLevelSet, kLevelSetWithWinners, kProperty };
+    enum class Work { kResample, kFirstLevelSet, kLevelSet, kLevelSetWithWinners, kProperty };
     struct Step {
         Work work;
         Channel* target;

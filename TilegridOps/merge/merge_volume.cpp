@@ -84,7 +84,7 @@ private:
         auto& channel = *property(sVoxelSignedDistance).channel;
         if (isFirst(sVoxelSignedDistance)) {
             if (verbose_ > 1) std::cout << "Resampling level set" << std::endl;
-            target_.pass.resampleProperty(channel, reader(sVoxelSignedDistance));
+            target_.pass.resampleLevelSet(channel, reader(sVoxelSignedDistance));
             return;
         }
         if (modes_.properties == Mode::kAutomatic && hasProperties) target_.winnerMask = true;

@@ -16,6 +16,15 @@ public:
     virtual ~PointReader() = default;
     /// \param values  `count` elements of the channel's type, packed
     virtual void read(Ostara::Math::float3 const* places, int count, std::byte* values) = 0;
+    /// Reads at the places of a grid, quicker than one by one, with the same values.
+    /// \param along  element n holds the nth coordinate on each axis; they rise
+    /// \param values  count^3 elements, the place on the first axis running fastest
+    /// \return false, and nothing read, if this reader cannot or would gain nothing
+    virtual bool readGrid(Ostara::Math::float3 const* along, int count, std::byte* values)
+    {
+        (void)along, (void)count, (void)values;
+        return false;
+    }
     /// Reads at voxels of a deeper tile of the same lattice, all in one of the channel's tiles, quicker than by places: with exact
     /// fractions, and otherwise the same arithmetic.
     /// \param source    a tile of the channel
@@ -26,6 +35,14 @@ public:
     virtual bool prolong(OST::TileTree3D::TreeIndex const& source, OST::TileTree3D::int3 const& distance, int width, std::byte* values)
     {
         (void)source, (void)distance, (void)width, (void)values;
+        return false;
+    }
+    /// Bounds of what `prolong` would read from a channel of floats, made from the values that it mixes.
+    /// \return false, and nothing written, if this reader cannot, or where values are not finite
+    virtual bool prolongedBounds(OST::TileTree3D::TreeIndex const& source, OST::TileTree3D::int3 const& distance, int width, float& low,
+                                 float& high)
+    {
+        (void)source, (void)distance, (void)width, (void)low, (void)high;
         return false;
     }
     virtual std::unique_ptr<PointReader> clone() const = 0;

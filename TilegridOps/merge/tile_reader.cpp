@@ -31,47 +31,73 @@ template <class Tr> void LatticeReader<Tr>::fill(std::byte* values) const
     for (int n = 0; n < Tr::voxelCount; ++n) copyElement(values + std::size_t(n) * bytes_, channel_->defaultBytes(), bytes_);
 }
 
-template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, int3 const& place, std::byte* value) const
+template <class Tr> TreeIndex LatticeReader<Tr>::find(Tile const& tile) const
+{
+    // Trees that grew from one another number their tiles alike.
+    if (tile.depth() <= deepest_ && tree_->holds(tile)) return tile.treeIndex();
+    const TreeIndex parent = tile.parentTreeIndex();
+    if (!parent.valid() || parent != parent_) {
+        const TreeIndex found = accessor_.find(tile.tijk().x, tile.tijk().y, tile.tijk().z, std::min(tile.depth(), deepest_));
+        parent_ = parent;
+        parentSource_ = found.depth == tile.depth() ? tree_->tile(found).parentTreeIndex() : found;
+        return found;
+    }
+    if (parentSource_.depth < parent.depth || parent.depth >= deepest_) return parentSource_;
+    Tile const& above = tree_->tile(parentSource_);
+    const int64 child = above.isLeaf() ? -1 : above.childIndex(above.childIJK(tile));
+    return child < 0 ? parentSource_ : TreeIndex{child, tile.depth()};
+}
+
+template <class Tr> std::byte const* LatticeReader<Tr>::inPlace(TreeIndex const& source) const
+{
+    Tile const& tile = tree_->tile(source);
+    return tile.isLeaf() || tile.depth() >= deepest_ ? elementsOf(tile) : nullptr;
+}
+
+template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, int3 voxel, std::byte* value) const
 {
     Tile const* deepest = &child;
     while (deepest->depth() < deepest_ && !deepest->isLeaf()) {
-        const int64 next = deepest->childIndex(deepest->childIJK(place));
+        const int64 next = deepest->childIndex(Tile::voxelChildIJK(voxel.x, voxel.y, voxel.z));
         if (next < 0) break;
         deepest = &tree_->tile(next, deepest->depth() + 1);
+        voxel = Tile::childDataIJK(voxel.x, voxel.y, voxel.z);
     }
     std::byte const* elements = elementsOf(*deepest);
-    if (!elements) return copyElement(value, channel_->defaultBytes(), bytes_);
-    const int width = deepest->voxelDataWidth();
-    const int3 from = place - deepest->tijk();
-    const int flat = flatIndex(Tr::width, from.x / width, from.y / width, from.z / width);
-    copyElement(value, elements + std::size_t(flat) * bytes_, bytes_);
+    const int flat = flatIndex(Tr::width, voxel.x, voxel.y, voxel.z);
+    copyElement(value, elements ? elements + std::size_t(flat) * bytes_ : channel_->defaultBytes(), bytes_);
 }
 
-template <class Tr> void LatticeReader<Tr>::readSameDepth(Tile const& source, std::byte* values) const
+template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found, std::byte* values) const
 {
+    constexpr int C = Tr::cellVoxels;
+    Tile const& source = tree_->tile(found);
     if (std::byte const* own = elementsOf(source))
         std::memcpy(values, own, Tr::voxelCount * bytes_);
     else
         fill(values);
     if (source.isLeaf() || source.depth() >= deepest_) return;
-    const int width = source.voxelDataWidth();
-    for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-        const int3 voxel = cubeIndex(Tr::width, flat);
-        const int64 child = source.childIndex(Tile::voxelChildIJK(voxel.x, voxel.y, voxel.z));
-        if (child >= 0)
-            readChild(tree_->tile(child, source.depth() + 1), source.tijk() + width * voxel, values + std::size_t(flat) * bytes_);
+    for (int cell = 0; cell < Tr::childCount; ++cell) {
+        const int64 index = source.childIndex(cell);
+        if (index < 0) continue;
+        Tile const& child = tree_->tile(index, source.depth() + 1);
+        const int3 first = C * cubeIndex(Tr::branching, cell);
+        for (int n = 0; n < C * C * C; ++n) {
+            const int3 within = cubeIndex(C, n), voxel = first + within;
+            std::byte* value = values + std::size_t(flatIndex(Tr::width, voxel.x, voxel.y, voxel.z)) * bytes_;
+            readChild(child, Tr::childStride * within, value);
+        }
     }
 }
 
 template <class Tr>
-void LatticeReader<Tr>::readCoarser(Tile const& tile, Tile const& source, std::byte* values, VoxelList& missing) const
+void LatticeReader<Tr>::readCoarser(Tile const& tile, TreeIndex const& found, std::byte* values, VoxelList& missing) const
 {
+    Tile const& source = tree_->tile(found);
     std::byte const* elements = elementsOf(source);
-    if (!elements) return fill(values);
     const int width = tile.voxelDataWidth(), sourceWidth = source.voxelDataWidth();
     const int3 distance = tile.tijk() - source.tijk();
-    missing.source = source.treeIndex();
-    missing.distance = distance;
+    missing.count = 0;
     // Per axis, the voxel of the source at the same place, or -1.
     std::array<std::array<int, Tr::width>, 3> at;
     for (int axis = 0; axis < 3; ++axis)
@@ -89,21 +115,6 @@ void LatticeReader<Tr>::readCoarser(Tile const& tile, Tile const& source, std::b
     }
 }
 
-template <class Tr> void LatticeReader<Tr>::read(Tile const& tile, std::byte* values, VoxelList& missing) const
-{
-    missing.count = 0;
-    const int depth = std::min(tile.depth(), deepest_);
-    // Trees that grew from one another number their tiles alike.
-    TreeIndex found = tile.treeIndex();
-    if (depth < tile.depth() || !tree_->holds(tile)) found = accessor_.find(tile.tijk().x, tile.tijk().y, tile.tijk().z, depth);
-    if (!found.valid()) return fill(values);
-    Tile const& source = tree_->tile(found);
-    if (found.depth == tile.depth())
-        readSameDepth(source, values);
-    else
-        readCoarser(tile, source, values, missing);
-}
-
 template <class Tr>
 TileReader<Tr>::TileReader(std::unique_ptr<PointReader> points, std::unique_ptr<LatticeReader<Tr>> lattice, std::size_t elementBytes,
                            float voxelSize, float3 const& offset)
@@ -118,20 +129,21 @@ TileReader<Tr>::TileReader(TileReader const& other)
 {
 }
 
-template <class Tr> float3 TileReader<Tr>::placeOf(Tile const& tile, int3 const& voxel) const
+template <class Tr> float3 TileReader<Tr>::placeOf(int3 const& voxel) const
 {
-    const float width = static_cast<float>(tile.voxelDataWidth()) * voxelSize_;
+    const float width = static_cast<float>(tile_->voxelDataWidth()) * voxelSize_;
     float3 place;
     for (int axis = 0; axis < 3; ++axis)
-        place[axis] = (static_cast<float>(voxel[axis]) + offset_[axis]) * width + static_cast<float>(tile.tijk()[axis]) * voxelSize_;
+        place[axis] = (static_cast<float>(voxel[axis]) + offset_[axis]) * width + static_cast<float>(tile_->tijk()[axis]) * voxelSize_;
     return place;
 }
 
-template <class Tr> void TileReader<Tr>::readPlaces(Tile const& tile, std::byte* values)
+template <class Tr> void TileReader<Tr>::readPlaces(std::byte* values)
 {
     // Places differ by axis alone.
     std::array<float3, Tr::width> along;
-    for (int n = 0; n < Tr::width; ++n) along[n] = placeOf(tile, int3(n));
+    for (int n = 0; n < Tr::width; ++n) along[n] = placeOf(int3(n));
+    if (points_->readGrid(along.data(), Tr::width, values)) return;
     for (int flat = 0; flat < Tr::voxelCount; ++flat) {
         const int3 voxel = cubeIndex(Tr::width, flat);
         places_[flat] = float3(along[voxel.x].x, along[voxel.y].y, along[voxel.z].z);
@@ -139,21 +151,48 @@ template <class Tr> void TileReader<Tr>::readPlaces(Tile const& tile, std::byte*
     points_->read(places_.data(), Tr::voxelCount, values);
 }
 
-template <class Tr> void TileReader<Tr>::readMissing(Tile const& tile, std::byte* values)
+template <class Tr> void TileReader<Tr>::readCoarser(std::byte* values)
 {
-    if (points_->prolong(missing_.source, missing_.distance, tile.voxelDataWidth(), values)) return;
-    for (int n = 0; n < missing_.count; ++n) places_[n] = placeOf(tile, cubeIndex(Tr::width, missing_.voxel[n]));
+    if (!lattice_->hasElements(source_)) return lattice_->fill(values);
+    if (points_->prolong(source_, lattice_->distance(*tile_, source_), tile_->voxelDataWidth(), values)) return;
+    lattice_->readCoarser(*tile_, source_, values, missing_);
+    for (int n = 0; n < missing_.count; ++n) places_[n] = placeOf(cubeIndex(Tr::width, missing_.voxel[n]));
     alignas(64) std::byte sampled[kMostBytes];
     points_->read(places_.data(), missing_.count, sampled);
     for (int n = 0; n < missing_.count; ++n)
         copyElement(values + std::size_t(missing_.voxel[n]) * bytes_, sampled + std::size_t(n) * bytes_, bytes_);
 }
 
-template <class Tr> void TileReader<Tr>::read(Tile const& tile, std::byte* values)
+template <class Tr> void TileReader<Tr>::seek(Tile const& tile)
 {
-    if (!lattice_) return readPlaces(tile, values);
-    lattice_->read(tile, values, missing_);
-    if (missing_.count > 0) readMissing(tile, values);
+    tile_ = &tile;
+    if (lattice_) source_ = lattice_->find(tile);
+}
+
+template <class Tr> void TileReader<Tr>::read(std::byte* values)
+{
+    if (!lattice_)
+        readPlaces(values);
+    else if (!source_.valid())
+        lattice_->fill(values);
+    else if (liesInCoarser())
+        readCoarser(values);
+    else
+        lattice_->readSameDepth(source_, values);
+}
+
+template <class Tr> std::byte const* TileReader<Tr>::elements(std::byte* room)
+{
+    if (lattice_ && source_.valid() && !liesInCoarser())
+        if (std::byte const* own = lattice_->inPlace(source_)) return own;
+    read(room);
+    return room;
+}
+
+template <class Tr> bool TileReader<Tr>::bounds(float& low, float& high)
+{
+    return lattice_ && liesInCoarser() && lattice_->hasElements(source_) &&
+           points_->prolongedBounds(source_, lattice_->distance(*tile_, source_), tile_->voxelDataWidth(), low, high);
 }
 
 template class LatticeReader<BinaryTraits>;

@@ -21,21 +21,32 @@ public:
     struct VoxelList {
         std::array<std::uint8_t, Tr::voxelCount> voxel;
         int count = 0;
-        /// The coarser tile in which they lie, and the way from its low corner to that of the tile asked for.
-        OST::TileTree3D::TreeIndex source;
-        OST::TileTree3D::int3 distance;
     };
 
     LatticeReader(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::VoxelChannelCore const& channel);
-    /// Writes the elements of those voxels of the tile that it finds, and the channel's default in those that no tile covers;
-    /// lists the others, whose elements it leaves alone.
-    void read(Tile const& tile, std::byte* values, VoxelList& missing) const;
+    /// The finest tile, not deeper than the given one nor than the channel, that covers it; (-1,-1) for none. Quick for tiles of
+    /// one parent one after the other, all of the same tree.
+    OST::TileTree3D::TreeIndex find(Tile const& tile) const;
+    /// All elements of a tile as they lie in the channel, if no deeper tile lies in it; else null.
+    std::byte const* inPlace(OST::TileTree3D::TreeIndex const& source) const;
+    /// Whether the channel has elements for a tile that was found.
+    bool hasElements(OST::TileTree3D::TreeIndex const& source) const { return source.valid() && elementsOf(tree_->tile(source)); }
+    /// The way from the low corner of a tile that was found to that of the tile asked for.
+    OST::TileTree3D::int3 distance(Tile const& tile, OST::TileTree3D::TreeIndex const& source) const
+    {
+        return tile.tijk() - tree_->tile(source).tijk();
+    }
+    /// Writes the elements of all voxels from the tile found at the same place and depth, and from its descendants.
+    void readSameDepth(OST::TileTree3D::TreeIndex const& source, std::byte* values) const;
+    /// Writes the elements of those voxels of the tile that lie at voxels of the coarser tile found; lists the others, whose
+    /// elements it leaves alone.
+    void readCoarser(Tile const& tile, OST::TileTree3D::TreeIndex const& source, std::byte* values, VoxelList& missing) const;
+    /// Writes the channel's default to all voxels.
+    void fill(std::byte* values) const;
 
 private:
-    void readSameDepth(Tile const& source, std::byte* values) const;
-    void readChild(Tile const& child, OST::TileTree3D::int3 const& place, std::byte* value) const;
-    void readCoarser(Tile const& tile, Tile const& source, std::byte* values, VoxelList& missing) const;
-    void fill(std::byte* values) const;
+    /// \param voxel  of `child`
+    void readChild(Tile const& child, OST::TileTree3D::int3 voxel, std::byte* value) const;
     /// Null in depths that the channel does not have.
     std::byte const* elementsOf(Tile const& tile) const
     {
@@ -47,6 +58,8 @@ private:
     OST::TileTree3D::ConstTileAccessor<Tr> accessor_;
     std::size_t bytes_;
     int deepest_;
+    /// The parent of the last tile asked for, and what covers it.
+    mutable OST::TileTree3D::TreeIndex parent_, parentSource_;
 };
 
 /// Reads a channel of any structure at the voxels of tiles of a tree of structure Tr: from the lattice where both agree, else at
@@ -64,19 +77,31 @@ public:
     TileReader(TileReader const& other);
     TileReader& operator=(TileReader const&) = delete;
 
+    /// Makes a tile the one that the functions below read at.
+    void seek(Tile const& tile);
     /// \param values  W^3 elements, i fastest
-    void read(Tile const& tile, std::byte* values);
+    void read(std::byte* values);
+    /// The elements where they lie in the channel, or read into `room`.
+    std::byte const* elements(std::byte* room);
+    /// Bounds for all values of a channel of floats, found without reading them: where the tile lies in a coarser one of the same
+    /// lattice. Not tight.
+    /// \return false, and nothing written, if there are none
+    bool bounds(float& low, float& high);
 
 private:
-    OST::TileTree3D::float3 placeOf(Tile const& tile, OST::TileTree3D::int3 const& voxel) const;
-    void readPlaces(Tile const& tile, std::byte* values);
-    void readMissing(Tile const& tile, std::byte* values);
+    OST::TileTree3D::float3 placeOf(OST::TileTree3D::int3 const& voxel) const;
+    void readPlaces(std::byte* values);
+    void readCoarser(std::byte* values);
+    bool liesInCoarser() const { return source_.valid() && source_.depth < tile_->depth(); }
 
     std::unique_ptr<PointReader> points_;
     std::unique_ptr<LatticeReader<Tr>> lattice_;
     std::size_t bytes_;
     float voxelSize_;
     OST::TileTree3D::float3 offset_;
+    Tile const* tile_ = nullptr;
+    /// Where the lattice finds it.
+    OST::TileTree3D::TreeIndex source_;
     typename LatticeReader<Tr>::VoxelList missing_;
     std::array<OST::TileTree3D::float3, Tr::voxelCount> places_;
 };

@@ -39,6 +39,6 @@ template <class T> T elementOf(float value)
 
 /// From `low` (fraction 0) to `high` (fraction 1). The one form in which values are mixed along an axis, so that the same
 /// place read in two ways gives the same bits.
-template <class T> T mixed(T const& low, T const& high, float fraction) { return (high - low) * fraction + low; }
+template <class T> [[gnu::always_inline]] inline T mixed(T const& low, T const& high, float fraction) { return (high - low) * fraction + low; }
 
 }  // namespace tilegrid

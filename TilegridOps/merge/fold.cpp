@@ -1,7 +1,6 @@
 #include "TilegridOps/merge/fold.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <limits>
 
@@ -46,20 +45,12 @@ float lowest(ValueBounds const& bounds, float sign)
     return sign > 0.0f ? bounds.low : -bounds.high;
 }
 
-/// The largest of the numbers but for NaN, in lanes that the compiler keeps in one register.
-float largest(float const* numbers, float sign, int count)
+/// Whether a comparison holds for any of the numbers. A sum of bits, without an early end, is quick.
+template <class Holds> bool anyOf(float const* numbers, float sign, int count, Holds holds)
 {
-    constexpr int kLanes = 8;
-    std::array<float, kLanes> most;
-    most.fill(-std::numeric_limits<float>::infinity());
-    int n = 0;
-    for (; n + kLanes <= count; n += kLanes)
-        for (int lane = 0; lane < kLanes; ++lane) {
-            const float number = sign * numbers[n + lane];
-            most[lane] = number > most[lane] ? number : most[lane];
-        }
-    for (; n < count; ++n) most[0] = std::max(most[0], sign * numbers[n]);
-    return *std::max_element(most.begin(), most.end());
+    int found = 0;
+    for (int n = 0; n < count; ++n) found |= holds(sign * numbers[n]) ? 1 : 0;
+    return found != 0;
 }
 
 }  // namespace
@@ -120,17 +111,18 @@ bool keepsLevelSet(LevelSetMode mode, float const* values, ValueBounds const& sa
     const Signs signs(mode);
     if (!signs) return false;
     // A NaN among the values stays and loses in any case.
-    const float least = lowest(samples, signs.samples), most = largest(values, signs.values, count);
-    return notesWinners ? least > most : least >= most;
+    const float least = lowest(samples, signs.samples);
+    if (notesWinners) return !anyOf(values, signs.values, count, [least](float value) { return value >= least; });
+    return !anyOf(values, signs.values, count, [least](float value) { return value > least; });
 }
 
 bool replacesLevelSet(LevelSetMode mode, ValueBounds const& values, float const* samples, int count)
 {
     const Signs signs(mode);
     if (!signs) return false;
-    // Strictly less: of two zeros that differ in sign the one so far would stay.
-    if (!(largest(samples, signs.samples, count) < lowest(values, signs.values))) return false;
-    return std::all_of(samples, samples + count, [](float sample) { return sample == sample; });
+    // Strictly less: of two zeros that differ in sign the one so far would stay. A NaN is not less.
+    const float least = lowest(values, signs.values);
+    return !anyOf(samples, signs.samples, count, [least](float sample) { return !(sample < least); });
 }
 
 void replaceLevelSet(LevelSetMode mode, float* values, float const* samples, int count)

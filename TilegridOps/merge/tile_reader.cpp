@@ -54,9 +54,9 @@ template <class Tr> std::byte const* LatticeReader<Tr>::inPlace(TreeIndex const&
     return tile.isLeaf() || tile.depth() >= deepest_ ? elementsOf(tile) : nullptr;
 }
 
-template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, int3 voxel, std::byte* value) const
+template <class Tr> void LatticeReader<Tr>::readDeepest(Tile const& tile, int3 voxel, std::byte* value) const
 {
-    Tile const* deepest = &child;
+    Tile const* deepest = &tile;
     while (deepest->depth() < deepest_ && !deepest->isLeaf()) {
         const int64 next = deepest->childIndex(Tile::voxelChildIJK(voxel.x, voxel.y, voxel.z));
         if (next < 0) break;
@@ -68,9 +68,22 @@ template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, int3 vo
     copyElement(value, elements ? elements + std::size_t(flat) * bytes_ : channel_->defaultBytes(), bytes_);
 }
 
-template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found, std::byte* values) const
+template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, std::byte* cell) const
 {
     constexpr int C = Tr::cellVoxels;
+    std::byte const* elements = child.isLeaf() || child.depth() >= deepest_ ? elementsOf(child) : nullptr;
+    for (int n = 0; n < C * C * C; ++n) {
+        const int3 to = cubeIndex(C, n), from = Tr::childStride * to;
+        std::byte* value = cell + std::size_t(flatIndex(Tr::width, to.x, to.y, to.z)) * bytes_;
+        if (elements)
+            copyElement(value, elements + std::size_t(flatIndex(Tr::width, from.x, from.y, from.z)) * bytes_, bytes_);
+        else
+            readDeepest(child, from, value);
+    }
+}
+
+template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found, std::byte* values) const
+{
     Tile const& source = tree_->tile(found);
     if (std::byte const* own = elementsOf(source))
         std::memcpy(values, own, Tr::voxelCount * bytes_);
@@ -78,15 +91,10 @@ template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found
         fill(values);
     if (source.isLeaf() || source.depth() >= deepest_) return;
     for (int cell = 0; cell < Tr::childCount; ++cell) {
-        const int64 index = source.childIndex(cell);
-        if (index < 0) continue;
-        Tile const& child = tree_->tile(index, source.depth() + 1);
-        const int3 first = C * cubeIndex(Tr::branching, cell);
-        for (int n = 0; n < C * C * C; ++n) {
-            const int3 within = cubeIndex(C, n), voxel = first + within;
-            std::byte* value = values + std::size_t(flatIndex(Tr::width, voxel.x, voxel.y, voxel.z)) * bytes_;
-            readChild(child, Tr::childStride * within, value);
-        }
+        const int64 child = source.childIndex(cell);
+        if (child < 0) continue;
+        const int3 first = Tr::cellVoxels * cubeIndex(Tr::branching, cell);
+        readChild(tree_->tile(child, source.depth() + 1), values + std::size_t(flatIndex(Tr::width, first.x, first.y, first.z)) * bytes_);
     }
 }
 

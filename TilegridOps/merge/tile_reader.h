@@ -45,8 +45,10 @@ public:
     void fill(std::byte* values) const;
 
 private:
-    /// \param voxel  of `child`
-    void readChild(Tile const& child, OST::TileTree3D::int3 voxel, std::byte* value) const;
+    /// Writes the elements of the cell of a tile that a child lies in. \param cell  the first of them, among those of the tile
+    void readChild(Tile const& child, std::byte* cell) const;
+    /// Writes the element at the place of a voxel of `tile` from the deepest tile there.
+    void readDeepest(Tile const& tile, OST::TileTree3D::int3 voxel, std::byte* value) const;
     /// Null in depths that the channel does not have.
     std::byte const* elementsOf(Tile const& tile) const
     {

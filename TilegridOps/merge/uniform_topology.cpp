@@ -50,7 +50,7 @@ template <class Source, class Out> void addTilesOf(OST::Object const& volume, Co
     bool sameLattice = false;
     if constexpr (std::is_same_v<Source, Out>) {
         sameLattice = source->voxelSize() >= out.voxelSize() && out.voxelSize() >= source->voxelSize();
-        if (sameLattice) out.refine(*source, nullptr, /*updateLookup*/ true);
+        if (sameLattice) out.refine(*source, nullptr, /*updateLookup*/ false);
     }
     if (!sameLattice) refineFromContainer(*source, out);
     if (CoreGL::Logger::verboseLevel() > 1)

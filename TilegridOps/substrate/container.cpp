@@ -292,29 +292,33 @@ template <class Tr> TreeIndex Container<Tr>::addTile(VoxelCoord const& place, Tr
 template <class Tr> void Container<Tr>::refine(Container const& other, TilesAdded* tilesAdded, bool updateLookup)
 {
     if (&other == this) return;
+    if (empty() && !tilesAdded) {
+        Container copy(other);
+        level_.swap(copy.level_);
+        roots_.swap(copy.roots_);
+        return tilesChanged(updateLookup);
+    }
     // Level by level: `here[n]` is the index in this tree of the other's tile n one depth above.
     std::vector<int64> above, here;
     for (int depth = 0; depth < Tr::levels && other.tileCount(depth) > 0; ++depth) {
         here.resize(static_cast<std::size_t>(other.tileCount(depth)));
+        const int64 before = tileCount(depth);
         for (Tile const& theirs : other.level_[depth].tiles) {
-            TreeIndex mine;
+            int64 mine = -1;
             if (theirs.parentIndex_ < 0) {
                 auto root = roots_.find(theirs.voxelCoord());
-                mine = root != roots_.end() ? root->second : TreeIndex{};
+                mine = root != roots_.end() ? root->second.index : addRoot(theirs.tijk_, depth).index;
             } else {
-                mine = tile(above[theirs.parentIndex_], depth - 1).childTreeIndex(other.tile(theirs.parentTreeIndex()).childIJK(theirs));
+                const int64 parent = above[theirs.parentIndex_];
+                const int3 cell = tile(parent, depth - 1).childIJK(theirs);
+                const int flat = flatIndex(Tr::branching, cell.x, cell.y, cell.z);
+                mine = tile(parent, depth - 1).childIndex(flat);
+                if (mine < 0) mine = addChild({parent, depth - 1}, flat).index;
             }
-            if (!mine.valid()) {
-                if (theirs.parentIndex_ < 0) {
-                    mine = addRoot(theirs.tijk_, depth);
-                } else {
-                    const int3 cell = other.tile(theirs.parentTreeIndex()).childIJK(theirs);
-                    mine = addChild({above[theirs.parentIndex_], depth - 1}, flatIndex(Tr::branching, cell.x, cell.y, cell.z));
-                }
-                if (tilesAdded) (*tilesAdded)[depth].push_back(theirs.tijk_);
-            }
-            here[theirs.index_] = mine.index;
+            here[theirs.index_] = mine;
         }
+        if (tilesAdded)
+            for (int64 added = before; added < tileCount(depth); ++added) (*tilesAdded)[depth].push_back(tile(added, depth).tijk());
         above.swap(here);
     }
     tilesChanged(updateLookup);

@@ -85,6 +85,7 @@ public:
     {
         return offset_ == kCorner && grid_.read(along, count, reinterpret_cast<T*>(values));
     }
+    bool prolongs() const override { return offset_ == kCorner; }
     bool prolong(TreeIndex const& source, int3 const& distance, int width, std::byte* values) override
     {
         if (offset_ != kCorner) return false;

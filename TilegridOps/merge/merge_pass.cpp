@@ -3,6 +3,8 @@
 #include "TilegridOps/merge/fold.h"
 #include "TilegridOps/substrate/traversal.h"
 
+#include <algorithm>
+
 namespace tilegrid {
 
 using namespace OST::TileTree3D;
@@ -13,7 +15,12 @@ using Geometry::Volume::Properties::Mode;
 template <class Tr> class MergePass<Tr>::Worker {
 public:
     using Tile = typename Container<Tr>::Tile;
-    explicit Worker(std::vector<Step> const& steps) : steps_(steps) {}
+    /// \param childrenFirst  children were done before, and their values are the tile's where both have a voxel
+    Worker(std::vector<Step> const& steps, bool childrenFirst) : steps_(steps), childrenFirst_(childrenFirst)
+    {
+        if (childrenFirst_)
+            for (Step& step : steps_) step.reader.leaveChildrenOut();
+    }
 
     void operator()(Tile const& tile)
     {
@@ -24,9 +31,29 @@ public:
                 run(step, values);
             }
         fetchPostponed();
+        if (!childrenFirst_ || tile.isLeaf()) return;
+        for (Step& step : steps_)
+            if (step.work == Work::kResample || step.work == Work::kFirstLevelSet) takeFromChildren(tile, *step.target);
     }
 
 private:
+    static void takeFromChildren(Tile const& tile, Channel& target)
+    {
+        constexpr int C = Tr::cellVoxels;
+        const std::size_t bytes = target.elementBytes();
+        std::byte* values = target.tileBytes(tile.index(), tile.depth());
+        if (!values) return;
+        for (int cell = 0; cell < Tr::childCount; ++cell) {
+            if (tile.childIndex(cell) < 0) continue;
+            std::byte const* child = target.tileBytes(tile.childIndex(cell), tile.depth() + 1);
+            const int3 first = C * cubeIndex(Tr::branching, cell);
+            for (int n = 0; n < C * C * C && child; ++n) {
+                const int3 within = cubeIndex(C, n), to = first + within, from = Tr::childStride * within;
+                copyElement(values + std::size_t(flatIndex(Tr::width, to.x, to.y, to.z)) * bytes,
+                            child + std::size_t(flatIndex(Tr::width, from.x, from.y, from.z)) * bytes, bytes);
+            }
+        }
+    }
     void run(Step& step, std::byte* values)
     {
         switch (step.work) {
@@ -87,6 +114,7 @@ private:
     static std::byte* asBytes(float* values) { return reinterpret_cast<std::byte*>(values); }
 
     std::vector<Step> steps_;
+    bool childrenFirst_;
     /// A first level set that is not read yet, where its values go and what is known of them.
     Step* postponed_ = nullptr;
     float* postponedValues_ = nullptr;
@@ -120,7 +148,9 @@ void MergePass<Tr>::mergeProperty(Channel& target, TileReader<Tr> reader, Elemen
 template <class Tr> void MergePass<Tr>::run(Container<Tr> const& tree) const
 {
     if (steps_.empty()) return;
-    tree.traverse(detail::Nothing(), detail::Nothing(), Worker(steps_), detail::Nothing(), detail::Nothing());
+    const bool agree = std::all_of(steps_.begin(), steps_.end(), [](Step const& step) { return step.reader.agreesBetweenDepths(); });
+    tree.traverse(detail::Nothing(), detail::Nothing(), Worker(steps_, agree), detail::Nothing(), detail::Nothing(),
+                  agree ? kBottomUp : kParallelTree);
 }
 
 template class MergePass<BinaryTraits>;

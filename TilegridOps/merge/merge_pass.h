@@ -9,7 +9,8 @@ namespace tilegrid {
 
 /// What is done to the voxels of every tile of a tree, step after step: samples of a volume are read at them and written to
 /// a channel, or combined with what is there. A tile goes through all steps before the next one, so that values of
-/// several volumes and who won them stay at hand. A step touches the tile's own voxels only, leaf or not.
+/// several volumes and who won them stay at hand. A step touches the tile's own voxels only, leaf or not. Where all volumes give
+/// a voxel and that of a child at its place the same samples, tiles are done after their children and take the child's results.
 template <class Tr> class MergePass {
 public:
     using Channel = OST::TileTree3D::VoxelChannelCore;

@@ -25,6 +25,8 @@ public:
         (void)along, (void)count, (void)values;
         return false;
     }
+    /// Whether this reader has `prolong`.
+    virtual bool prolongs() const { return false; }
     /// Reads at voxels of a deeper tile of the same lattice, all in one of the channel's tiles, quicker than by places: with exact
     /// fractions, and otherwise the same arithmetic.
     /// \param source    a tile of the channel

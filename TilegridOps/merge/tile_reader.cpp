@@ -7,19 +7,6 @@ namespace tilegrid {
 using namespace OST::TileTree3D;
 using OST::int64;
 
-namespace {
-
-/// Most elements are a float; a copy of known length costs a load and a store.
-inline void copyElement(std::byte* to, std::byte const* from, std::size_t bytes)
-{
-    if (bytes == sizeof(float))
-        std::memcpy(to, from, sizeof(float));
-    else
-        std::memcpy(to, from, bytes);
-}
-
-}  // namespace
-
 template <class Tr>
 LatticeReader<Tr>::LatticeReader(Container<Tr> const& tree, VoxelChannelCore const& channel)
     : tree_(&tree), channel_(&channel), accessor_(tree), bytes_(channel.elementBytes()), deepest_(std::min(channel.depth(), Tr::maxDepth))
@@ -48,10 +35,20 @@ template <class Tr> TreeIndex LatticeReader<Tr>::find(Tile const& tile) const
     return child < 0 ? parentSource_ : TreeIndex{child, tile.depth()};
 }
 
-template <class Tr> std::byte const* LatticeReader<Tr>::inPlace(TreeIndex const& source) const
+template <class Tr> bool LatticeReader<Tr>::hasDeeper(Tile const& source, Tile const* except) const
+{
+    if (source.isLeaf() || source.depth() >= deepest_) return false;
+    if (!except) return true;
+    int64 const *theirs = source.childIndices(), *others = except->childIndices();
+    for (int cell = 0; cell < Tr::childCount; ++cell)
+        if (theirs[cell] >= 0 && others[cell] < 0) return true;
+    return false;
+}
+
+template <class Tr> std::byte const* LatticeReader<Tr>::inPlace(TreeIndex const& source, Tile const* except) const
 {
     Tile const& tile = tree_->tile(source);
-    return tile.isLeaf() || tile.depth() >= deepest_ ? elementsOf(tile) : nullptr;
+    return hasDeeper(tile, except) ? nullptr : elementsOf(tile);
 }
 
 template <class Tr> void LatticeReader<Tr>::readDeepest(Tile const& tile, int3 voxel, std::byte* value) const
@@ -82,17 +79,17 @@ template <class Tr> void LatticeReader<Tr>::readChild(Tile const& child, std::by
     }
 }
 
-template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found, std::byte* values) const
+template <class Tr> void LatticeReader<Tr>::readSameDepth(TreeIndex const& found, Tile const* except, std::byte* values) const
 {
     Tile const& source = tree_->tile(found);
     if (std::byte const* own = elementsOf(source))
         std::memcpy(values, own, Tr::voxelCount * bytes_);
     else
         fill(values);
-    if (source.isLeaf() || source.depth() >= deepest_) return;
+    if (!hasDeeper(source, except)) return;
     for (int cell = 0; cell < Tr::childCount; ++cell) {
         const int64 child = source.childIndex(cell);
-        if (child < 0) continue;
+        if (child < 0 || (except && except->childIndex(cell) >= 0)) continue;
         const int3 first = Tr::cellVoxels * cubeIndex(Tr::branching, cell);
         readChild(tree_->tile(child, source.depth() + 1), values + std::size_t(flatIndex(Tr::width, first.x, first.y, first.z)) * bytes_);
     }
@@ -133,7 +130,7 @@ TileReader<Tr>::TileReader(std::unique_ptr<PointReader> points, std::unique_ptr<
 template <class Tr>
 TileReader<Tr>::TileReader(TileReader const& other)
     : points_(other.points_->clone()), lattice_(other.lattice_ ? std::make_unique<LatticeReader<Tr>>(*other.lattice_) : nullptr),
-      bytes_(other.bytes_), voxelSize_(other.voxelSize_), offset_(other.offset_)
+      bytes_(other.bytes_), voxelSize_(other.voxelSize_), offset_(other.offset_), leavesChildrenOut_(other.leavesChildrenOut_)
 {
 }
 
@@ -186,13 +183,13 @@ template <class Tr> void TileReader<Tr>::read(std::byte* values)
     else if (liesInCoarser())
         readCoarser(values);
     else
-        lattice_->readSameDepth(source_, values);
+        lattice_->readSameDepth(source_, leavesChildrenOut_ ? tile_ : nullptr, values);
 }
 
 template <class Tr> std::byte const* TileReader<Tr>::elements(std::byte* room)
 {
     if (lattice_ && source_.valid() && !liesInCoarser())
-        if (std::byte const* own = lattice_->inPlace(source_)) return own;
+        if (std::byte const* own = lattice_->inPlace(source_, leavesChildrenOut_ ? tile_ : nullptr)) return own;
     read(room);
     return room;
 }

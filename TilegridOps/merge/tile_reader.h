@@ -4,8 +4,18 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 namespace tilegrid {
+
+/// Most elements are a float; a copy of known length costs a load and a store.
+inline void copyElement(std::byte* to, std::byte const* from, std::size_t bytes)
+{
+    if (bytes == sizeof(float))
+        std::memcpy(to, from, sizeof(float));
+    else
+        std::memcpy(to, from, bytes);
+}
 
 /// Reads a channel at the voxels of tiles of another tree of the same structure, voxel size and corner samples, where it has a
 /// voxel at exactly the same place: the deepest tile that covers the place decides, never a coarse copy above it. Knows bytes
@@ -28,7 +38,8 @@ public:
     /// one parent one after the other, all of the same tree.
     OST::TileTree3D::TreeIndex find(Tile const& tile) const;
     /// All elements of a tile as they lie in the channel, if no deeper tile lies in it; else null.
-    std::byte const* inPlace(OST::TileTree3D::TreeIndex const& source) const;
+    /// \param except  cells of this tile that have a child do not count, nor in `readSameDepth`; may be null
+    std::byte const* inPlace(OST::TileTree3D::TreeIndex const& source, Tile const* except) const;
     /// Whether the channel has elements for a tile that was found.
     bool hasElements(OST::TileTree3D::TreeIndex const& source) const { return source.valid() && elementsOf(tree_->tile(source)); }
     /// The way from the low corner of a tile that was found to that of the tile asked for.
@@ -37,7 +48,7 @@ public:
         return tile.tijk() - tree_->tile(source).tijk();
     }
     /// Writes the elements of all voxels from the tile found at the same place and depth, and from its descendants.
-    void readSameDepth(OST::TileTree3D::TreeIndex const& source, std::byte* values) const;
+    void readSameDepth(OST::TileTree3D::TreeIndex const& source, Tile const* except, std::byte* values) const;
     /// Writes the elements of those voxels of the tile that lie at voxels of the coarser tile found; lists the others, whose
     /// elements it leaves alone.
     void readCoarser(Tile const& tile, OST::TileTree3D::TreeIndex const& source, std::byte* values, VoxelList& missing) const;
@@ -45,6 +56,7 @@ public:
     void fill(std::byte* values) const;
 
 private:
+    bool hasDeeper(Tile const& source, Tile const* except) const;
     /// Writes the elements of the cell of a tile that a child lies in. \param cell  the first of them, among those of the tile
     void readChild(Tile const& child, std::byte* cell) const;
     /// Writes the element at the place of a voxel of `tile` from the deepest tile there.
@@ -79,6 +91,11 @@ public:
     TileReader(TileReader const& other);
     TileReader& operator=(TileReader const&) = delete;
 
+    /// Whether a voxel of a tile gets the bits that the voxel at its place in a child of the tile gets.
+    bool agreesBetweenDepths() const { return lattice_ && points_->prolongs(); }
+    /// Leaves out what deeper tiles of the channel hold where the tile asked for has a child itself: those voxels may take any
+    /// value, for a caller that takes them from the child.
+    void leaveChildrenOut() { leavesChildrenOut_ = true; }
     /// Makes a tile the one that the functions below read at.
     void seek(Tile const& tile);
     /// \param values  W^3 elements, i fastest
@@ -102,6 +119,7 @@ private:
     float voxelSize_;
     OST::TileTree3D::float3 offset_;
     Tile const* tile_ = nullptr;
+    bool leavesChildrenOut_ = false;
     /// Where the lattice finds it.
     OST::TileTree3D::TreeIndex source_;
     typename LatticeReader<Tr>::VoxelList missing_;

@@ -10,6 +10,7 @@ namespace tilegrid {
 using namespace OST::TileTree3D;
 using Geometry::Volume::LevelSetMode;
 using Geometry::Volume::Properties::Mode;
+using OST::int64;
 
 /// One thread's copy of the steps, with room for the samples of a tile.
 template <class Tr> class MergePass<Tr>::Worker {
@@ -24,6 +25,15 @@ public:
 
     void operator()(Tile const& tile)
     {
+        if (!childrenFirst_ || !isFull(tile)) sample(tile);
+        if (!childrenFirst_ || tile.isLeaf()) return;
+        for (Step& step : steps_)
+            if (step.work == Work::kResample || step.work == Work::kFirstLevelSet) takeFromChildren(tile, *step.target);
+    }
+
+private:
+    void sample(Tile const& tile)
+    {
         winners_.fill(0);
         for (Step& step : steps_)
             if (std::byte* values = step.target->tileBytes(tile.index(), tile.depth())) {
@@ -31,12 +41,13 @@ public:
                 run(step, values);
             }
         fetchPostponed();
-        if (!childrenFirst_ || tile.isLeaf()) return;
-        for (Step& step : steps_)
-            if (step.work == Work::kResample || step.work == Work::kFirstLevelSet) takeFromChildren(tile, *step.target);
     }
-
-private:
+    /// Whether all of the tile's voxels are repeated by children.
+    static bool isFull(Tile const& tile)
+    {
+        int64 const* children = tile.childIndices();
+        return !tile.isLeaf() && std::all_of(children, children + Tr::childCount, [](int64 child) { return child >= 0; });
+    }
     static void takeFromChildren(Tile const& tile, Channel& target)
     {
         constexpr int C = Tr::cellVoxels;

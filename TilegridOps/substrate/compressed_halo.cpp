@@ -3,6 +3,8 @@
 #include "TilegridOps/substrate/halo.h"
 #include "TilegridOps/substrate/traversal.h"
 
+#include <algorithm>
+
 namespace OST::TileTree3D {
 
 namespace {
@@ -79,7 +81,7 @@ void gatherCompressedHalo(Tile<Tr, Tr::childCount> const& tile, Tile<Tr, Tr::chi
 {
     if (!out) return;
     const TreeIndex index = tile.treeIndex();
-    if (parent && parent->treeIndex() != tile.parentTreeIndex()) parentHalo = nullptr;
+    if (parent && parent->treeIndex() != tile.parentTreeIndex()) parent = nullptr, parentHalo = nullptr;
     const T fill = channel.defaultValue();
     T const* own = channel.tileData(index).data();
     if (mode != kHaloFromParent || !own) {
@@ -92,18 +94,21 @@ void gatherCompressedHalo(Tile<Tr, Tr::childCount> const& tile, Tile<Tr, Tr::chi
     std::int32_t const* table = nullptr;
     if (auto const* high = accessor.container().highNeighbors(); high && accessor.container().holds(tile))
         table = high->of(index);
+    const int3 ownCell = parent ? parent->childIJK(tile) : int3(0);
     for (int n = 0; n < kHighNeighbors; ++n) {
         const int3 side = highNeighborOffset(n);
         TreeIndex neighbor;
         if (table)
             neighbor = {table[n], index.depth};
+        else if (const int3 cell = ownCell + side; parent && std::max({cell.x, cell.y, cell.z}) < Tr::branching)
+            neighbor = parent->childTreeIndex(cell);  // where there is none, only coarser tiles can be
         else
             neighbor = accessor.treeIndexNeighbor(tile, neighborDirection(side.x, side.y, side.z));
         const bool sameDepth = neighbor.index >= 0 && neighbor.depth == index.depth;
         if (T const* voxels = sameDepth ? channel.tileData(neighbor).data() : nullptr)
             halo.copyPart(side, voxels);
         else if (parentHalo && index.depth > channel.minDepth())
-            halo.mixPart(side, parent->childIJK(tile), parentHalo);
+            halo.mixPart(side, ownCell, parentHalo);
         else
             halo.fillPart(side, fill);
     }

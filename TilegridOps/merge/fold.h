@@ -34,11 +34,11 @@ struct ValueBounds {
 /// Whether `foldLevelSet` would leave all values as they are, and note no winner, whatever samples within the bounds it got.
 /// May be false where that is so.
 /// \param notesWinners  it would be asked who won
-bool keepsLevelSet(Geometry::Volume::LevelSetMode mode, float const* values, ValueBounds const& samples, bool notesWinners, int count);
+TILEGRID_API bool keepsLevelSet(Geometry::Volume::LevelSetMode mode, float const* values, ValueBounds const& samples, bool notesWinners, int count);
 /// Whether `foldLevelSet` would give the samples (negated for a difference) in all places, whatever values within the bounds
 /// were there. May be false where that is so.
-bool replacesLevelSet(Geometry::Volume::LevelSetMode mode, ValueBounds const& values, float const* samples, int count);
+TILEGRID_API bool replacesLevelSet(Geometry::Volume::LevelSetMode mode, ValueBounds const& values, float const* samples, int count);
 /// What it gives then.
-void replaceLevelSet(Geometry::Volume::LevelSetMode mode, float* values, float const* samples, int count);
+TILEGRID_API void replaceLevelSet(Geometry::Volume::LevelSetMode mode, float* values, float const* samples, int count);
 
 }  // namespace tilegrid

@@ -19,7 +19,7 @@ foreach(line IN LISTS lines)
   # In front of a function template's name stands its result, of a type of the language or the standard library.
   if(name MATCHES "^(${ours})::|^(std::[^(]*|[a-z ]+)[ *&]+(${ours})::")
     continue()
-  elseif(NOT kind MATCHES "[WVu]" OR NOT name MATCHES "^([a-z ]+ )?(std|__gnu_cxx)::" OR name MATCHES "tbb::|openvdb::|Assimp::|nlohmann::")
+  elseif(NOT kind MATCHES "[WVu]" OR NOT name MATCHES "^([a-z ]+[*&]* )?(std|__gnu_cxx)::" OR name MATCHES "tbb::|openvdb::|Assimp::|nlohmann::")
     message(SEND_ERROR "Neither the library's own nor of the standard library: ${kind} ${name}")
   endif()
 endforeach()

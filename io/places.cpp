@@ -13,24 +13,6 @@ using Ostara::Math::float3;
 
 namespace {
 
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
-    return text;
-}
-
-std::vector<std::string_view> cellsOf(std::string_view row)
-{
-    std::vector<std::string_view> cells;
-    while (true) {
-        const std::size_t end = row.find(',');
-        cells.push_back(trimmed(row.substr(0, end)));
-        if (end == std::string_view::npos) return cells;
-        row.remove_prefix(end + 1);
-    }
-}
-
 /// What is wrong with a row; empty, and the place written, if nothing is.
 std::string problemOf(std::string_view row, float3& place)
 {

@@ -12,24 +12,6 @@ namespace tilegrid::io {
 
 namespace {
 
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
-    return text;
-}
-
-std::vector<std::string_view> cellsOf(std::string_view row)
-{
-    std::vector<std::string_view> cells;
-    while (true) {
-        const std::size_t end = row.find(',');
-        cells.push_back(trimmed(row.substr(0, end)));
-        if (end == std::string_view::npos) return cells;
-        row.remove_prefix(end + 1);
-    }
-}
-
 void checkSize(std::uint64_t rows, std::size_t columns, std::uint64_t maxBytes)
 {
     if (maxBytes > 0 && rows * columns * sizeof(float) > maxBytes)

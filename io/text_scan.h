@@ -6,10 +6,31 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tilegrid::io {
 
 inline bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+
+/// Without blanks at both ends.
+inline std::string_view trimmed(std::string_view text)
+{
+    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    return text;
+}
+
+/// What stands between the commas of a row, trimmed.
+inline std::vector<std::string_view> cellsOf(std::string_view row)
+{
+    std::vector<std::string_view> cells;
+    while (true) {
+        const std::size_t end = row.find(',');
+        cells.push_back(trimmed(row.substr(0, end)));
+        if (end == std::string_view::npos) return cells;
+        row.remove_prefix(end + 1);
+    }
+}
 
 /// Takes the first line off `text`, without its end.
 inline std::string_view takeLine(std::string_view& text)

@@ -108,7 +108,7 @@ private:
     T const* haloOf(TreeIndex const& source)
     {
         T const* halo = halos_.last(source);
-        return halo ? halo : halos_.fetch(source, ++queries_, {*channel_, accessor_, offset_});
+        return halo ? halo : halos_.fetch(source, ++queries_, {*channel_, accessor_.container(), offset_});
     }
 
     Sampler sampler_;

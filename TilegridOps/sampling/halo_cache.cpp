@@ -38,19 +38,16 @@ void HaloCache<Tr, T>::fill(Entry& entry, TreeIndex const& index, uint64 query, 
     const bool compressed = source.offset == kCorner;
     const int width = compressed ? W + 1 : W + 2;
     if (!entry.data) entry.data = std::make_unique<T[]>(std::size_t(width * width * width));
-    auto const& tile = source.accessor.container().tile(index);
+    auto const& tile = source.tree.tile(index);
     const TreeIndex above = tile.parentTreeIndex();
+    const int3 cell = above.valid() ? source.tree.tile(above).childIJK(tile) : int3(0);
     T const* parentHalo = above.valid() && index.depth > source.channel.minDepth() ? fetch(above, query, source) : nullptr;
-    if (!compressed) {
-        fillOneLayerHalo<Tr, T>(tile, parentHalo, source.channel, source.accessor, source.offset, entry.data.get());
-        return;
-    }
-    using Halo = TileData<T, W + 1, 0>;
-    // The parent's array is only read.
-    const Halo from(const_cast<T*>(parentHalo), parentHalo ? Halo::elements : 0);
-    Halo to(entry.data.get(), Halo::elements);
-    setHaloTile<Tr, T, 0, 0, 1, 0>(tile, parentHalo ? &source.accessor.container().tile(above) : nullptr, source.channel, from,
-                                   kHaloFromParent, source.accessor, to);
+    if (!walk_) walk_ = std::make_unique<NeighborWalk<Tr>>(source.tree, compressed ? NeighborWalk<Tr>::Sides::kHigh : NeighborWalk<Tr>::Sides::kAll);
+    Surroundings const& around = walk_->around(tile);
+    if (compressed)
+        detail::gatherCompressedHalo<Tr, T>(index, cell, around, source.channel, parentHalo, entry.data.get());
+    else
+        fillOneLayerHalo<Tr, T>(index, cell, around, parentHalo, source.channel, source.offset, entry.data.get());
 }
 
 template <class Tr, class T> bool HaloCache<Tr, T>::holds(TreeIndex const& tile) const

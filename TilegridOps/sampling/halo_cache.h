@@ -1,6 +1,7 @@
 #pragma once
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/channel.h"
+#include "TilegridOps/substrate/neighbor_walk.h"
 
 #include <memory>
 
@@ -20,6 +21,7 @@ public:
     {
         ways_ = other.ways_;
         entries_.reset();
+        walk_.reset();
         forget();
         return *this;
     }
@@ -27,7 +29,7 @@ public:
     /// What entries are made from.
     struct Source {
         Channel<Tr, T, Tr::width, 0> const& channel;
-        ConstTileAccessor<Tr> const& accessor;
+        Container<Tr> const& tree;
         VoxelOffsetType offset;
     };
     /// The array of a tile if it is the one that was asked for last at its depth, else null.
@@ -58,6 +60,8 @@ private:
     std::array<Last, Tr::levels> last_;
     /// `ways_` for each depth, depth after depth; none before the first use.
     std::unique_ptr<Entry[]> entries_;
+    /// Finds the tiles around a tile and its ancestors; comes with the entries.
+    std::unique_ptr<NeighborWalk<Tr>> walk_;
 };
 
 }  // namespace OST::TileTree3D

@@ -50,7 +50,7 @@ template <class Tr, class T> void LinearGrid<Tr, T>::readBox(Found const& found,
     using tilegrid::mixed;
     constexpr int Row = Tr::width + 1;
     T const* halo = halos_.last(found.tile);
-    if (!halo) halo = halos_.fetch(found.tile, ++queries_, {*channel_, finder_.accessor(), kCorner});
+    if (!halo) halo = halos_.fetch(found.tile, ++queries_, {*channel_, finder_.accessor().container(), kCorner});
     for (int n = 0; n < count; ++n) {
         const Lanes local = snapped(found.local(position_[n]) * found.inverseWidth);
         const IntLanes voxel = floored(local);

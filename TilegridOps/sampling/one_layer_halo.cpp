@@ -7,6 +7,19 @@ namespace OST::TileTree3D {
 
 namespace {
 
+/// Taps of the positions -1 to W of a child tile among the sites of its parent, by the child's cell on that axis.
+template <class Tr> struct ParentTaps {
+    std::array<std::array<SiteTap, Tr::width + 2>, Tr::branching> of{};
+
+    constexpr explicit ParentTaps(bool centred)
+    {
+        for (int cell = 0; cell < Tr::branching; ++cell)
+            for (int i = -1; i <= Tr::width; ++i)
+                of[std::size_t(cell)][std::size_t(i + 1)] = siteTap(cell * Tr::width + i, 1, Tr::childStride, centred);
+    }
+};
+template <class Tr> inline constexpr std::array<ParentTaps<Tr>, 2> kParentTaps{ParentTaps<Tr>(true), ParentTaps<Tr>(false)};
+
 /// Positions -1 to W on each axis.
 template <class Tr, class T> struct OneLayer {
     static constexpr int W = Tr::width, N = W + 2;
@@ -33,10 +46,9 @@ template <class Tr, class T> struct OneLayer {
     void mixPart(int3 const& side, int3 const& cell, T const* parent, VoxelOffsetType offset) const
     {
         const auto at = [parent](int i, int j, int k) -> T const& { return parent[index(i, j, k)]; };
-        const auto tap = [offset](int axis, int c, int i) { return siteTap(c * W + i, 1, Tr::childStride, !(offset >> axis & 1)); };
-        forPart(side, [&](int i, int j, int k) {
-            out[index(i, j, k)] = mixSites<T>(tap(0, cell.x, i), tap(1, cell.y, j), tap(2, cell.z, k), at);
-        });
+        const auto taps = [&](int axis) { return kParentTaps<Tr>[offset >> axis & 1].of[std::size_t(cell[axis])].data() + 1; };
+        SiteTap const *x = taps(0), *y = taps(1), *z = taps(2);
+        forPart(side, [&](int i, int j, int k) { out[index(i, j, k)] = mixSites<T>(x[i], y[j], z[k], at); });
     }
     /// Parts nearer to the tile must be there already.
     void mirrorPart(int3 const& side, T const& fill, VoxelOffsetType offset) const
@@ -69,22 +81,20 @@ constexpr std::array<int3, 26> kSides = sidesOutward();
 }  // namespace
 
 template <class Tr, class T>
-void fillOneLayerHalo(Tile<Tr, Tr::childCount> const& tile, T const* parentHalo, Channel<Tr, T, Tr::width, 0> const& channel,
-                      ConstTileAccessor<Tr> const& accessor, VoxelOffsetType offset, T* out)
+void fillOneLayerHalo(TreeIndex const& tile, int3 const& cell, Surroundings const& around, T const* parentHalo,
+                      Channel<Tr, T, Tr::width, 0> const& channel, VoxelOffsetType offset, T* out)
 {
     const OneLayer<Tr, T> layer{out};
     const T fill = channel.defaultValue();
-    T const* own = channel.tileData(tile.treeIndex()).data();
+    T const* own = channel.tileData(tile).data();
     if (!own) {
         std::fill_n(out, OneLayer<Tr, T>::N * OneLayer<Tr, T>::N * OneLayer<Tr, T>::N, fill);
         return;
     }
     layer.copyPart(int3(0), own);
-    int3 cell;
-    if (parentHalo) cell = accessor.container().tile(tile.parentTreeIndex()).childIJK(tile);
     for (int3 const& side : kSides) {
-        const TreeIndex neighbor = accessor.treeIndexNeighbor(tile, neighborDirection(side.x, side.y, side.z));
-        T const* voxels = neighbor.valid() && neighbor.depth == tile.depth() ? channel.tileData(neighbor).data() : nullptr;
+        TreeIndex const& neighbor = around[std::size_t(neighborDirection(side.x, side.y, side.z))];
+        T const* voxels = neighbor.valid() && neighbor.depth == tile.depth ? channel.tileData(neighbor).data() : nullptr;
         if (voxels)
             layer.copyPart(side, voxels);
         else if (parentHalo)
@@ -95,8 +105,8 @@ void fillOneLayerHalo(Tile<Tr, Tr::childCount> const& tile, T const* parentHalo,
 }
 
 #define TILEGRID_INSTANTIATE_FOR(Tr, T)                                                                                     \
-    template void fillOneLayerHalo<Tr, T>(Tile<Tr, Tr::childCount> const&, T const*, Channel<Tr, T, Tr::width, 0> const&,   \
-                                          ConstTileAccessor<Tr> const&, VoxelOffsetType, T*);
+    template void fillOneLayerHalo<Tr, T>(TreeIndex const&, int3 const&, Surroundings const&, T const*,                     \
+                                          Channel<Tr, T, Tr::width, 0> const&, VoxelOffsetType, T*);
 TILEGRID_FOR_REAL_TYPES(TILEGRID_INSTANTIATE_FOR)
 
 }  // namespace OST::TileTree3D

@@ -1,6 +1,6 @@
 #pragma once
-#include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/channel.h"
+#include "TilegridOps/substrate/neighbor_walk.h"
 
 namespace OST::TileTree3D {
 
@@ -12,14 +12,15 @@ namespace OST::TileTree3D {
 /// tile's face, so that the field reaches the default at the face. Axis by axis: at edges and corners the mirrored element may
 /// itself be one of these.
 ///
-/// \param tile        a tile of the accessor's tree which the channel has
+/// \param tile        a tile which the channel has
+/// \param cell        of the tile in its parent; of no account without one
+/// \param around      the tiles on all sides of it
 /// \param parentHalo  the parent's array, made by this function; null without a usable parent
 /// \param offset      where samples lie, per axis
 /// \param out         (W+2)^3 elements, i fastest; position -1 first
 /// \par Source  trilinear interpolation, as for hanging voxels; second order, all weights positive
 template <class Tr, class T>
-TILEGRID_API void fillOneLayerHalo(Tile<Tr, Tr::childCount> const& tile, T const* parentHalo,
-                                   Channel<Tr, T, Tr::width, 0> const& channel, ConstTileAccessor<Tr> const& accessor,
-                                   VoxelOffsetType offset, T* out);
+TILEGRID_API void fillOneLayerHalo(TreeIndex const& tile, int3 const& cell, Surroundings const& around, T const* parentHalo,
+                                   Channel<Tr, T, Tr::width, 0> const& channel, VoxelOffsetType offset, T* out);
 
 }  // namespace OST::TileTree3D

@@ -31,7 +31,7 @@ bool VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::fetchVoxels(FoundTile
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>
 T const* VoxelSamplerLinear<Tr, T, N, S, Pos, b0, b1, b2, b3>::fetchHalo(TreeIndex const& tile) const
 {
-    return cache_.fetch(tile, queryCounter_.value, {*sourceChannel_, this->accessor(), this->offsetType_});
+    return cache_.fetch(tile, queryCounter_.value, {*sourceChannel_, this->container(), this->offsetType_});
 }
 
 template <class Tr, class T, int N, class S, class Pos, int b0, int b1, int b2, int b3>

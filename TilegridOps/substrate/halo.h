@@ -2,6 +2,7 @@
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/channel.h"
 #include "TilegridOps/substrate/element_values.h"
+#include "TilegridOps/substrate/neighbor_walk.h"
 
 /// Gathering a tile together with a border of values around it, for stencils that cross tile borders and jumps of depth.
 ///
@@ -55,6 +56,14 @@ template <class Tr, class T>
 TILEGRID_API void gatherCompressedHalo(Tile<Tr, Tr::childCount> const& tile, Tile<Tr, Tr::childCount> const* parent,
                                        Channel<Tr, T, Tr::width, 0> const& channel, T const* parentHalo, HaloMode mode,
                                        ConstTileAccessor<Tr> const& accessor, T* out);
+
+/// The same in mode `kHaloFromParent`, for callers who know the tiles around.
+/// \param cell    of the tile in its parent; of no account without one
+/// \param around  of which only the directions without a step to the low side are read
+/// \param out     all elements become the default of a channel that does not have the tile
+template <class Tr, class T>
+TILEGRID_API void gatherCompressedHalo(TreeIndex const& tile, int3 const& cell, Surroundings const& around,
+                                       Channel<Tr, T, Tr::width, 0> const& channel, T const* parentHalo, T* out);
 
 }  // namespace detail
 

@@ -57,13 +57,15 @@ template <class Tr> class NeighborWalk {
 public:
     using Tile = typename Container<Tr>::Tile;
 
-    enum class Sides { kAll, kLow };
-    /// With `kLow` only the directions without a step to the high side are filled in; the others mean nothing.
+    enum class Sides { kAll, kLow, kHigh };
+    /// With `kLow` only the directions without a step to the high side are filled in, with `kHigh` those without one to the low
+    /// side; the others mean nothing.
     explicit NeighborWalk(Container<Tr> const& tree, Sides sides = Sides::kAll) : tree_(&tree)
     {
         for (int n = 0; n < 27; ++n) {
             const int3 offset = neighborOffset(NeighborDirection(n));
-            if (sides == Sides::kAll || (offset.x <= 0 && offset.y <= 0 && offset.z <= 0)) directions_[count_++] = std::uint8_t(n);
+            const bool low = offset.x <= 0 && offset.y <= 0 && offset.z <= 0, high = offset.x >= 0 && offset.y >= 0 && offset.z >= 0;
+            if (sides == Sides::kAll || (sides == Sides::kLow ? low : high)) directions_[count_++] = std::uint8_t(n);
         }
     }
 

@@ -76,7 +76,7 @@ TYPED_TEST(CentreJumps, hold_in_the_halo_of_the_fine_tile_what_samplers_read_in_
         for (Jump const& jump : jumpsOf(volume.tree)) {
             auto const& tile = volume.tree.tile(jump.tile);
             setHaloTile<Tr, float, 0, 1, 0, 0>(jump.tile, *volume.channel, kHaloLinear, kHaloAll, accessor, halo, 0.0f, 1.0f, kCenter);
-            float const* layer = cache.fetch(jump.tile, ++query, {*volume.channel, accessor, kCenter});
+            float const* layer = cache.fetch(jump.tile, ++query, {*volume.channel, volume.tree, kCenter});
             forFace<Tr>(jump, jump.side < 0 ? -1 : W, [&](int3 const& ijk) {
                 const float3 p = siteOf<Tr>(tile, ijk);
                 LocatedVoxel at;

@@ -213,13 +213,12 @@ TYPED_TEST(LinearSampling, takes_shortcuts_that_give_the_bits_of_the_halo)
         const SampledVolume<Tr> volume(set, offset, noise);
         const auto sampler = volume.sampler();
         HaloCache<Tr, float> cache(1);
-        const ConstTileAccessor<Tr> accessor(volume.tree);
         OST::uint64 query = 0;
         int across = 0;
         for (float3 const& p : positionsIn<Tr>(set, 62, 2000, Tr::maxDepth - 3, 1e9)) {
             LocatedVoxel at;
             ASSERT_TRUE(sampler.locateVoxel(p, kTileSpace, Tr::maxDepth, at));
-            float const* halo = cache.fetch(at.treeIndex, ++query, {*volume.channel, accessor, offset});
+            float const* halo = cache.fetch(at.treeIndex, ++query, {*volume.channel, volume.tree, offset});
             const int row = offset == kCorner ? W + 1 : W + 2, low = offset == kCorner ? 0 : 1;
             const detail::Trilinear<float> mix(
                 [&](int n) {
@@ -283,11 +282,10 @@ TYPED_TEST(LinearSampling, of_a_one_layer_channel_gives_the_bits_of_the_source)
         Channel<Tr, float, Tr::width, 1> halo("halo", &outside, kInitializeNone, false, true, 0, Tr::maxDepth);
         halo.updateTilesAdded(volume.tree);
         HaloCache<Tr, float> cache(1);
-        const ConstTileAccessor<Tr> accessor(volume.tree);
         for (OST::int64 n = 0; n < volume.tree.tileCount(-1); ++n) {
             const TreeIndex tile = volume.tree.tile(n).treeIndex();
             const auto to = halo.tileData(tile);
-            std::copy_n(cache.fetch(tile, OST::uint64(n), {*volume.channel, accessor, offset}), to.size(), to.begin());
+            std::copy_n(cache.fetch(tile, OST::uint64(n), {*volume.channel, volume.tree, offset}), to.size(), to.begin());
         }
         const auto source = volume.sampler();
         const OneLayerSampler<Tr> layered(volume.tree, volume.topology, &halo);

@@ -3,6 +3,7 @@
 
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/nodes/merge.h"
+#include "TilegridOps/substrate/channel_services.h"
 #include "TilegridOps/substrate/commands.h"
 #include "io/level_set_from_mesh.h"
 #include "io/level_set_from_shape.h"
@@ -127,6 +128,8 @@ template <class Tr> void addStructure(Load const& load, std::string const& name,
 
 int main(int argc, char** argv)
 {
+    // The peer's allocator keeps what it frees for the next repetition; so does ours once it may.
+    ChannelPool::enable();
     for (Load const& load : {bunnies(), spheres()}) {
         addStructure<BinaryTraits>(load, "binary", tilegrid::io::Structure::kBinary);
         addStructure<QuinaryTraits>(load, "quinary", tilegrid::io::Structure::kQuinary);

@@ -2,6 +2,7 @@
 #include "benchmarks/support/loads.h"
 
 #include "TilegridOps/algorithms/analyze.h"
+#include "TilegridOps/algorithms/extrapolate.h"
 #include "TilegridOps/algorithms/resample.h"
 #include "TilegridOps/algorithms/splat.h"
 #include "TilegridOps/host/geometry.h"
@@ -11,7 +12,7 @@
 #include <cstring>
 #include <random>
 
-/// Algorithms on level sets, per active voxel of the peer: differential operators, and a turned copy. All depths of our volumes
+/// Algorithms on level sets, per active voxel of the peer: differential operators, a turned copy, points splatted, and a field continued. All depths of our volumes
 /// have values and take part. Both sides make a new grid.
 
 namespace {
@@ -146,6 +147,39 @@ void addSplats(Load const& load)
     }
 }
 
+/// Distances known inside a sphere that most of the band lies outside of, continued through all of it. The copies that each
+/// repetition works on are part of its time.
+void addExtrapolation(Load const& load)
+{
+    using namespace VolumeGL::TileTree3D::LevelSet;
+    struct Field {
+        std::shared_ptr<Container<BinaryTraits>> tree;
+        VoxelTopology<BinaryTraits> topology{"topology", kCorner};
+        Corvid::MutablePtr<FloatChannel<BinaryTraits>> data;
+        Corvid::MutablePtr<Channel<BinaryTraits, unsigned char, 4, 0>> marker;
+    };
+    const auto field = std::make_shared<Field>();
+    field->tree = std::make_shared<Container<BinaryTraits>>(*treeOf<BinaryTraits>(load));
+    CoreGL::TileTree3D::gradeTileTree<BinaryTraits>(*field->tree, nullptr, nullptr, 0, BinaryTraits::maxDepth);
+    field->tree->sortIntoMortonOrder();
+    field->topology.update(*field->tree);
+    field->data = sphereChannel(*field->tree, SphereField{254.0f}, 0);
+    const unsigned char unknown = 0;
+    field->marker = Corvid::makeMutable<Channel<BinaryTraits, unsigned char, 4, 0>>("known", &unknown, kInitializeNone, false, true, 0,
+                                                                                   BinaryTraits::maxDepth);
+    field->marker->updateTilesAdded(*field->tree);
+    for (std::int64_t n = 0; n < field->tree->tileCount(-1); ++n)
+        for (int v = 0; v < BinaryTraits::voxelCount; ++v) field->marker->tileData(n)(v) = field->data->tileData(n)(v) < 0 ? 1 : 0;
+    for (int threads : {1, 2})
+        add("extrapolate_w4/" + load.name, "ours", threads, std::int64_t(load.band.size()), [field] {
+            FloatChannel<BinaryTraits> data(*field->data);
+            Channel<BinaryTraits, unsigned char, 4, 0> marker(*field->marker);
+            extrapolateChannel<BinaryTraits, float>(ExtrapolationType::kSignedDistance, *field->tree, field->topology, marker, data, nullptr,
+                                                    nullptr, 0, BinaryTraits::maxDepth, false);
+            return checksum(data.tileData(data.tileCount(BinaryTraits::maxDepth) / 2, BinaryTraits::maxDepth).data());
+        });
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -157,6 +191,7 @@ int main(int argc, char** argv)
         addAll<BinaryTraits>("w4", load);
         addAll<QuinaryTraits>("w5", load);
         addSplats(load);
+        addExtrapolation(load);
     }
     return runAll(argc, argv, "algorithms");
 }

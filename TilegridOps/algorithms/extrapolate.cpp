@@ -160,32 +160,6 @@ private:
         return true;
     }
 
-    /// Slopes at the known voxels, from known neighbours alone: central, else one-sided over three or two voxels, else none.
-    void findSlopes(int64 n, int depth)
-    {
-        const double h = spacing(depth);
-        const auto values = data_.tileData(n, depth);
-        Level& level = levels_[std::size_t(depth)];
-        for (int v = 0; v < Tr::voxelCount; ++v) {
-            const std::size_t at = std::size_t(n * Tr::voxelCount + v);
-            if (level.state[at] != kInside && level.state[at] != kOutside) continue;
-            const int3 ijk = cubeIndex(W, v);
-            for (int axis = 0; axis < 3; ++axis) {
-                double low = 0, high = 0, next = 0;
-                const double here = values(v);
-                const bool hasLow = knownValue(n, depth, ijk, axis, -1, low), hasHigh = knownValue(n, depth, ijk, axis, 1, high);
-                double rise = 0;
-                if (hasLow && hasHigh)
-                    rise = 0.5 * (high - low);
-                else if (hasHigh)
-                    rise = knownValue(n, depth, ijk, axis, 2, next) ? -0.5 * (3 * here - 4 * high + next) : high - here;
-                else if (hasLow)
-                    rise = knownValue(n, depth, ijk, axis, -2, next) ? 0.5 * (3 * here - 4 * low + next) : here - low;
-                level.slope[at][axis] = float(rise / h);
-            }
-        }
-    }
-
     /// What lies one voxel from voxel `at` along an axis: the neighbour, or, beside a coarser tile, what the coarse voxel that
     /// holds the place says of it.
     Source beside(ConstTileAccessor<Tr> const& accessor, int64 n, int depth, int3 at, int axis, int side, float& order) const
@@ -215,6 +189,52 @@ private:
         for (int a = 0; a < 3; ++a) source.added += source.slope[a] * float(double(from[a] - in[a] * coarse) * tree_.voxelSize());
         source.value += source.added;
         return source;
+    }
+
+    /// What coarser voxels of its class beside a voxel say of its slope along an axis; 0 if there are none.
+    float coarseSlope(ConstTileAccessor<Tr> const& accessor, int64 n, int depth, int v, int axis) const
+    {
+        const std::uint8_t state = levels_[std::size_t(depth)].state[std::size_t(n * Tr::voxelCount + v)];
+        for (int side = -1; side <= 1; side += 2) {
+            int64 tile = n;
+            int3 there = cubeIndex(W, v);
+            // Slopes of this depth are being made.
+            if (step(tile, depth, there, axis, side)) continue;
+            float order = 0;
+            const Source source = beside(accessor, n, depth, cubeIndex(W, v), axis, side, order);
+            if (source.state == state) return source.slope[axis];
+        }
+        return 0;
+    }
+
+    /// Slopes at the known voxels, from known neighbours alone: central, else one-sided over three or two voxels, else as coarser
+    /// tiles beside have it, where those of the depth end, else none. The slopes of coarser depths are there already.
+    void findSlopes(int64 n, int depth)
+    {
+        const double h = spacing(depth);
+        const auto accessor = tree_.tileAccessor();
+        const auto values = data_.tileData(n, depth);
+        Level& level = levels_[std::size_t(depth)];
+        for (int v = 0; v < Tr::voxelCount; ++v) {
+            const std::size_t at = std::size_t(n * Tr::voxelCount + v);
+            if (level.state[at] != kInside && level.state[at] != kOutside) continue;
+            const int3 ijk = cubeIndex(W, v);
+            for (int axis = 0; axis < 3; ++axis) {
+                double low = 0, high = 0, next = 0;
+                const double here = values(v);
+                const bool hasLow = knownValue(n, depth, ijk, axis, -1, low), hasHigh = knownValue(n, depth, ijk, axis, 1, high);
+                double rise = 0;
+                if (hasLow && hasHigh)
+                    rise = 0.5 * (high - low);
+                else if (hasHigh)
+                    rise = knownValue(n, depth, ijk, axis, 2, next) ? -0.5 * (3 * here - 4 * high + next) : high - here;
+                else if (hasLow)
+                    rise = knownValue(n, depth, ijk, axis, -2, next) ? 0.5 * (3 * here - 4 * low + next) : here - low;
+                else
+                    rise = h * coarseSlope(accessor, n, depth, v, axis);
+                level.slope[at][axis] = float(rise / h);
+            }
+        }
     }
 
     bool fillVoxel(ConstTileAccessor<Tr> const& accessor, int64 n, int depth, int v, Source& result) const

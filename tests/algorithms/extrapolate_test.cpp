@@ -56,13 +56,14 @@ TEST(ExtrapolateChannel, continues_linear_data_exactly_also_across_jumps)
         world.run(ExtrapolationType::kLinear);
         double most = 0;
         world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
-            // Off the end of the finer tiles: a known voxel beyond may have no known neighbour along an axis, and so no slope.
-            if (std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 12 || !world.field.isLeafVoxel(t, v)) return;
-            most = std::max(most, std::abs(world.field.at(t, v) - linear(p)));
+            // Also at the ends of finer tiles, where a known voxel may have its only known neighbours in coarser ones. Far out, where a
+            // depth has a few voxels, one may be known that has none at all.
+            if (std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 1000 || !world.field.isLeafVoxel(t, v)) return;
+            most = std::max(most, std::abs(world.field.at(t, v) - linear(p)) / (0.3 * std::abs(p[0]) + 0.2 * std::abs(p[1]) + 0.5 * std::abs(p[2]) + 1));
             EXPECT_EQ(world.marker.tileData(t)(v), p[2] <= 0.4 * p[0] ? 1 : world.field.at(t, v) < 0 ? 1 : 2);
         });
-        // Values up to 25, some forty layers of float sums.
-        EXPECT_LE(most, 25 * 1e-5) << (withJump ? "jump" : "uniform");
+        // Relative to the terms of the field: some forty layers of float sums.
+        EXPECT_LE(most, 1e-5) << (withJump ? "jump" : "uniform");
     }
 }
 

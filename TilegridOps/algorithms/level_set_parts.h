@@ -7,6 +7,28 @@
 
 namespace tilegrid {
 
+/// The flags of a tree as it is now; a temporary, which never enters an object.
+template <class Tr>
+OST::TileTree3D::DofChannel<Tr> dofsOf(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::VoxelTopology<Tr> const& topology)
+{
+    OST::TileTree3D::DofChannel<Tr> flags("dofs", nullptr, OST::TileTree3D::kInitializeNone, false, true, 0, Tr::maxDepth);
+    flags.updateTilesAdded(topology);
+    OST::TileTree3D::computeDofs<Tr>(tree, flags);
+    return flags;
+}
+
+/// Distances again, whatever the values are now; the surface stays where it is.
+template <class Tr>
+void redistanceAll(OST::TileTree3D::Container<Tr> const& tree, OST::TileTree3D::VoxelTopology<Tr> const& topology,
+                   OST::TileTree3D::Channel<Tr, float, Tr::width, 0>& levelSet, OST::TileTree3D::DofChannel<Tr> const& flags,
+                   Corvid::String const& timer)
+{
+    using namespace VolumeGL::TileTree3D::LevelSet;
+    levelSetRedistance<Tr>(tree, topology, levelSet, /*resetFar*/ true, /*resetCrossing*/ true, /*keepSigns*/ true, 0, Tr::maxDepth, nullptr,
+                           nullptr, 1.0f, FLT_MAX, FLT_MAX, 10, 10, /*restoreDependents*/ true, /*unsignedResult*/ false, &flags, timer,
+                           RedistancingScheme::kClosestPoint);
+}
+
 /// The parts of a volume that an operation on a level set takes out of it, put back in the end or when it fails.
 template <class Tr> class LevelSetParts {
 public:
@@ -36,22 +58,8 @@ public:
         object_.putComponent(std::move(topology));
         object_.putComponent(std::move(tree));
     }
-    /// The flags of the tree as it is now; a temporary, which never enters the object.
-    Dofs dofs() const
-    {
-        Dofs flags("dofs", nullptr, OST::TileTree3D::kInitializeNone, false, true, 0, Tr::maxDepth);
-        flags.updateTilesAdded(*topology);
-        OST::TileTree3D::computeDofs<Tr>(*tree, flags);
-        return flags;
-    }
-    /// Distances again, whatever the values are now; the surface stays where it is.
-    void redistance(Dofs const& flags, Corvid::String const& timer)
-    {
-        VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Tr>(*tree, *topology, *levelSet, /*resetFar*/ true, /*resetCrossing*/ true,
-                                                               /*keepSigns*/ true, 0, Tr::maxDepth, nullptr, nullptr, 1.0f, FLT_MAX,
-                                                               FLT_MAX, 10, 10, /*restoreDependents*/ true, /*unsignedResult*/ false,
-                                                               &flags, timer, VolumeGL::TileTree3D::LevelSet::RedistancingScheme::kClosestPoint);
-    }
+    Dofs dofs() const { return dofsOf<Tr>(*tree, *topology); }
+    void redistance(Dofs const& flags, Corvid::String const& timer) { redistanceAll<Tr>(*tree, *topology, *levelSet, flags, timer); }
 
     Corvid::MutablePtr<Container> tree;
     Corvid::MutablePtr<Topology> topology;

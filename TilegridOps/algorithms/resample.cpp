@@ -2,6 +2,7 @@
 
 #include "TilegridOps/algorithms/affine_map.h"
 #include "TilegridOps/algorithms/field_reader.h"
+#include "TilegridOps/algorithms/level_set_parts.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/commands.h"
 #include "TilegridOps/substrate/parallel.h"
@@ -145,14 +146,16 @@ void readInto(Container<To> const& tree, float3 const& offset, Request const& re
 
 /// The property as a channel for the target's tiles; null if the source has none of that name and type.
 template <class From, class To, class T>
-Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, float3 const& offset, Request const& request, Corvid::String const& name)
+Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, VoxelTopology<To> const& topology, Request const& request,
+                                           Corvid::String const& name)
 {
     const auto channel = request.source.component<Channel<From, T, From::width, 0>>(name);
     if (!channel) return {};
     const auto reader = makeFieldReader<From, T>(request.source, name, request.interpolation);
     if (!reader) return {};
     using Scalar = typename ElementTraits<T>::Scalar;
-    const double factor = name == sVoxelSignedDistance ? request.placement.scale : 1;
+    const bool distances = name == sVoxelSignedDistance;
+    const double factor = distances ? request.placement.scale : 1;
     const T outside = Scalar(factor) * channel->defaultValue();
     auto made = Corvid::makeMutable<Channel<To, T, To::width, 0>>(name, &outside, channel->dataElementInitializerType(), /*poolBacked*/ false,
                                                                   /*callElementConstructor*/ false, 0, To::maxDepth);
@@ -160,7 +163,7 @@ Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, float3 con
     // Places are floats, and counted in inexact inverse widths: a copy is what keeps all bits.
     [[maybe_unused]] const auto sourceTree = request.source.component<Container<From>>(sVoxelTileTree);
     const auto sourceOffset = request.source.component<VoxelTopology<From>>(sVoxelComp)->offset();
-    const bool inPlace = std::is_same_v<From, To> && sourceOffset == offset && isIdentity(request.placement.targetToSource());
+    const bool inPlace = std::is_same_v<From, To> && sourceOffset == topology.offset() && isIdentity(request.placement.targetToSource());
     const auto copied = [&](typename Container<To>::Tile const& tile, T* values) {
         if constexpr (std::is_same_v<From, To>) {
             if (!inPlace) return false;
@@ -173,19 +176,22 @@ Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, float3 con
             return false;
         }
     };
-    readInto<To, T>(tree, offset, request, *reader, factor, copied, *made);
+    readInto<To, T>(tree, topology.offset(), request, *reader, factor, copied, *made);
+    if constexpr (std::is_same_v<T, float>)
+        if (distances && !request.placement.toTarget.isSimilarity())
+            redistanceAll<To>(tree, topology, *made, dofsOf<To>(tree, topology), "Volume::resample.redistance");
     return made;
 }
 
 template <class From, class To>
-std::vector<Corvid::MutablePtr<OST::Component>> carriedProperties(Container<To> const& tree, float3 const& offset, Request const& request,
-                                                                    Corvid::Array<Corvid::String> const& names)
+std::vector<Corvid::MutablePtr<OST::Component>> carriedProperties(Container<To> const& tree, VoxelTopology<To> const& topology,
+                                                                  Request const& request, Corvid::Array<Corvid::String> const& names)
 {
     std::vector<Corvid::MutablePtr<OST::Component>> channels;
     for (Corvid::String const& name : names)
         anyRealType([&]<class T>() {
             if (!request.source.component<Channel<From, T, From::width, 0>>(name)) return false;
-            channels.push_back(carried<From, To, T>(tree, offset, request, name));
+            channels.push_back(carried<From, To, T>(tree, topology, request, name));
             return true;
         });
     return channels;
@@ -211,7 +217,7 @@ bool intoTarget(Request request, Corvid::Array<Corvid::String> const& names, Cor
     const auto topology = target->native()->component<VoxelTopology<To>>(sVoxelComp);
     if (!tree || !topology) return false;
     request.placement.targetVoxel = double(tree->voxelSize());
-    auto channels = carriedProperties<From, To>(*tree, topology->offset(), request, names);
+    auto channels = carriedProperties<From, To>(*tree, *topology, request, names);
     auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(target));
     for (auto& channel : channels) native->putComponent(std::move(channel));
     target = Ostara::Geometry::move_ost_volume_to_object(*native);
@@ -231,7 +237,7 @@ void intoNewVolume(Request request, float voxelSize, Corvid::Array<Corvid::Strin
     growImage(source, request.placement, *tree);
     tree->setMaxRelativeRefinementError(source.maxRelativeRefinementError());
     topology->update(*tree);
-    for (auto& channel : carriedProperties<From, To>(*tree, topology->offset(), request, names)) native->putComponent(std::move(channel));
+    for (auto& channel : carriedProperties<From, To>(*tree, *topology, request, names)) native->putComponent(std::move(channel));
     native->putComponent(std::move(topology));
     native->putComponent(std::move(tree));
     target = Ostara::Geometry::move_ost_volume_to_object(*native);
@@ -247,9 +253,6 @@ bool resampleFrom(Request& request, Corvid::String const& property, float voxelS
         logger.error("Resample property not found.");
         return false;
     }
-    const bool distances = std::find(names.begin(), names.end(), sVoxelSignedDistance) != names.end();
-    if (distances && !request.placement.toTarget.isSimilarity())
-        logger.warn("The transform stretches distances unevenly; rebuild the level set.");
     request.placement.sourceVoxel = double(source->voxelSize());
     request.sourceLevels = From::levels;
     request.sourceWidth = [](int depth) { return int(From::voxelDataWidth(depth)); };

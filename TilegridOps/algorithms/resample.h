@@ -19,7 +19,8 @@ namespace VolumeGL::TileTree3D {
 /// depths, which hold the prefiltered field); outside of the source with the property's default value. Corner samples with the
 /// identity and linear interpolation keep their bits. Vectors keep their components. A property named `sVoxelSignedDistance` is
 /// multiplied by the scale of the map, the cube root of the absolute determinant; where the map changes lengths along axes by more than
-/// a thousandth differently, the logger gets a warning, since what results are no distances.
+/// a thousandth differently, what results are no distances, and those of the moved surface are made anew (where the target's tiles
+/// hold none of it, the scaled values stay).
 ///
 /// \param property       a name, or empty for all properties of the types float, float2 to float4, float3x3, float4x2, float4x4, double
 ///                       and double3

@@ -208,5 +208,29 @@ TEST(ComputeVolumeDepth, of_a_ball_is_its_radius_in_the_middle_and_nothing_outsi
     EXPECT_EQ((depths[{22, 0, 0}]), 0);
 }
 
+TEST(ComputeVolumeDepth, same_bytes_for_any_number_of_threads)
+{
+    // Off the lattice and across a jump; with passes, which read what others write.
+    const Field exact = sphere(kCentre, 11);
+    std::string first;
+    for (int threads : kThreadCounts) {
+        auto volume = levelSetVolume<Tr>(jump(16), exact, 0.5f);
+        const auto tree = volume->component<Tree<Tr>>(sVoxelTileTree);
+        const auto topology = volume->component<VoxelTopology<Tr>>(sVoxelComp);
+        const auto channel = volume->component<Channel<Tr, float, 4, 0>>(Ostara::Geometry::sVoxelSignedDistance);
+        parallel::runJob(nullptr, threads, [&] {
+            VolumeGL::TileTree3D::LevelSet::computeVolumeDepth<Tr>(0.3f, 4.0f, 3, *tree, *topology, *channel, *volume);
+        });
+        const auto depths = volume->component<Channel<Tr, float, 4, 0>>("voxel_depth");
+        std::string bytes;
+        for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
+            const auto values = depths->tileData(tree->tile(n).treeIndex());
+            bytes.append(reinterpret_cast<char const*>(values.data()), sizeof(float) * Tr::voxelCount);
+        }
+        if (first.empty()) first = bytes;
+        EXPECT_TRUE(first == bytes) << threads << " threads";
+    }
+}
+
 }  // namespace
 }  // namespace tilegrid::test

@@ -118,7 +118,9 @@ std::vector<NodeInfo> levelSetNodes()
         return ParameterInfo{.name = std::move(name), .type = ParameterType::kFloat, .help = std::move(help), .unit = "world units", .defaultText = std::move(text)};
     };
     return {
-        nodeOf("rebuild_level_set", "makes a level set the true distance again and leaves its surface where it is", "volume", runRebuild, {levelSetParameter()}),
+        nodeOf("rebuild_level_set",
+               "makes a level set the true distance again and leaves its surface where it is; hanging voxels are interpolated, which is near only in a graded tree",
+               "volume", runRebuild, {levelSetParameter()}),
         nodeOf("coarsen_voxel_property", "removes tiles whose values of a property the next coarser voxels can give", "volume", runCoarsen,
                {{.name = "property", .help = "the property", .defaultText = sVoxelSignedDistance.str()},
                 {.name = "error", .type = ParameterType::kFloat, .help = "how far a value may be off", .unit = "the property's unit", .positional = true,

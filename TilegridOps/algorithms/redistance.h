@@ -14,7 +14,8 @@ enum class RedistancingScheme : int { kClosestPoint = 0 };
 ///
 /// The crossing is taken at the edges of leaf voxels, with the shape of the surface there; a wave brings to each voxel a nearby
 /// point of the surface, and the voxel takes the distance to the surface around that point. So errors do not grow with the
-/// distance, and jumps of depth need no care. Without any crossing nothing is changed (but see `blockField`).
+/// distance, and jumps of depth need no care. Without any crossing nothing is changed (but see `blockField`). Hanging voxels are no
+/// distances but follow from the depth above; in a tree that is not graded they may lie many voxels off.
 ///
 /// \param levelSet     rewritten in place. NaN and infinite voxels cross nothing, count as positive or by the sign of the infinity,
 ///                     and are rewritten

@@ -157,8 +157,9 @@ TYPED_TEST(LevelSetEdit, an_edge_of_a_box_becomes_a_fillet)
     };
     const Errors edges = finestErrors<TypeParam>(*volume, rounded, 1, [&](Point const& p) { return outOf(p) == 2; });
     EXPECT_GT(edges.count, 1000);
-    // Normals beside an edge are differences across it, so the edge is known as a rounding of about one voxel. What that
-    // leaves of the fillet was measured as 0.15 in the mean.
+    // An edge is known by points on the faces up to a voxel from it, and normals there are differences across it: a rounding. By
+    // where the faces lie between voxels the fillet was measured off by 0.15 to 0.2 in the mean, too small by that unless they lie
+    // on voxels; from the points alone, without the shape there, 0.22.
     EXPECT_LE(edges.mean, 0.2);
 }
 

@@ -1,5 +1,5 @@
 #include "TilegridOps/substrate/dependent_values.h"
-#include "redistance_world.h"
+#include "level_set_volume.h"
 #include "support/clusters.h"
 
 /// Redistancing where the surface passes from fine to coarser tiles.
@@ -76,6 +76,25 @@ TYPED_TEST(RedistancingAcrossJumps, of_several_levels_stays_near_and_keeps_signs
     EXPECT_TRUE(finite);
     EXPECT_TRUE(kept);
     EXPECT_LE(errorsOf<TypeParam>(world, exact, 3 * coarse).largest, 0.2 * coarse);
+}
+
+// Beside the ends of the tiles of a band the next coarser tile may be many times as large.
+TYPED_TEST(RedistancingAcrossJumps, of_a_band_alone_leaves_only_hanging_voxels_off)
+{
+    const Field exact = sphere(TestFixture::centre, TestFixture::radius);
+    Redistanced<TypeParam> world(bandSet<TypeParam>(exact, 3, TestFixture::radius + 16), TestFixture::fine);
+    world.fill(exact);
+    for (int call = 0; call < 2; ++call) world.redistance();
+    Errors free, hanging;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+        if (t.depth == TypeParam::maxDepth) (world.isFree(t, v) ? free : hanging).add(world.length(world.at(t, v)) - exact(p));
+    });
+    EXPECT_GT(hanging.count, 1000);
+    EXPECT_LE(free.largest, 0.01);
+    EXPECT_GT(hanging.largest, 0.1) << "interpolated from voxels that are coarser by several levels";
+    const std::string bytes = world.bytes();
+    setNonDOFValues<TypeParam, float>(0, TypeParam::maxDepth, world.tree, *world.values, *world.dofs, kNonDofCopy);
+    EXPECT_TRUE(bytes == world.bytes()) << "but what their flags ask for";
 }
 
 }  // namespace

@@ -386,12 +386,16 @@ using namespace Geometry::Volume;
 
 TYPED_TEST(SplatTest, node_with_a_bad_points_input_gives_an_empty_object)
 {
-    const HostPtr volume = hostVolume(emptyTarget<TypeParam>());
-    HostPtr output;
-    Messages messages;
-    splat_points_into_volume(volume, *Ostara::createObject(), false, "q", SplatKernelType::kLinear, 1, 0, 0, 1, 1, output, messages.services());
-    EXPECT_TRUE(isEmptyObject(output));
-    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'points' is not a point cloud."}}));
+    for (bool owned : {false, true}) {
+        HostPtr volume = hostVolume(emptyTarget<TypeParam>());
+        HostPtr const kept = owned ? HostPtr() : volume;
+        Messages messages;
+        // The volume is taken already, and does not come back.
+        splat_points_into_volume(std::move(volume), *Ostara::createObject(), false, "q", SplatKernelType::kLinear, 1, 0, 0, 1, 1, volume, messages.services());
+        EXPECT_TRUE(isEmptyObject(volume));
+        EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'points' is not a point cloud."}}));
+        EXPECT_TRUE(!kept || (kept->native() && !kept->native()->hasComponentFromName("q")));
+    }
 }
 
 TYPED_TEST(SplatTest, node_with_a_bad_volume_gives_an_empty_object)

@@ -1,4 +1,6 @@
 #include "TilegridOps/nodes/level_set.h"
+#include "TilegridOps/nodes/query.h"
+#include "TilegridOps/substrate/dofs.h"
 
 #include "support/jobs.h"
 #include "support/output.h"
@@ -16,7 +18,7 @@ using namespace Geometry::Volume;
 template <class Tr> using Floats = Channel<Tr, float, Tr::width, 0>;
 
 /// The distance to a ball of radius 9 finest voxels around (0.3, 0.2, 0.1), times `factor`.
-template <class Tr> HostPtr ball(float factor, float voxelSize = 0.5f)
+template <class Tr> Corvid::MutablePtr<Native> nativeBall(float factor, float voxelSize = 0.5f)
 {
     auto native = nativeVolume<Tr>([](Tree<Tr>& tree) { tree.tileAccessor().addTiles({-14, -14, -14}, {14, 14, 14}, Tr::maxDepth); }, voxelSize);
     addChannel<Floats<Tr>>(*native, sVoxelSignedDistance, 3.0f, [factor, voxelSize](TileKey const& key, int e) {
@@ -25,8 +27,9 @@ template <class Tr> HostPtr ball(float factor, float voxelSize = 0.5f)
         const double distance = std::hypot(double(key.low[0]) + w * ijk.x - 0.3, double(key.low[1]) + w * ijk.y - 0.2, double(key.low[2]) + w * ijk.z - 0.1) - 9;
         return float(distance * double(voxelSize)) * factor;
     });
-    return hostVolume(std::move(native));
+    return native;
 }
+template <class Tr> HostPtr ball(float factor) { return hostVolume(nativeBall<Tr>(factor)); }
 
 /// The value at a finest voxel.
 template <class Tr> float at(HostPtr const& volume, int i, int j, int k, Corvid::String const& name = sVoxelSignedDistance)
@@ -62,6 +65,18 @@ TYPED_TEST(LevelSetNodes, rebuild_without_the_property_says_so_and_changes_nothi
     EXPECT_EQ(out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance).get(), before.get());
 }
 
+TYPED_TEST(LevelSetNodes, rebuild_of_a_property_that_holds_no_floats_says_so_too)
+{
+    HostPtr out;
+    auto native = nativeBall<TypeParam>(3);
+    addChannel<Channel<TypeParam, double, TypeParam::width, 0>>(*native, "doubles", 0.0, [](TileKey const&, int) { return -1.0; });
+    Messages messages;
+    rebuild_level_set(hostVolume(std::move(native)), "doubles", out, messages.services());
+    EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Unable to rebuild level set."}}));
+    EXPECT_FALSE(out->native()->hasComponentFromName(sVoxelDegreeOfFreedom));
+    EXPECT_EQ(at<TypeParam>(out, 12, 0, 0), at<TypeParam>(ball<TypeParam>(3), 12, 0, 0));
+}
+
 TYPED_TEST(LevelSetNodes, coarsen_removes_what_coarser_voxels_can_give_and_keeps_distances)
 {
     const HostPtr before = ball<TypeParam>(1);
@@ -91,6 +106,9 @@ TYPED_TEST(LevelSetNodes, coarsen_of_another_property_ends_after_the_coarsening)
     EXPECT_EQ(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth), 0);
     const auto values = out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance)->tileData(0, 0);
     for (int n = 0; n < TypeParam::voxelCount; ++n) EXPECT_EQ(std::abs(values(n)), 7.0f) << "distances are not made anew";
+    const Messages ofDistances;
+    coarsen_voxel_property(ball<TypeParam>(1), sVoxelSignedDistance, 0, 0, false, 0, out, ofDistances.services());
+    EXPECT_GT(stages(ofDistances, "Volume::coarsen_voxel_property.redistance"), 0);
 }
 
 TYPED_TEST(LevelSetNodes, coarsen_gives_an_empty_object_for_what_is_no_volume_and_for_a_cancelled_job)
@@ -106,6 +124,45 @@ TYPED_TEST(LevelSetNodes, coarsen_gives_an_empty_object_for_what_is_no_volume_an
     parallel::runJob(&job, 2, [&] { coarsen_voxel_property(ball<TypeParam>(1), sVoxelSignedDistance, 1, 0, false, 0, out, Messages().services()); });
     ASSERT_TRUE(out);
     EXPECT_FALSE(out->native());
+}
+
+/// A ball with flags, all 7, that belong to the volume: no node makes such.
+template <class Tr> HostPtr flaggedBall()
+{
+    auto native = nativeBall<Tr>(1);
+    addChannel<DofChannel<Tr>>(*native, sVoxelDegreeOfFreedom, short(0), [](TileKey const&, int) { return short(7); });
+    return hostVolume(std::move(native));
+}
+
+TYPED_TEST(LevelSetNodes, flags_that_a_node_makes_never_survive_it)
+{
+    const std::pair<char const*, std::function<void(HostPtr&, Corvid::RuntimeServices const&)>> nodes[] = {
+        {"rebuild_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { rebuild_level_set(std::move(v), sVoxelSignedDistance, v, s); }},
+        {"coarsen_voxel_property",
+         [](HostPtr& v, Corvid::RuntimeServices const& s) { coarsen_voxel_property(std::move(v), sVoxelSignedDistance, 0.05f, 0, true, 2, v, s); }},
+        {"resize_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { resize_level_set(std::move(v), 2, v, s); }}};
+    for (auto const& [name, run] : nodes) {
+        SCOPED_TRACE(name);
+        HostPtr plain = ball<TypeParam>(1.2f), flagged = flaggedBall<TypeParam>();
+        run(plain, Messages().services());
+        run(flagged, Messages().services());
+        ASSERT_TRUE(plain && plain->native() && flagged && flagged->native());
+        EXPECT_FALSE(plain->native()->hasComponentFromName(sVoxelDegreeOfFreedom));
+        EXPECT_TRUE(flagged->native()->hasComponentFromName(sVoxelDegreeOfFreedom)) << "what the volume had stays";
+    }
+}
+
+TYPED_TEST(LevelSetNodes, rebuild_reads_the_flags_that_the_volume_has)
+{
+    // Flags that call every voxel hanging: everything is interpolated from the depth above, and the root takes the default.
+    auto native = nativeBall<TypeParam>(1);
+    addChannel<DofChannel<TypeParam>>(*native, sVoxelDegreeOfFreedom, short(0), [](TileKey const&, int) { return short(kDofHanging); });
+    HostPtr out;
+    rebuild_level_set(hostVolume(std::move(native)), sVoxelSignedDistance, out, Messages().services());
+    const auto root = out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance)->tileData(0, 0);
+    EXPECT_NE(root(0), 3.0f) << "depth 0 has nothing above and stays";
+    const auto flags = out->native()->template component<DofChannel<TypeParam>>(sVoxelDegreeOfFreedom);
+    for (short flag : flags->tileData(0, TypeParam::maxDepth)) EXPECT_EQ(flag, short(kDofHanging)) << "not made again";
 }
 
 TYPED_TEST(LevelSetNodes, resize_with_a_negative_bandwidth_warns_once_and_runs_with_none)
@@ -130,20 +187,58 @@ TYPED_TEST(LevelSetNodes, resize_wants_a_level_set)
     ASSERT_TRUE(out && out->native());
 }
 
-TYPED_TEST(LevelSetNodes, set_voxel_size_scales_and_keeps_values)
+const Messages::List kSizeSaid{{Severity::kInfo, "set_voxel_size.begin"}, {Severity::kInfo, "set_voxel_size.end"}};
+
+/// Every voxel of every depth.
+template <class Tr> std::string bytesOf(HostPtr const& volume)
 {
-    const Messages::List said{{Severity::kInfo, "set_voxel_size.begin"}, {Severity::kInfo, "set_voxel_size.end"}};
-    for (float size : {2.0f, 0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()}) {
+    std::string bytes;
+    const auto tree = treeOf<Tr>(*volume->native());
+    const auto channel = volume->native()->template component<Floats<Tr>>(sVoxelSignedDistance);
+    for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
+        const auto values = channel->tileData(tree->tile(n).treeIndex());
+        bytes.append(reinterpret_cast<char const*>(values.data()), sizeof(float) * Tr::voxelCount);
+    }
+    return bytes;
+}
+
+TYPED_TEST(LevelSetNodes, set_voxel_size_of_0_or_less_gives_the_input_and_says_begin_and_end)
+{
+    for (float size : {0.0f, -0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()}) {
         Messages messages;
         HostPtr out;
         set_voxel_size(ball<TypeParam>(1), size, false, out, messages.services());
-        EXPECT_EQ(messages.list(), said);
-        EXPECT_EQ(treeOf<TypeParam>(*out->native())->voxelSize(), size > 0 ? size : 0.5f);
-        EXPECT_EQ(at<TypeParam>(out, 12, 0, 0), at<TypeParam>(ball<TypeParam>(1), 12, 0, 0));
+        EXPECT_EQ(messages.list(), kSizeSaid);
+        EXPECT_EQ(treeOf<TypeParam>(*out->native())->voxelSize(), 0.5f);
+        EXPECT_TRUE(bytesOf<TypeParam>(out) == bytesOf<TypeParam>(ball<TypeParam>(1)));
     }
+}
+
+TYPED_TEST(LevelSetNodes, set_voxel_size_scales_keeps_values_and_never_reads_the_flag)
+{
+    for (bool flag : {false, true}) {
+        Messages messages;
+        HostPtr out;
+        const HostPtr in = ball<TypeParam>(1);
+        set_voxel_size(in, 2, flag, out, messages.services());
+        EXPECT_EQ(messages.list(), kSizeSaid);
+        EXPECT_EQ(treeOf<TypeParam>(*out->native())->voxelSize(), 2);
+        EXPECT_EQ(treeOf<TypeParam>(*in->native())->voxelSize(), 0.5f) << "a shared input stays";
+        EXPECT_TRUE(bytesOf<TypeParam>(out) == bytesOf<TypeParam>(in));
+        // The topology follows: it is of the tree with the new size.
+        EXPECT_TRUE(out->native()->template hasComponentFromName<VoxelTopology<TypeParam>>(sVoxelComp));
+        float told = 0;
+        get_voxel_size(*out, told, Messages().services());
+        EXPECT_EQ(told, 2);
+    }
+}
+
+TYPED_TEST(LevelSetNodes, set_voxel_size_wants_a_volume_and_stops_when_cancelled)
+{
     Messages messages;
     HostPtr out;
-    set_voxel_size(Ostara::createObject(), 1, true, out, messages.services());
+    const HostPtr wrong = Ostara::createObject();
+    set_voxel_size(wrong, 1, true, out, messages.services());
     EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'volume' is not a volume."}}));
     Job job;
     job.cancel();

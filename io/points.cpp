@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <ostream>
+#include <set>
 
 namespace tilegrid::io {
 
@@ -67,6 +68,11 @@ Corvid::Ptr<Ostara::Object> pointsOf(PointTable const& table)
         const auto found = std::find(table.names.begin(), table.names.end(), name);
         return found == table.names.end() ? nullptr : &table.columns[std::size_t(found - table.names.begin())];
     };
+    std::set<std::string> made;
+    const auto put = [&](std::string const& name, auto&& values) {
+        if (!made.insert(name).second) throw InputError("columns give the attribute '" + name + "' twice");
+        points->set(Corvid::String(name), std::move(values));
+    };
     std::vector<std::string> used;
     for (std::string const& first : table.names) {
         const std::string name = vectorName(first);
@@ -76,14 +82,14 @@ Corvid::Ptr<Ostara::Object> pointsOf(PointTable const& table)
         if (!x || !y || !z) continue;
         Corvid::Array<float3> values(x->size());
         for (std::size_t n = 0; n < x->size(); ++n) values[n] = {(*x)[n], (*y)[n], (*z)[n]};
-        points->set(Corvid::String(name), std::move(values));
+        put(name, std::move(values));
         used.insert(used.end(), names.begin(), names.end());
     }
     if (!points->get<Corvid::Array<float3>>(sPointPosition)) throw InputError("it has no columns x, y and z");
     for (std::size_t n = 0; n < table.names.size(); ++n) {
         std::string const& name = table.names[n];
         if (std::find(used.begin(), used.end(), name) != used.end()) continue;
-        points->set(Corvid::String(name == "radius" ? kRadius : name), Corvid::Array<float>(table.columns[n].begin(), table.columns[n].end()));
+        put(name == "radius" ? kRadius : name, Corvid::Array<float>(table.columns[n].begin(), table.columns[n].end()));
     }
     return points;
 }

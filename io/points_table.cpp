@@ -128,7 +128,8 @@ std::string plyOf(PointTable const& table)
 {
     std::string text = "ply\nformat binary_little_endian 1.0\nelement vertex " + std::to_string(table.rows()) + "\n";
     for (std::string const& name : table.names) {
-        if (name.empty() || name.find_first_of(" \t\n\r") != std::string::npos)
+        // A word of the header: what parts words there cannot stand within.
+        if (name.empty() || std::any_of(name.begin(), name.end(), [](char c) { return isBlank(c) || c == '\n'; }))
             throw InputError("an attribute has the name " + quoted(name) + ", which cannot stand in a .ply file");
         text += "property float " + name + "\n";
     }

@@ -1,5 +1,6 @@
 #include "io/error.h"
 #include "io/mesh.h"
+#include "io/points.h"
 #include "io/vdb.h"
 #include "support/files.h"
 
@@ -49,6 +50,30 @@ TEST(FuzzCorpus, of_meshes_is_read_or_refused)
         }
     });
     EXPECT_GE(accepted, 7) << "of " << files;
+}
+
+TEST(FuzzCorpus, of_points_is_read_or_refused)
+{
+    const TestFolder folder;
+    std::set<std::string> accepted;
+    const int files = forCorpus("fuzz_points", [&](std::string const& name, std::string const& bytes) {
+        SCOPED_TRACE(name);
+        ASSERT_FALSE(bytes.empty());
+        const std::string path = folder.file(static_cast<unsigned char>(bytes[0]) % 2 ? "points.ply" : "points.csv");
+        std::ofstream(path, std::ios::binary) << bytes.substr(1);
+        EXPECT_TRUE(io::holdsPoints(path));
+        try {
+            // Throws without positions, and if a column is longer than others.
+            io::tableOf(*io::readPoints(path, 1 << 28), silent());
+            accepted.insert(name);
+        } catch (io::InputError const& error) {
+            EXPECT_NE(std::string(error.what()), "");
+        }
+    });
+    for (char const* name : {"three_columns.csv", "four_columns.csv", "names.csv", "only_names.csv", "ascii.ply", "little.ply", "big.ply"})
+        EXPECT_TRUE(accepted.contains(name)) << name << " of " << files;
+    // Two columns for one attribute.
+    for (char const* name : {"position_twice.csv", "x_twice.ply"}) EXPECT_FALSE(accepted.contains(name)) << name;
 }
 
 TEST(FuzzCorpus, of_volumes_is_read_or_refused)

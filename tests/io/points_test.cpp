@@ -160,6 +160,8 @@ TEST(Points, that_cannot_be_read_are_refused_with_the_place)
     EXPECT_TRUE(contains(problem("g.csv", "1,2,3,4,5\n"), "begin with a row of names"));
     EXPECT_TRUE(contains(problem("h.csv", ""), "the file is empty"));
     EXPECT_TRUE(contains(problem("i.csv", "x,y,,z\n"), "column 3 has no name"));
+    EXPECT_TRUE(contains(problem("j.csv", "x,y,z,point_position\n1,2,3,4\n"), "columns give the attribute 'point_position' twice"));
+    EXPECT_TRUE(contains(problem("k.csv", "x,y,z,radius,point_radius\n1,2,3,4,5\n"), "'point_radius' twice"));
     const std::string head = "ply\nformat binary_little_endian 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
     EXPECT_TRUE(contains(problem("a.ply", head + std::string(20, '\0')), "and only 20 bytes follow") ||
                 contains(problem("a.ply", head + std::string(20, '\0')), "it ends in element 'vertex' 2"));
@@ -193,6 +195,10 @@ TEST(Points, that_cannot_be_written_leave_the_old_file)
     EXPECT_TRUE(contains(problem("b.vdb", [](Ostara::Object& cloud) { cloud.set(sPointPosition, Places(std::size_t(4), float3(NAN, 0, 0))); }), "not finite"));
     EXPECT_TRUE(contains(problem("c.csv", [](Ostara::Object& cloud) { cloud.set(Corvid::String("a,b"), Floats(std::size_t(4))); }), "cannot stand in a .csv"));
     EXPECT_TRUE(contains(problem("c.ply", [](Ostara::Object& cloud) { cloud.set(Corvid::String("a b"), Floats(std::size_t(4))); }), "cannot stand in a .ply"));
+    for (char blank : {'\t', '\v', '\f', '\r', '\n'}) {
+        const auto rename = [blank](Ostara::Object& cloud) { cloud.set(Corvid::String(std::string("a") + blank + "b"), Floats(std::size_t(4))); };
+        EXPECT_TRUE(contains(problem("e.ply", rename), "cannot stand in a .ply")) << int(blank);
+    }
     EXPECT_TRUE(contains(problem("d.obj", [](Ostara::Object&) {}), ".csv, .ply or .vdb"));
 }
 

@@ -54,6 +54,7 @@ TYPED_TEST(Redistancing, reads_nothing_beyond_two_and_a_half_voxels)
     world.redistance();
     EXPECT_LE(errorsOf<TypeParam>(world, exact, 5).largest, 0.005);
     EXPECT_LE(errorsOf<TypeParam>(world, exact, 1).largest, 0.001);
+    EXPECT_LE(slopeErrors<TypeParam>(world, exact, 5).largest, 0.005);
     auto narrow = this->cube([&](Point const& p) { return std::clamp(exact(p), -1.2, 1.2); });
     narrow.redistance();
     EXPECT_LE(errorsOf<TypeParam>(narrow, exact, 1).largest, 0.03);

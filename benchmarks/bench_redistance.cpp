@@ -1,3 +1,4 @@
+#include "benchmarks/support/band_measure.h"
 #include "benchmarks/support/bench.h"
 #include "benchmarks/support/level_set_peer.h"
 #include "benchmarks/support/loads.h"
@@ -14,7 +15,6 @@
 #include <cstring>
 #include <iomanip>
 #include <iostream>
-#include <map>
 
 /// Redistancing and moving level sets beside the peer's ways, per voxel of the band (half width 3), and what either makes of the
 /// distances. `--accuracy` prints the table of errors instead of times.
@@ -31,26 +31,26 @@ using Way = LevelSetPeer::Way;
 /// A distance in finest voxels of a place in finest voxels.
 using Field = std::function<double(double, double, double)>;
 
+/// Where a voxel of the finest depth is kept.
+struct Slot {
+    long long tile;
+    int voxel;
+};
+
 /// One level set for both sides: ours with all its depths, and its band.
 template <class Tr> struct Subject {
     Corvid::MutablePtr<OST::Object> volume;
     Corvid::MutablePtr<DofChannel<Tr>> dofs;
     std::vector<int3> band;
     std::vector<float> values;
+    std::vector<Slot> slots;
+    std::vector<bool> hanging;
 
     std::shared_ptr<LevelSetPeer> peer() const { return std::make_shared<LevelSetPeer>(band, values); }
 };
 
 template <class Tr> Corvid::Ptr<Container<Tr>> treeIn(OST::Object const& volume) { return volume.component<Container<Tr>>(sVoxelTileTree); }
 template <class Tr> Corvid::Ptr<FloatChannel<Tr>> distanceIn(OST::Object const& volume) { return volume.component<FloatChannel<Tr>>(sVoxelSignedDistance); }
-
-template <class Tr, class Visit> void forFinest(OST::Object const& volume, Visit visit)
-{
-    const auto tree = treeIn<Tr>(volume);
-    const auto values = distanceIn<Tr>(volume);
-    for (long long n = 0; n < tree->tileCount(Tr::maxDepth); ++n)
-        for (int v = 0; v < Tr::voxelCount; ++v) visit(tree->tile(n, Tr::maxDepth).tijk() + cubeIndex(Tr::width, v), values->tileData(n, Tr::maxDepth)(v));
-}
 
 /// Flags, and the band as far as the tiles hold it; voxel size 1.
 template <class Tr> void complete(Subject<Tr>& subject)
@@ -59,11 +59,16 @@ template <class Tr> void complete(Subject<Tr>& subject)
     subject.dofs = Corvid::makeMutable<DofChannel<Tr>>("dofs", nullptr, kInitializeNone, false, true, 0, Tr::maxDepth);
     subject.dofs->updateTilesAdded(*tree);
     computeDofs<Tr>(*tree, *subject.dofs);
-    forFinest<Tr>(*subject.volume, [&](int3 const& place, float value) {
-        if (std::fabs(value) >= kBand) return;
-        subject.band.push_back(place);
-        subject.values.push_back(value);
-    });
+    const auto values = distanceIn<Tr>(*subject.volume);
+    for (long long n = 0; n < tree->tileCount(Tr::maxDepth); ++n)
+        for (int v = 0; v < Tr::voxelCount; ++v) {
+            const float value = values->tileData(n, Tr::maxDepth)(v);
+            if (std::fabs(value) >= kBand) continue;
+            subject.band.push_back(tree->tile(n, Tr::maxDepth).tijk() + cubeIndex(Tr::width, v));
+            subject.values.push_back(value);
+            subject.slots.push_back({n, v});
+            subject.hanging.push_back(subject.dofs->tileData(n, Tr::maxDepth)(v) & kDofHanging);
+        }
 }
 
 /// The finest tiles with a voxel of the band, and exact values at every depth.
@@ -174,99 +179,92 @@ template <class Tr> void addTimes(std::string const& load, Subject<Tr> made)
     }
 }
 
-/// What is wrong with a field over the band: |d| < 3 and, near the surface, |d| < 1.
+/// The values of a channel at the voxels of the band.
+template <class Tr> std::vector<float> bandOf(FloatChannel<Tr> const& values, Subject<Tr> const& subject)
+{
+    std::vector<float> all;
+    for (Slot const& slot : subject.slots) all.push_back(values.tileData(slot.tile, Tr::maxDepth)(slot.voxel));
+    return all;
+}
+
 struct Row {
-    double mean = 0, largest = 0, nearMean = 0, nearLargest = 0, volume = 0;
-    std::int64_t count = 0, near = 0, off = 0, missing = 0;
-    void add(double value, double exact)
+    BandErrors once, often;
+    void print(std::string const& what) const
     {
-        volume += std::clamp(0.5 - value, 0.0, 1.0) - std::clamp(0.5 - exact, 0.0, 1.0);
-        const double error = std::fabs(value - exact);
-        mean += error, ++count;
-        largest = std::max(largest, error);
-        off += error > 0.1;
-        if (std::fabs(exact) >= 1) return;
-        nearMean += error, ++near;
-        nearLargest = std::max(nearLargest, error);
-    }
-    void print(std::string const& what, double inside) const
-    {
-        std::cout << "| " << what << " | " << mean / double(count) << " | " << largest << " | " << nearMean / double(near) << " | " << nearLargest
-                  << " | " << 100.0 * double(off) / double(count) << " % | " << volume / inside << " | " << missing << " |" << std::endl;
+        std::cout << "| " << what << " | " << once.mean << " | " << once.largest << " | " << once.nearMean << " | " << once.nearLargest << " | "
+                  << 100 * once.off << " % | " << once.driftMean << ", " << once.driftLargest << " | " << often.driftMean << ", "
+                  << often.driftLargest << " | " << once.volume << ", " << often.volume << " | " << often.largest << " | " << once.missing
+                  << ", " << often.missing << " | " << once.lost << ", " << often.lost << " | " << 100 * once.hanging << " %, " << once.hangingLargest
+                  << " |" << std::endl;
     }
 };
+constexpr int kOften = 20;
+constexpr float kFactor = 1.7f;
 
-template <class Tr> Row rowOf(FloatChannel<Tr> const& values, Subject<Tr> const& subject, Field const& exact)
-{
-    Row row;
-    const auto tree = treeIn<Tr>(*subject.volume);
-    for (long long n = 0; n < tree->tileCount(Tr::maxDepth); ++n)
-        for (int v = 0; v < Tr::voxelCount; ++v) {
-            const int3 p = tree->tile(n, Tr::maxDepth).tijk() + cubeIndex(Tr::width, v);
-            const double d = exact(p.x, p.y, p.z);
-            if (std::fabs(d) >= kBand || subject.dofs->tileData(n, Tr::maxDepth)(v) & kDofHanging) continue;
-            row.add(values.tileData(n, Tr::maxDepth)(v), d);
-        }
-    return row;
-}
-Row rowOf(LevelSetPeer const& peer, std::vector<int3> const& band, Field const& exact)
-{
-    Row row;
-    const auto values = peer.values(band);
-    for (std::size_t n = 0; n < band.size(); ++n) {
-        if (std::isnan(values[n]))
-            ++row.missing;
-        else
-            row.add(values[n], exact(band[n].x, band[n].y, band[n].z));
-    }
-    return row;
-}
-
-/// After one call and after twenty, on the field times 1.7.
-template <class Tr> void accuracy(std::string const& name, Field const& exact, Subject<Tr> subject, double inside)
+template <class Tr> Row ours(Subject<Tr> const& subject, BandMeasure const& measure)
 {
     auto values = Corvid::makeMutable<FloatChannel<Tr>>(*distanceIn<Tr>(*subject.volume));
     for (int depth = 0; depth <= Tr::maxDepth; ++depth)
         for (long long n = 0; n < treeIn<Tr>(*subject.volume)->tileCount(depth); ++n)
-            for (float& value : values->tileData(n, depth)) value *= 1.7f;
-    for (int call = 1; call <= 20; ++call) {
+            for (float& value : values->tileData(n, depth)) value *= kFactor;
+    Row row;
+    for (int call = 1; call <= kOften; ++call) {
         redistance(subject, *values);
-        if (call == 1 || call == 20)
-            rowOf<Tr>(*values, subject, exact).print(name + ", ours, W " + std::to_string(Tr::width) + ", calls " + std::to_string(call), inside);
+        if (call == 1) row.once = measure.of(bandOf<Tr>(*values, subject), subject.hanging);
     }
+    row.often = measure.of(bandOf<Tr>(*values, subject), subject.hanging);
+    return row;
+}
+
+Row peers(Way way, std::vector<int3> const& band, std::vector<float> values, BandMeasure const& measure)
+{
+    for (float& value : values) value *= kFactor;
+    LevelSetPeer peer(band, values);
+    Row row;
+    for (int call = 1; call <= kOften; ++call) {
+        peer.run(way);
+        peer.keep();
+        if (call == 1) row.once = measure.of(peer.values(band));
+    }
+    row.often = measure.of(peer.values(band));
+    return row;
+}
+
+/// After one call and after twenty, on the field times 1.7. The exact distances are those that the subject came with.
+template <class Tr> void accuracy(std::string const& name, Subject<Tr> const& subject)
+{
+    const BandMeasure measure(subject.band, subject.values);
+    ours<Tr>(subject, measure).print(name + ", ours, W " + std::to_string(Tr::width));
     if (Tr::branching != 2) return;
-    for (float& value : subject.values) value *= 1.7f;
-    for (auto [way, text] : {std::pair(Way::kRebuild, "levelSetRebuild"), {Way::kFastSweeping, "FastSweeping"}, {Way::kNormalize, "3 x WENO5"}}) {
-        const auto peer = subject.peer();
-        for (int call = 1; call <= 20; ++call) {
-            peer->run(way);
-            peer->keep();
-            if (call == 1 || call == 20) rowOf(*peer, subject.band, exact).print(name + ", " + text + ", calls " + std::to_string(call), inside);
-        }
-    }
+    const std::pair<Way, std::string> ways[] = {{Way::kRebuild, "levelSetRebuild"},
+                                                {Way::kFastSweeping, "FastSweeping"},
+                                                {Way::kNormalize, "3 x WENO5"},
+                                                {Way::kConverge, std::to_string(LevelSetPeer::kConverged) + " x WENO5"}};
+    for (auto const& [way, text] : ways)
+        peers(way, subject.band, subject.values, measure).print(name + ", " + text);
+}
+
+template <class Make> void accuracyOfBoth(std::string const& name, Make const& make)
+{
+    accuracy<BinaryTraits>(name, make(BinaryTraits()));
+    accuracy<QuinaryTraits>(name, make(QuinaryTraits()));
 }
 
 void printAccuracy()
 {
-    std::cout << std::setprecision(3) << "| field * 1.7, then | mean, band | largest | mean, near | largest | off by > 0.1 | volume | not in band |\n"
-              << "|---|---|---|---|---|---|---|---|\n";
+    std::cout << std::setprecision(2)
+              << "| field * 1.7, then | mean, band | largest | mean, near | largest | off by > 0.1 | drift: mean, largest | after 20 calls "
+                 "| volume after 1, 20 | largest after 20 | not in band after 1, 20 | surface lost | hanging: share, largest |\n"
+                 "|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
     for (int n : {64, 128, 256}) {
         const double radius = 0.4 * n;
         const Field sphere = [radius](double x, double y, double z) { return std::sqrt((x - 0.31) * (x - 0.31) + (y + 0.17) * (y + 0.17) + (z - 0.23) * (z - 0.23)) - radius; };
-        const double inside = 4.0 / 3 * 3.14159265358979 * radius * radius * radius;
-        accuracy<BinaryTraits>("sphere " + std::to_string(n), sphere, fromField<BinaryTraits>(sphere), inside);
-        accuracy<QuinaryTraits>("sphere " + std::to_string(n), sphere, fromField<QuinaryTraits>(sphere), inside);
+        accuracyOfBoth("sphere " + std::to_string(n), [&sphere](auto traits) { return fromField<decltype(traits)>(sphere); });
     }
     const Field torus = [](double x, double y, double z) { return std::hypot(std::hypot(x - 0.31, y + 0.17) - 40, z - 0.23) - 15; };
-    const double insideTorus = 2 * 3.14159265358979 * 3.14159265358979 * 40 * 15 * 15;
-    accuracy<BinaryTraits>("torus 40/15", torus, fromField<BinaryTraits>(torus), insideTorus);
-    auto subject = bunny<BinaryTraits>(256);
-    std::map<std::array<int, 3>, float> exact;
-    double inside = 0;
-    forFinest<BinaryTraits>(*subject.volume, [&](int3 const& p, float value) { exact[{p.x, p.y, p.z}] = value; });
-    for (float value : subject.values) inside += std::clamp(0.5 - double(value), 0.0, 1.0);
-    const Field field = [&exact](double x, double y, double z) { return double(exact.at({int(x), int(y), int(z)})); };
-    accuracy<BinaryTraits>("bunny 256 (volume: of the band)", field, std::move(subject), inside);
+    accuracyOfBoth("torus 40/15", [&torus](auto traits) { return fromField<decltype(traits)>(torus); });
+    // What is made from triangles has exact distances to them.
+    accuracyOfBoth("bunny 256", [](auto traits) { return bunny<decltype(traits)>(256); });
 }
 
 }  // namespace

@@ -41,9 +41,9 @@ std::uint64_t LevelSetPeer::run(Way way, float distance)
         result = openvdb::tools::sdfToSdf(*content_->input, 0.0f, 1);
     } else {
         result = content_->input->deepCopy();
-        if (way == Way::kNormalize) {
+        if (way == Way::kNormalize || way == Way::kConverge) {
             openvdb::tools::LevelSetTracker<Grid> tracker(*result);
-            tracker.setNormCount(3);
+            tracker.setNormCount(way == Way::kNormalize ? 3 : kConverged);
             tracker.setSpatialScheme(openvdb::math::HJWENO5_BIAS);
             tracker.setTemporalScheme(openvdb::math::TVD_RK1);
             tracker.normalize();

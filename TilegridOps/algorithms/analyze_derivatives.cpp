@@ -35,11 +35,25 @@ template <class Tr, class Write> [[gnu::always_inline]] inline void gradientRows
         }
 }
 
+/// Writes the vectors that have those components.
+template <int W> [[gnu::always_inline]] inline void storeVectors(float3* to, RowVector<W> const& x, RowVector<W> const& y, RowVector<W> const& z)
+{
+    if constexpr (W == 4) {
+        const RowVector<4> xy = __builtin_shufflevector(x, y, 0, 4, 1, 5), xyHigh = __builtin_shufflevector(x, y, 2, 6, 3, 7);
+        const RowVector<4> rows[3] = {__builtin_shufflevector(xy, __builtin_shufflevector(z, x, 0, 5, 0, 5), 0, 1, 4, 5),
+                                      __builtin_shufflevector(__builtin_shufflevector(y, z, 1, 5, 1, 5), xyHigh, 0, 1, 4, 5),
+                                      __builtin_shufflevector(__builtin_shufflevector(z, z, 2, 3, 2, 3), xyHigh, 0, 6, 7, 1)};
+        std::memcpy(static_cast<void*>(to), rows, sizeof rows);
+    } else {
+        for (int i = 0; i < W; ++i) to[i] = {x[i], y[i], z[i]};
+    }
+}
+
 template <class Tr> TILEGRID_CLONES void gradientTile(StencilBlock<Tr> const& block, float3* out, float halfInverse)
 {
     using V = RowVector<Tr::width>;
-    gradientRows<Tr>(block, halfInverse, [out](int first, V const& x, V const& y, V const& z) {
-        for (int i = 0; i < Tr::width; ++i) out[first + i] = {x[i], y[i], z[i]};
+    gradientRows<Tr>(block, halfInverse, [out](int first, V const& x, V const& y, V const& z) __attribute__((always_inline)) {
+        storeVectors<Tr::width>(out + first, x, y, z);
     });
 }
 

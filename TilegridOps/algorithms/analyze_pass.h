@@ -1,8 +1,8 @@
 #pragma once
 #include "TilegridOps/algorithms/analyze.h"
+#include "TilegridOps/algorithms/analyze_rows.h"
 #include "TilegridOps/algorithms/parent_values.h"
 #include "TilegridOps/host/property_names.h"
-#include "TilegridOps/stencils/block.h"
 #include "TilegridOps/substrate/halo.h"
 #include "TilegridOps/substrate/topology.h"
 
@@ -85,6 +85,20 @@ private:
     TileData<T, Tr::width, 1> halo_;
 };
 
+/// Whether the voxels of a child cell hold the values of the child.
+template <class Tr, class T> bool cellIsInStep(T const* values, int cell, T const* child)
+{
+    constexpr int r = Tr::cellVoxels, s = Tr::childStride, W = Tr::width;
+    const int3 at = r * cubeIndex(Tr::branching, cell);
+    bool differs = false;
+    for (int v = 0; v < r * r * r; ++v) {
+        const int3 in = cubeIndex(r, v);
+        T const& own = values[flatIndex(W, at.x + in.x, at.y + in.y, at.z + in.z)];
+        differs |= std::memcmp(&own, child + flatIndex(W, in.x * s, in.y * s, in.z * s), sizeof(T)) != 0;
+    }
+    return !differs;
+}
+
 /// Whether voxels with children hold the children's values, bit for bit.
 template <class Tr, class T> bool isInStep(Container<Tr> const& tree, Channel<Tr, T, Tr::width, 0> const& channel)
 {
@@ -96,11 +110,9 @@ template <class Tr, class T> bool isInStep(Container<Tr> const& tree, Channel<Tr
                 Tile const& tile = tree.tile(n, depth);
                 if (tile.isLeaf()) continue;
                 T const* values = channel.tileData(n, depth).data();
-                for (int v = 0; v < Tr::voxelCount; ++v) {
-                    const int3 at = cubeIndex(Tr::width, v);
-                    const int64 child = tile.childIndex(Tile::voxelChildIJK(at.x, at.y, at.z));
-                    if (child >= 0 && std::memcmp(values + v, &channel.tileData(child, depth + 1)(Tile::childDataIJK(at.x, at.y, at.z)), sizeof(T)) != 0)
-                        inStep = false;
+                for (int cell = 0; cell < Tr::childCount; ++cell) {
+                    const int64 child = tile.childIndex(cell);
+                    if (child >= 0 && !cellIsInStep<Tr>(values, cell, channel.tileData(child, depth + 1).data())) inStep = false;
                 }
             }
         });
@@ -158,14 +170,12 @@ private:
             : job_(job), source_(source), output_(output), hanging_(hanging), around_(job.tree_, source.minDepth()),
               parents_(job.tree_, output, job.offsetType_), halos_(job.tree_, source, job.offsetType_)
         {
-            if constexpr (kByRows)
-                rows_.emplace(job.tree_, source, Operator::needs == Needs::kAll ? stencils::Reach::kFacesEdgesCorners : stencils::Reach::kFaces,
-                              job.offsetType_);
+            if constexpr (kByRows) rows_.emplace(job.tree_, source, /*facesOnly*/ Operator::needs == Needs::kFaces);
         }
         void run(Tile const& tile, DepthScale const& scale)
         {
             Result* out = output_.tileData(tile.treeIndex()).data();
-            const AroundTile around = around_.of(tile);
+            const AroundTile around = look(tile);
             hanging_[std::size_t(tile.depth())][std::size_t(tile.index())] = around.coarser & kLowAround;
             if constexpr (Operator::needs == Needs::kVoxel) {
                 T const* in = source_.tileData(tile.treeIndex()).data();
@@ -175,14 +185,21 @@ private:
                 bool done = false;
                 if constexpr (kByRows) {
                     done = !(around.outside & reached);
-                    if (done) Operator::template rows<Tr>(rows_->read(tile), out, scale, firstSample(job_.tree_, tile, job_.offset_));
+                    if (done) Operator::template rows<Tr>(rows_->block(), out, scale, firstSample(job_.tree_, tile, job_.offset_));
                 }
-                if (!done) byVoxel(tile, around.outside, out, scale);
+                if (!done) byVoxel(tile, out, scale);
                 takeFromParent(tile, around.coarser & reached, around.coarser & kLowAround, out);
             }
         }
 
     private:
+        AroundTile look(Tile const& tile)
+        {
+            if constexpr (kByRows)
+                return rows_->read(tile);
+            else
+                return around_.of(tile);
+        }
         /// Voxels whose stencils met coarser tiles. Those that hang follow at the end, unless there may be children that read them
         /// before.
         void takeFromParent(Tile const& tile, std::uint32_t coarser, std::uint32_t hanging, Result* out)
@@ -194,10 +211,10 @@ private:
             if (later) which &= ~voxelsBeside<Tr>(hanging);
             parents_.write(tile, coarser, which, out);
         }
-        void byVoxel(Tile const& tile, std::uint32_t outside, Result* out, DepthScale const& scale)
+        void byVoxel(Tile const& tile, Result* out, DepthScale const& scale)
         {
             constexpr int N = W + 2;
-            T const* first = halos_.read(tile.treeIndex(), outside);
+            T const* first = halos_.read(tile.treeIndex(), around_.of(tile).outside);
             const double3 corner = firstSample(job_.tree_, tile, job_.offset_);
             for (int v = 0; v < Tr::voxelCount; ++v) {
                 const int3 at = cubeIndex(W, v);
@@ -212,7 +229,7 @@ private:
         AroundTiles<Tr> around_;
         ParentValues<Tr, Result> parents_;
         HaloReader<Tr, T> halos_;
-        std::optional<stencils::BlockReader<Tr>> rows_;
+        std::optional<RowReader<Tr>> rows_;
     };
 
     Container<Tr> const& tree_;

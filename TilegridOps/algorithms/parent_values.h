@@ -8,6 +8,7 @@
 #include <array>
 #include <bit>
 #include <bitset>
+#include <cstring>
 #include <vector>
 
 /// Values that follow from the depth above, of a property whose other voxels were just computed.
@@ -92,11 +93,15 @@ public:
     {
     }
     /// All voxels of a tile that has a parent, at a depth that the channel has.
-    void writeAll(typename Tree::Tile const& tile, T* values) const { write(tile, VoxelSet<Tr>().set(), Span{}, Span{}, Span{}, values); }
+    void writeAll(typename Tree::Tile const& tile, T* values) const
+    {
+        const auto all = VoxelSet<Tr>().set();
+        if (!writeInOneStep(tile, all, values)) write(tile, all, Span{}, Span{}, Span{}, values);
+    }
     /// The voxels of a set, which lie beside the directions.
     void write(typename Tree::Tile const& tile, std::uint32_t directions, VoxelSet<Tr> const& which, T* values) const
     {
-        write(tile, which, Span(directions, 9), Span(directions, 3), Span(directions, 1), values);
+        if (!writeInOneStep(tile, which, values)) write(tile, which, Span(directions, 9), Span(directions, 3), Span(directions, 1), values);
     }
 
 private:
@@ -146,6 +151,98 @@ private:
                     if (which[std::size_t(first + i)]) values[first + i] = row[i];
             }
     }
+    using Element = Ostara::Math::ElementTraits<T>;
+    using Scalar = typename Element::Scalar;
+    static constexpr int kComponents = Element::components;
+    /// Sites that a tile lies among along an axis where samples are at corners.
+    static constexpr int kSites = Tr::branching == 2 ? 3 : 2;
+    /// The W values of a row, component by component.
+    using Row = std::array<Scalar, W * kComponents>;
+    static constexpr auto kTaps = [] {
+        std::array<OST::TileTree3D::SiteTap, W> taps;
+        for (int n = 0; n < W; ++n) taps[std::size_t(n)] = OST::TileTree3D::siteTap(n, 1, Tr::childStride, false);
+        return taps;
+    }();
+
+    /// `write` for corner samples, with everything known beforehand but where the tile lies in its parent: the same bits. False,
+    /// and nothing done, for other samples, or if there are only coarser tiles beside the parent.
+    bool writeInOneStep(typename Tree::Tile const& tile, VoxelSet<Tr> const& which, T* values) const
+    {
+        if (reader_.centred(0) || reader_.centred(1) || reader_.centred(2)) return false;
+        const auto above = tile.parentTreeIndex();
+        T sites[kSites * kSites][kSites];
+        if (!gatherAll(above, tree_.tile(above).childIJK(tile), sites)) return false;
+        Row planes[kSites][W];
+        for (int k = 0; k < kSites; ++k) {
+            Row lines[kSites];
+            for (int j = 0; j < kSites; ++j) mixAlongX(sites[j + kSites * k], lines[j]);
+            for (int j = 0; j < W; ++j) mixRows(lines, 1, kTaps[std::size_t(j)], planes[k][j]);
+        }
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j) {
+                const int first = W * (j + W * k);
+                const unsigned wanted = bitsOf(which, first);
+                if (wanted == 0) continue;
+                Row row;
+                mixRows(&planes[0][j], W, kTaps[std::size_t(k)], row);
+                for (int i = 0; i < W; ++i)
+                    if (wanted >> i & 1) std::memcpy(static_cast<void*>(values + first + i), row.data() + i * kComponents, sizeof(T));
+            }
+        return true;
+    }
+    static unsigned bitsOf(VoxelSet<Tr> const& which, int first)
+    {
+        if constexpr (Tr::voxelCount <= 64) {
+            return unsigned(which.to_ullong() >> first) & ((1u << W) - 1);
+        } else {
+            unsigned bits = 0;
+            for (int i = 0; i < W; ++i) bits |= unsigned(which[std::size_t(first + i)]) << i;
+            return bits;
+        }
+    }
+    [[gnu::always_inline]] static void mixAlongX(T const* sites, Row& out)
+    {
+        auto const* site = reinterpret_cast<Scalar const*>(sites);
+#pragma GCC unroll 5
+        for (int i = 0; i < W; ++i) {
+            const auto tap = kTaps[std::size_t(i)];
+            auto const* low = site + tap.base * kComponents;
+            auto* to = out.data() + i * kComponents;
+            for (int c = 0; c < kComponents; ++c)
+                to[c] = tap.fraction == 0 ? low[c] : (low[c + kComponents] - low[c]) * Scalar(tap.fraction) + low[c];
+        }
+    }
+    /// \param step  from one site's row to the next
+    [[gnu::always_inline]] static void mixRows(Row const* rows, int step, OST::TileTree3D::SiteTap const& tap, Row& out)
+    {
+        Row const& low = rows[tap.base * step];
+        if (tap.fraction == 0) {
+            out = low;
+            return;
+        }
+        Row const& high = rows[(tap.base + 1) * step];
+        for (std::size_t n = 0; n < out.size(); ++n) out[n] = (high[n] - low[n]) * Scalar(tap.fraction) + low[n];
+    }
+    /// All sites that a child lies among, row by row.
+    bool gatherAll(OST::TileTree3D::TreeIndex const& above, OST::TileTree3D::int3 const& cell, T (*sites)[kSites]) const
+    {
+        constexpr int r = Tr::cellVoxels;
+        if (!(above == parent_)) {
+            parent_ = above;
+            known_ = 0;
+        }
+        const int inside = std::min(kSites, W - r * cell.x);
+        for (int k = r * cell.z; k < r * cell.z + kSites; ++k)
+            for (int j = r * cell.y; j < r * cell.y + kSites; ++j, ++sites) {
+                const int dy = j >= W, dz = k >= W, row = W * (j - W * dy + W * (k - W * dz));
+                T const* tile = tileBeside(OST::TileTree3D::neighborDirection(0, dy, dz));
+                T const* next = inside < kSites ? tileBeside(OST::TileTree3D::neighborDirection(1, dy, dz)) : tile;
+                if (!tile || !next) return false;
+                for (int i = 0; i < kSites - 1; ++i) (*sites)[i] = tile[row + r * cell.x + i];
+                (*sites)[kSites - 1] = inside < kSites ? next[row] : tile[row + r * cell.x + kSites - 1];
+            }
+        return true;
+    }
     /// The sites as `SiteReader::gather` gives them, row by row from the tiles of the parent's depth. False if one of those is missing.
     bool gatherRows(OST::TileTree3D::TreeIndex const& above, Taps const& x, Taps const& y, Taps const& z, T* sites) const
     {
@@ -183,11 +280,9 @@ private:
             std::copy_n(low, count, out);
             return;
         }
-        using Element = Ostara::Math::ElementTraits<T>;
-        using Scalar = typename Element::Scalar;
         auto const *a = reinterpret_cast<Scalar const*>(low), *b = reinterpret_cast<Scalar const*>(high);
         auto* to = reinterpret_cast<Scalar*>(out);
-        for (int n = 0; n < count * Element::components; ++n) to[n] = (b[n] - a[n]) * Scalar(fraction) + a[n];
+        for (int n = 0; n < count * kComponents; ++n) to[n] = (b[n] - a[n]) * Scalar(fraction) + a[n];
     }
 
     Tree const& tree_;

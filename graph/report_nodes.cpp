@@ -53,6 +53,15 @@ Result runValidate(StepContext& step)
     return {};
 }
 
+Result runSlope(StepContext& step)
+{
+    for (io::NamedVolume const& volume : step.inputs[0]) {
+        requireProperty(volume, Ostara::Geometry::sVoxelSignedDistance.str());
+        print(step, volume.name, io::measureSlope(*volume.volume));
+    }
+    return {};
+}
+
 /// The modes of samplers, in the order of `io::SampleMode`.
 const std::vector<std::string> kModes = {"linear", "quadratic", "cubic", "cubic_c1", "cubic_monotonic"};
 constexpr char kModeHelp[] = "how values between voxels are made";
@@ -136,6 +145,17 @@ NodeInfo validateNode()
     return node;
 }
 
+NodeInfo slopeNode()
+{
+    NodeInfo node{.name = "slope",
+                  .help = "prints how far the gradient of a level set is from length 1, by depth, and how far the voxels where that is above 5 % "
+                          "lie from creases: voxels at the surface where the normal turns by 29 degrees or more",
+                  .hasResult = false, .run = runSlope};
+    node.inputs = {{.name = "volume", .help = "a level set, or all volumes of a file", .several = true}};
+    node.parameters = {jsonParameter()};
+    return node;
+}
+
 NodeInfo sliceNode()
 {
     std::vector<std::string> modes = kModes;
@@ -193,7 +213,7 @@ NodeInfo compareNode()
 
 std::vector<NodeInfo> reportNodes()
 {
-    return {infoNode(), validateNode(), sliceNode(), sampleNode(), compareNode()};
+    return {infoNode(), validateNode(), slopeNode(), sliceNode(), sampleNode(), compareNode()};
 }
 
 }  // namespace tilegrid::graph

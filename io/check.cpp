@@ -211,7 +211,27 @@ private:
     std::optional<DofChannel<Tr>> dofs_;
 };
 
+/// None without a signed distance.
+template <class Tr> std::optional<std::vector<GradientCheck>> gradientOf(OST::Object const& native, Container<Tr> const& tree)
+{
+    std::optional<std::vector<GradientCheck>> checks;
+    const auto measure = [&]<class C>() {
+        checks = measureGradient<Tr>(tree, plainCopy<Tr>(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance)));
+    };
+    tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, measure);
+    return checks;
+}
+
 }  // namespace
+
+SlopeReport measureSlope(Ostara::Object const& volume)
+{
+    return withTree(volume, []<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const&) {
+        auto checks = gradientOf<Tr>(native, tree);
+        if (!checks) throw InputError("the volume has no signed distance");
+        return SlopeReport{std::move(*checks)};
+    });
+}
 
 std::vector<PropertyCheck> checkValuesAboveChildren(Ostara::Object const& volume)
 {
@@ -236,11 +256,7 @@ VolumeCheck checkVolume(Ostara::Object const& volume, GradingRule rule)
                 check.gradingFault = placeOf<Tr>(tree.tile(fault->tile)) + " and " + placeOf<Tr>(tree.tile(fault->neighbor));
             }
             check.properties = PropertyChecker<Tr>(native, tree, topology.offsetType()).run(/*hanging*/ true);
-            const auto measure = [&]<class C>() {
-                check.gradient = measureGradient<Tr>(
-                    tree, plainCopy<Tr>(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance)));
-            };
-            tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, measure);
+            check.gradient = gradientOf<Tr>(native, tree).value_or(std::vector<GradientCheck>());
             return check;
         });
 }

@@ -26,11 +26,28 @@ struct PropertyCheck {
     std::optional<DependentCheck> hanging;
 };
 
+/// Voxels of a depth whose slope is off by more than `GradientCheck::kSteep`, and where they lie. Distances in voxels of the depth,
+/// infinite without any crease.
+struct SteepVoxels {
+    static constexpr double kNear = 2.0;
+    std::int64_t voxels = 0;
+    /// Those that have a kink within `kNear` voxels.
+    std::int64_t nearKink = 0;
+    double medianToCrease = 0, largestToCrease = 0;
+};
+
 /// | |gradient| - 1 | of a level set over the leaf voxels of a depth inside the band.
 struct GradientCheck {
+    static constexpr double kSteep = 0.05;
+    /// A voxel is at a kink if the slopes on its two sides, taken over the three axes as a vector, differ by more than this: the
+    /// normal turns there by 29 degrees or more (2 asin(1/4)). A sphere has none from a radius of three voxels on. A crease is a
+    /// kink no further from the surface than a voxel: a fold of the zero set. Other kinks are ridges, where places are as far
+    /// from one part of the surface as from another.
+    static constexpr double kKink = 0.5;
     int depth = 0;
     std::int64_t voxels = 0;
-    double mean = 0, largest = 0;
+    double mean = 0, median = 0, largest = 0;
+    SteepVoxels steep;
 };
 
 /// Whether a volume must be graded to be good. Trees need not be: every reader goes on across larger jumps, and `grade_volume`
@@ -71,9 +88,17 @@ VolumeCheck checkVolume(Ostara::Object const& volume, GradingRule rule = Grading
 std::vector<PropertyCheck> checkValuesAboveChildren(Ostara::Object const& volume);
 
 /// Keys: good, tiles, tree[], graded, grading_fault (null if graded), properties[{name, above_children{voxels,wrong,largest}, hanging{...} or null}],
-/// gradient[{depth,voxels,mean,largest}]. One object.
+/// gradient[{depth,voxels,mean,median,largest,steep{voxels,near_kink,median_to_crease,largest_to_crease}}]. One object.
 std::string toJson(VolumeCheck const& check);
 std::string toText(VolumeCheck const& check);
+/// Only the part about gradients, of any level set, be it right otherwise or not: {gradient[...]} and the lines of the report.
+struct SlopeReport {
+    std::vector<GradientCheck> gradient;
+};
+/// \throws InputError without a signed distance
+SlopeReport measureSlope(Ostara::Object const& volume);
+std::string toJson(SlopeReport const& report);
+std::string toText(SlopeReport const& report);
 /// One line that names what is wrong, empty if nothing is.
 std::string faultsOf(VolumeCheck const& check);
 

@@ -3,7 +3,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 namespace tilegrid::io {
@@ -26,7 +28,59 @@ std::string textOf(DependentCheck const& check, std::string const& what)
         + number(check.largest) + " at most)";
 }
 
+Json jsonOf(std::vector<GradientCheck> const& gradient)
+{
+    Json json = Json::array();
+    for (GradientCheck const& depth : gradient)
+        json.push_back({{"depth", depth.depth},
+                        {"voxels", depth.voxels},
+                        {"mean", numberOrNull(depth.mean)},
+                        {"median", numberOrNull(depth.median)},
+                        {"largest", numberOrNull(depth.largest)},
+                        {"steep",
+                         {{"voxels", depth.steep.voxels},
+                          {"near_kink", depth.steep.nearKink},
+                          {"median_to_crease", numberOrNull(depth.steep.medianToCrease)},
+                          {"largest_to_crease", numberOrNull(depth.steep.largestToCrease)}}}});
+    return json;
+}
+
+/// A share in percent.
+std::string percent(std::int64_t part, std::int64_t whole)
+{
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3g %%", 100.0 * double(part) / double(whole));
+    return text.data();
+}
+
+std::string textOf(std::vector<GradientCheck> const& gradient)
+{
+    std::ostringstream out;
+    for (GradientCheck const& depth : gradient) {
+        out << "gradient    depth " << depth.depth << ": " << depth.voxels << " voxels of the band, off 1 by " << number(depth.mean)
+            << " on average, " << number(depth.median) << " in the median, " << number(depth.largest) << " at most\n";
+        SteepVoxels const& steep = depth.steep;
+        if (steep.voxels == 0) continue;
+        out << "            above " << number(GradientCheck::kSteep) << ": " << steep.voxels << " (" << percent(steep.voxels, depth.voxels) << "), "
+            << percent(steep.nearKink, steep.voxels) << " of these within " << number(SteepVoxels::kNear) << " voxels of a kink, ";
+        if (std::isfinite(steep.medianToCrease))
+            out << number(steep.medianToCrease) << " voxels from a crease in the median, " << number(steep.largestToCrease) << " at most\n";
+        else
+            out << "and no crease anywhere\n";
+    }
+    return out.str();
+}
+
 }  // namespace
+
+std::string toJson(SlopeReport const& report)
+{
+    return Json{{"gradient", jsonOf(report.gradient)}}.dump(2) + "\n";
+}
+std::string toText(SlopeReport const& report)
+{
+    return report.gradient.empty() ? "gradient    no voxel of the band has all its neighbours\n" : textOf(report.gradient);
+}
 
 bool VolumeCheck::good() const { return faultsOf(*this).empty(); }
 
@@ -60,12 +114,7 @@ std::string toJson(VolumeCheck const& check)
         json["properties"].push_back({{"name", property.name},
                                       {"above_children", jsonOf(property.aboveChildren)},
                                       {"hanging", property.hanging ? jsonOf(*property.hanging) : Json(nullptr)}});
-    json["gradient"] = Json::array();
-    for (GradientCheck const& depth : check.gradient)
-        json["gradient"].push_back({{"depth", depth.depth},
-                                    {"voxels", depth.voxels},
-                                    {"mean", numberOrNull(depth.mean)},
-                                    {"largest", numberOrNull(depth.largest)}});
+    json["gradient"] = jsonOf(check.gradient);
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -91,9 +140,7 @@ std::string toText(VolumeCheck const& check)
         if (property.hanging) out << ", " << textOf(*property.hanging, "hanging voxels");
         out << "\n";
     }
-    for (GradientCheck const& depth : check.gradient)
-        out << "gradient    depth " << depth.depth << ": " << depth.voxels << " voxels of the band, off 1 by "
-            << number(depth.mean) << " on average, " << number(depth.largest) << " at most\n";
+    out << textOf(check.gradient);
     const std::string faults = faultsOf(check);
     const std::string good = check.graded ? "good" : "good, but not graded";
     out << "verdict     " << (faults.empty() ? good : "wrong: " + faults) << "\n";

@@ -2,23 +2,36 @@
 
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/parallel.h"
+#include "io/place_tree.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
+#include <optional>
 
 namespace tilegrid::io {
 
 using namespace OST::TileTree3D;
+using Ostara::Math::double3;
 
 namespace {
 
-struct Sum {
+/// What the voxels of some tiles of one depth show. Places are those of voxels in tile space.
+struct Findings {
     std::int64_t voxels = 0;
-    double errors = 0.0, largest = 0.0;
-    void operator+=(Sum const& other)
+    double sum = 0.0, largest = 0.0;
+    std::vector<float> errors;
+    std::vector<double3> steep, kinks, creases;
+    void operator+=(Findings const& other)
     {
         voxels += other.voxels;
-        errors += other.errors;
+        sum += other.sum;
         largest = std::max(largest, other.largest);
+        const auto append = [](auto& all, auto const& more) { all.insert(all.end(), more.begin(), more.end()); };
+        append(errors, other.errors);
+        append(steep, other.steep);
+        append(kinks, other.kinks);
+        append(creases, other.creases);
     }
 };
 
@@ -58,28 +71,102 @@ private:
     float const* beside_[3][2] = {};
 };
 
-/// Adds the voxels of one tile.
-/// \param step  world distance between the neighbours on both sides of a voxel
-template <class Tr>
-void addTile(Cross<Tr> const& cross, typename Container<Tr>::Tile const& tile, double step, float band, Sum& sum)
+/// How a field changes at a voxel: squared length of the gradient by central differences, and of the vector of what the slopes
+/// on both sides of the voxel differ by.
+struct Change {
+    double squaredSlope = 0.0, squaredJump = 0.0;
+};
+
+/// None where a neighbour is missing.
+/// \param width  of a voxel, in the unit of the values
+template <class Tr> std::optional<Change> changeAt(Cross<Tr> const& cross, int3 const& ijk, double width)
 {
+    Change change;
+    const double own = *cross.at(ijk);
+    for (int axis = 0; axis < 3; ++axis) {
+        int3 low = ijk, high = ijk;
+        --low[axis];
+        ++high[axis];
+        float const *below = cross.at(low), *above = cross.at(high);
+        if (!below || !above) return {};
+        change.squaredSlope += std::pow((double(*above) - double(*below)) / (2.0 * width), 2);
+        change.squaredJump += std::pow((double(*above) - 2.0 * own + double(*below)) / width, 2);
+    }
+    return change;
+}
+
+/// Adds the voxels of one tile.
+template <class Tr>
+void addTile(Cross<Tr> const& cross, typename Container<Tr>::Tile const& tile, double voxelSize, float band, Findings& found)
+{
+    const double dataWidth = tile.voxelDataWidth(), width = voxelSize * dataWidth;
     for (int flat = 0; flat < Tr::voxelCount; ++flat) {
         const int3 ijk = cubeIndex(Tr::width, flat);
-        if (!tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z)) || !(std::abs(*cross.at(ijk)) < band)) continue;
-        double squared = 0.0;
-        bool all = true;
-        for (int axis = 0; axis < 3 && all; ++axis) {
-            int3 low = ijk, high = ijk;
-            --low[axis];
-            ++high[axis];
-            float const *below = cross.at(low), *above = cross.at(high);
-            all = below && above;
-            if (all) squared += std::pow((double(*above) - double(*below)) / step, 2);
-        }
-        if (!all) continue;
-        const double error = std::abs(std::sqrt(squared) - 1.0);
-        sum += {1, error, error == error ? error : std::numeric_limits<double>::infinity()};
+        const double value = std::abs(double(*cross.at(ijk)));
+        if (!tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z)) || !(value < band)) continue;
+        const auto change = changeAt<Tr>(cross, ijk, width);
+        if (!change) continue;
+        const double off = std::abs(std::sqrt(change->squaredSlope) - 1.0);
+        const double error = off == off ? off : std::numeric_limits<double>::infinity();
+        ++found.voxels;
+        found.sum += error;
+        found.largest = std::max(found.largest, error);
+        found.errors.push_back(float(error));
+        double3 place;
+        for (int axis = 0; axis < 3; ++axis) place[axis] = tile.tijk()[axis] + ijk[axis] * dataWidth;
+        if (error > GradientCheck::kSteep) found.steep.push_back(place);
+        if (!(change->squaredJump > GradientCheck::kKink * GradientCheck::kKink)) continue;
+        found.kinks.push_back(place);
+        if (value <= width) found.creases.push_back(place);
     }
+}
+
+template <class Tr>
+Findings scanDepth(Container<Tr> const& tree, Channel<Tr, float, Tr::width, 0> const& distance, int depth)
+{
+    constexpr OST::int64 kPart = 64;  // tiles whose sums are added in their order: the same bits for any number of threads
+    const OST::int64 count = tree.tileCount(depth);
+    const float band = std::abs(distance.defaultValue());
+    std::vector<Findings> parts((count + kPart - 1) / kPart);
+    parallel::loop(0, static_cast<OST::int64>(parts.size()), 1, [&](OST::int64 begin, OST::int64 end) {
+        const ConstTileAccessor<Tr> accessor(tree);
+        for (OST::int64 part = begin; part < end; ++part)
+            for (OST::int64 n = part * kPart; n < std::min(count, (part + 1) * kPart); ++n)
+                addTile<Tr>(Cross<Tr>(accessor, distance, tree.tile(n, depth)), tree.tile(n, depth), tree.voxelSize(), band, parts[part]);
+    });
+    Findings all;
+    for (Findings const& part : parts) all += part;
+    return all;
+}
+
+/// The one in the middle; of two, the upper.
+template <class T> double median(std::vector<T>& values)
+{
+    const auto middle = values.begin() + std::ptrdiff_t(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return double(*middle);
+}
+
+/// \param width  of a voxel of the depth, in tile space
+SteepVoxels describeSteep(std::vector<double3> const& steep, PlaceTree const& kinks, PlaceTree const& creases, double width)
+{
+    SteepVoxels result;
+    result.voxels = std::int64_t(steep.size());
+    if (steep.empty()) return result;
+    const double near = SteepVoxels::kNear * width;
+    std::vector<char> nearKink(steep.size());
+    std::vector<double> apart(steep.size());
+    parallel::loop(0, OST::int64(steep.size()), 256, [&](OST::int64 begin, OST::int64 end) {
+        for (std::size_t n = std::size_t(begin); n < std::size_t(end); ++n) {
+            // A limit beyond what counts as near tells one from the other.
+            nearKink[n] = !kinks.empty() && kinks.distance(steep[n], 2.0 * near) <= near;
+            apart[n] = creases.distance(steep[n], std::numeric_limits<double>::infinity()) / width;
+        }
+    });
+    result.nearKink = std::count(nearKink.begin(), nearKink.end(), char(1));
+    result.largestToCrease = *std::max_element(apart.begin(), apart.end());
+    result.medianToCrease = median(apart);
+    return result;
 }
 
 }  // namespace
@@ -88,22 +175,19 @@ template <class Tr>
 std::vector<GradientCheck> measureGradient(Container<Tr> const& tree, Channel<Tr, float, Tr::width, 0> const& distance)
 {
     std::vector<GradientCheck> checks;
-    const float band = std::abs(distance.defaultValue());
-    constexpr OST::int64 kPart = 64;  // tiles whose sums are added in their order: the same bits for any number of threads
+    std::vector<std::vector<double3>> steep;
+    std::vector<double3> kinks, creases;
     for (int depth = std::max(distance.minDepth(), 0); depth <= std::min(distance.depth(), Tr::maxDepth); ++depth) {
-        const OST::int64 count = tree.tileCount(depth);
-        const double step = 2.0 * tree.voxelSize() * Tr::voxelDataWidth(depth);
-        std::vector<Sum> parts((count + kPart - 1) / kPart);
-        parallel::loop(0, static_cast<OST::int64>(parts.size()), 1, [&](OST::int64 begin, OST::int64 end) {
-            const ConstTileAccessor<Tr> accessor(tree);
-            for (OST::int64 part = begin; part < end; ++part)
-                for (OST::int64 n = part * kPart; n < std::min(count, (part + 1) * kPart); ++n)
-                    addTile<Tr>(Cross<Tr>(accessor, distance, tree.tile(n, depth)), tree.tile(n, depth), step, band, parts[part]);
-        });
-        Sum sum;
-        for (Sum const& part : parts) sum += part;
-        if (sum.voxels > 0) checks.push_back({depth, sum.voxels, sum.errors / double(sum.voxels), sum.largest});
+        Findings found = scanDepth<Tr>(tree, distance, depth);
+        if (found.voxels == 0) continue;
+        checks.push_back({depth, found.voxels, found.sum / double(found.voxels), median(found.errors), found.largest, {}});
+        steep.push_back(std::move(found.steep));
+        kinks.insert(kinks.end(), found.kinks.begin(), found.kinks.end());
+        creases.insert(creases.end(), found.creases.begin(), found.creases.end());
     }
+    const PlaceTree kinkTree(std::move(kinks)), creaseTree(std::move(creases));
+    for (std::size_t n = 0; n < checks.size(); ++n)
+        checks[n].steep = describeSteep(steep[n], kinkTree, creaseTree, Tr::voxelDataWidth(checks[n].depth));
     return checks;
 }
 

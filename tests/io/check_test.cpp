@@ -288,6 +288,46 @@ TYPED_TEST(CheckedVolume, measures_the_slope_of_linear_distances_exactly)
     }
 }
 
+TYPED_TEST(CheckedVolume, finds_the_voxels_of_a_ridge_and_how_far_they_lie_from_the_crease)
+{
+    using Tr = TypeParam;
+    // The larger of x and z, at one depth only: exact but for the voxels with x = z, which see one half of either slope. Where
+    // these are within a voxel of 0 they lie on the crease.
+    auto native = nativeVolume<Tr>([](Tree<Tr>& tree) { tree.tileAccessor().addTiles({-20, 0, -20}, {19, 19, 19}, Tr::maxDepth); });
+    test::addChannel<Plain<Tr, float>>(*native, sVoxelSignedDistance, 8.0f, [](TileKey const& tile, int flat) {
+        return std::max(linearAt<Tr>(tile, flat, {1, 0, 0}), linearAt<Tr>(tile, flat, {0, 0, 1}));
+    }, Tr::maxDepth);
+    const io::SlopeReport report = io::measureSlope(*hostVolume(std::move(native)));
+    io::GradientCheck const& finest = report.gradient.back();
+    ASSERT_EQ(finest.depth, Tr::maxDepth);
+    EXPECT_EQ(finest.median, 0.0);
+    EXPECT_DOUBLE_EQ(finest.largest, 1 - std::sqrt(0.5));
+    // x = z from -7 to 7, and as many y for each.
+    EXPECT_EQ(finest.steep.voxels % 15, 0);
+    EXPECT_GT(finest.steep.voxels, 15 * 8);
+    EXPECT_EQ(finest.steep.nearKink, finest.steep.voxels);
+    // The crease holds -1, 0 and 1: the others are up to 6 diagonals away, in the median 3.
+    EXPECT_DOUBLE_EQ(finest.steep.largestToCrease, 6 * std::sqrt(2.0));
+    EXPECT_DOUBLE_EQ(finest.steep.medianToCrease, 3 * std::sqrt(2.0));
+    EXPECT_TRUE(contains(toText(report), "100 % of these within 2 voxels of a kink, 4.24264 voxels from a crease in the median, 8.48528 at most")) << toText(report);
+}
+
+TYPED_TEST(CheckedVolume, without_creases_says_so)
+{
+    using Tr = TypeParam;
+    auto native = gradedVolume<Tr>();
+    addLinear<Tr>(*native, sVoxelSignedDistance, {0, 0, 2}, 8.0f);
+    const io::SlopeReport report = io::measureSlope(*hostVolume(std::move(native)));
+    for (io::GradientCheck const& depth : report.gradient) {
+        EXPECT_EQ(depth.median, 1.0);
+        EXPECT_EQ(depth.steep.voxels, depth.voxels);
+        EXPECT_EQ(depth.steep.nearKink, 0);
+    }
+    EXPECT_TRUE(contains(toText(report), "0 % of these within 2 voxels of a kink, and no crease anywhere")) << toText(report);
+    EXPECT_TRUE(contains(toJson(report), "\"median_to_crease\": null")) << toJson(report);
+    EXPECT_THROW(io::measureSlope(*hostVolume(gradedVolume<Tr>())), io::InputError);
+}
+
 TYPED_TEST(CheckedVolume, of_an_edited_level_file_is_reported_when_it_is_read_too)
 {
     using Tr = TypeParam;

@@ -158,6 +158,8 @@ private:
     static constexpr int kSites = Tr::branching == 2 ? 3 : 2;
     /// The W values of a row, component by component.
     using Row = std::array<Scalar, W * kComponents>;
+    /// The sites along x, as well.
+    using Sites = std::array<Scalar, kSites * kComponents>;
     static constexpr auto kTaps = [] {
         std::array<OST::TileTree3D::SiteTap, W> taps;
         for (int n = 0; n < W; ++n) taps[std::size_t(n)] = OST::TileTree3D::siteTap(n, 1, Tr::childStride, false);
@@ -170,7 +172,7 @@ private:
     {
         if (reader_.centred(0) || reader_.centred(1) || reader_.centred(2)) return false;
         const auto above = tile.parentTreeIndex();
-        T sites[kSites * kSites][kSites];
+        Sites sites[kSites * kSites];
         if (!gatherAll(above, tree_.tile(above).childIJK(tile), sites)) return false;
         Row planes[kSites][W];
         for (int k = 0; k < kSites; ++k) {
@@ -185,6 +187,10 @@ private:
                 if (wanted == 0) continue;
                 Row row;
                 mixRows(&planes[0][j], W, kTaps[std::size_t(k)], row);
+                if (wanted == (1u << W) - 1) {
+                    std::memcpy(static_cast<void*>(values + first), row.data(), sizeof row);
+                    continue;
+                }
                 for (int i = 0; i < W; ++i)
                     if (wanted >> i & 1) std::memcpy(static_cast<void*>(values + first + i), row.data() + i * kComponents, sizeof(T));
             }
@@ -200,13 +206,12 @@ private:
             return bits;
         }
     }
-    [[gnu::always_inline]] static void mixAlongX(T const* sites, Row& out)
+    [[gnu::always_inline]] static void mixAlongX(Sites const& sites, Row& out)
     {
-        auto const* site = reinterpret_cast<Scalar const*>(sites);
 #pragma GCC unroll 5
         for (int i = 0; i < W; ++i) {
             const auto tap = kTaps[std::size_t(i)];
-            auto const* low = site + tap.base * kComponents;
+            auto const* low = sites.data() + tap.base * kComponents;
             auto* to = out.data() + i * kComponents;
             for (int c = 0; c < kComponents; ++c)
                 to[c] = tap.fraction == 0 ? low[c] : (low[c + kComponents] - low[c]) * Scalar(tap.fraction) + low[c];
@@ -224,7 +229,7 @@ private:
         for (std::size_t n = 0; n < out.size(); ++n) out[n] = (high[n] - low[n]) * Scalar(tap.fraction) + low[n];
     }
     /// All sites that a child lies among, row by row.
-    bool gatherAll(OST::TileTree3D::TreeIndex const& above, OST::TileTree3D::int3 const& cell, T (*sites)[kSites]) const
+    bool gatherAll(OST::TileTree3D::TreeIndex const& above, OST::TileTree3D::int3 const& cell, Sites* sites) const
     {
         constexpr int r = Tr::cellVoxels;
         if (!(above == parent_)) {
@@ -238,8 +243,9 @@ private:
                 T const* tile = tileBeside(OST::TileTree3D::neighborDirection(0, dy, dz));
                 T const* next = inside < kSites ? tileBeside(OST::TileTree3D::neighborDirection(1, dy, dz)) : tile;
                 if (!tile || !next) return false;
-                for (int i = 0; i < kSites - 1; ++i) (*sites)[i] = tile[row + r * cell.x + i];
-                (*sites)[kSites - 1] = inside < kSites ? next[row] : tile[row + r * cell.x + kSites - 1];
+                constexpr int kSure = kSites - 1;
+                std::memcpy(sites->data(), tile + row + r * cell.x, kSure * sizeof(T));
+                std::memcpy(sites->data() + kSure * kComponents, inside < kSites ? next + row : tile + row + r * cell.x + kSure, sizeof(T));
             }
         return true;
     }

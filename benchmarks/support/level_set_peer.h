@@ -11,7 +11,7 @@ namespace bench {
 class LevelSetPeer {
 public:
     enum class Way { kRebuild, kFastSweeping, kNormalize, kConverge, kOffset };
-    /// Steps of normalisation after which more change nothing.
+    /// Steps of normalisation that undo a factor of 1.7 over the whole band.
     static constexpr int kConverged = 40;
 
     /// \param values  at `places`, as all there is of the band; background 3, signs filled in

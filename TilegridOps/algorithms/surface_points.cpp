@@ -30,6 +30,9 @@ public:
     using Tile = typename Container<Tr>::Tile;
     using Cube = SurfaceCube<Tr>;
     static constexpr int W = Tr::width;
+    /// Points of a coarser tile lie up to a half diagonal of its voxels' faces, 0.71 of their width, from places on its surface. So far
+    /// from there a point of a tile beside it may be the nearest. In voxels of that tile.
+    static constexpr double kReachBesideCoarser = 0.75 * Tr::branching;
 
     Finder(SurfaceInput<Tr> const& input, std::array<std::vector<std::uint8_t>, Tr::levels> const& hangs, Found& found)
         : input_(input), reader_(input.tree, input.levelSet, stencils::Reach::kFaces, input.offset), walk_(input.tree),
@@ -69,6 +72,7 @@ private:
     {
         around_ = &walk_.around(tile);
         cube_.gather(tile, *around_);
+        besideCoarser_ = std::any_of(around_->begin(), around_->end(), [&](TreeIndex const& beside) { return beside.depth < tile.depth(); });
         const float* values = cube_.values();
         for (int v = 0; v < Tr::voxelCount; ++v) {
             const int3 at = cubeIndex(W, v);
@@ -128,6 +132,8 @@ private:
         found_.points.push_back({p.x, p.y, p.z});
         found_.shapes.push_back(shapeAt(derivativesAt(value, Cube::kStride), derivativesAt(value + step, Cube::kStride), t, axis,
                                         value[step] >= 0, width));
+        SurfaceShape& shape = found_.shapes.back();
+        if (besideCoarser_) shape.reach = std::max(shape.reach, float(kReachBesideCoarser * width));
         found_.edges.push_back(std::uint16_t(3 * flatIndex(W, at.x, at.y, at.z) + axis));
     }
 
@@ -137,6 +143,7 @@ private:
     Cube cube_;
     float3 offset_;
     Surroundings const* around_ = nullptr;
+    bool besideCoarser_ = false;
     Found& found_;
 };
 

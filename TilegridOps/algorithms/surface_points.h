@@ -15,12 +15,14 @@ struct SurfaceShape {
     float k1, k2;
     /// Voxel width of the edge that the point lies on.
     float width;
+    /// How far along the surface from the point the shape is trusted, in tile-space units.
+    float reach;
 };
 
 /// The distance of a place from the surface as the shape around a nearby surface point gives it.
 /// \param place  relative to the point
 /// \param side   receives which side of the tangent plane the place lies on: 1 outward, else -1; may be null
-/// \par Source  one Newton step to the foot on the osculating paraboloid, kept within 1.5 voxels of the point; never above the
+/// \par Source  one Newton step to the foot on the osculating paraboloid, kept within the shape's reach of the point; never above the
 ///      distance from the point itself
 TILEGRID_API double surfaceDistance(SurfaceShape const& shape, OST::TileTree3D::double3 const& place, int* side = nullptr);
 

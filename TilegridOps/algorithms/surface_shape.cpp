@@ -107,6 +107,7 @@ SurfaceShape shapeAt(Derivatives const& low, Derivatives const& high, double t, 
     for (int a = 0; a < 6; ++a) h[a] = low.h[a] + t * (high.h[a] - low.h[a]);
     SurfaceShape shape{};
     shape.width = float(width);
+    shape.reach = 1.5f * shape.width;
     const double slope = std::sqrt(dot(g, g));
     const bool flat = !(slope >= 1e-12);
     double3 n;
@@ -139,7 +140,7 @@ double surfaceDistance(SurfaceShape const& shape, double3 const& place, int* sid
     const double3 e2 = cross(n, e1);
     const double u = dot(n, place), k1 = shape.k1, k2 = shape.k2;
     double t1 = dot(e1, place) / std::max(1 + u * k1, 0.25), t2 = dot(e2, place) / std::max(1 + u * k2, 0.25);
-    const double furthest = 1.5 * shape.width, across = std::sqrt(t1 * t1 + t2 * t2);
+    const double furthest = shape.reach, across = std::sqrt(t1 * t1 + t2 * t2);
     if (across > furthest) {
         t1 *= furthest / across;
         t2 *= furthest / across;

@@ -67,7 +67,8 @@ double LevelSetBand<Tr>::signedDistance(typename Container::Tile const& tile, in
     const double3 place(tile.tijk().x + (at.x + double(shift.x)) * w - p.x, tile.tijk().y + (at.y + double(shift.y)) * w - p.y,
                         tile.tijk().z + (at.z + double(shift.z)) * w - p.z);
     int side;
-    const double distance = surfaceDistance(surface_.shapes[std::size_t(point)], place, &side);
+    SurfaceShape const& shape = surface_.shapes[std::size_t(point)];
+    const double distance = surfaceDistance(shape, place, reachAcrossJump<Tr>(shape.width, w), &side);
     const bool inside = old ? old[voxel] < 0 : side < 0;
     return inside ? -distance : distance;
 }

@@ -145,7 +145,8 @@ template <class Tr> float Redistance<Tr>::writeTile(Wave<Tr> const& wave, int64 
         const float old = values(v);
         // What a blocked voxel holds says nothing of its side: there the surface goes on as it is shaped before the wall.
         int side = 0;
-        const double distance = surfaceDistance(surface.shapes[point], place, &side);
+        tilegrid::SurfaceShape const& shape = surface.shapes[point];
+        const double distance = surfaceDistance(shape, place, tilegrid::reachAcrossJump<Tr>(shape.width, width), &side);
         const bool inside = blocked ? side < 0 : old < 0;
         float fresh = std::min(float(distance * voxelSize), limitOf(inside));
         most = std::max(most, fresh);

@@ -30,9 +30,6 @@ public:
     using Tile = typename Container<Tr>::Tile;
     using Cube = SurfaceCube<Tr>;
     static constexpr int W = Tr::width;
-    /// Points of a coarser tile lie up to a half diagonal of its voxels' faces, 0.71 of their width, from places on its surface. So far
-    /// from there a point of a tile beside it may be the nearest. In voxels of that tile.
-    static constexpr double kReachBesideCoarser = 0.75 * Tr::branching;
 
     Finder(SurfaceInput<Tr> const& input, std::array<std::vector<std::uint8_t>, Tr::levels> const& hangs, Found& found)
         : input_(input), reader_(input.tree, input.levelSet, stencils::Reach::kFaces, input.offset), walk_(input.tree),
@@ -133,7 +130,8 @@ private:
         found_.shapes.push_back(shapeAt(derivativesAt(value, Cube::kStride), derivativesAt(value + step, Cube::kStride), t, axis,
                                         value[step] >= 0, width));
         SurfaceShape& shape = found_.shapes.back();
-        if (besideCoarser_) shape.reach = std::max(shape.reach, float(kReachBesideCoarser * width));
+        // Points of a coarser tile lie far apart: of places whose foot is over there this one may be the nearest.
+        if (besideCoarser_) shape.reach = std::max(shape.reach, float(reachAcrossJump<Tr>(width, Tr::branching * width)));
         found_.edges.push_back(std::uint16_t(3 * flatIndex(W, at.x, at.y, at.z) + axis));
     }
 

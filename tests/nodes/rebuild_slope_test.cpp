@@ -4,6 +4,7 @@
 #include "support/volumes.h"
 
 #include <cmath>
+#include <vector>
 
 /// How long gradients are after `rebuild_level_set` of a sphere. Lengths are in finest voxels, which have width 1.
 namespace tilegrid::test {
@@ -14,7 +15,6 @@ using namespace Ostara::Geometry;
 using Ostara::Math::double3;
 
 template <class Tr> using Floats = Channel<Tr, float, Tr::width, 0>;
-
 
 /// The largest difference of |gradient| from 1 of the voxels of a kind, and how many there are.
 struct Slopes {
@@ -169,18 +169,17 @@ TYPED_TEST(RebuiltSphere, has_slope_one_across_a_jump_through_its_middle)
 }
 
 // A value mixed over coarser voxels of width w at fractions s and t of it is off by w^2 (s(1-s) + t(1-t)) / (2 r), and the slope by
-// half of that: 2.8 % at r = 18 in the binary structure for s = t = 1/2, 6.7 % at r = 45 in the other for s = t = 2/5.
+// half of that: 2.8 % at r = 18 in the binary structure for s = t = 1/2, 6.7 % at r = 45 in the other for s = t = 2/5. There the plain
+// ones reach 1.4 % in one plane, at 13 voxels from the surface, and stay below 0.5 % in the others.
 TYPED_TEST(RebuiltSphere, has_slope_one_where_the_jump_cuts_it_aslant)
 {
-    for (double part : {-0.9, -0.6, 0.6, 0.9})
+    const bool binary = TypeParam::branching == 2;
+    const std::vector<double> parts = binary ? std::vector{-0.9, -0.6, -0.3, 0.3, 0.6, 0.9} : std::vector{-0.9, 0.3};
+    for (double part : parts)
         for (bool fineLow : {true, false}) {
-            // A fine side below the coarse one in the quinary structure is not served as well.
-            if (TypeParam::branching != 2 && fineLow) continue;
             const auto slopes = acrossJump<TypeParam>(part, fineLow);
-            EXPECT_LE(slopes.plain.largest, 0.01) << part;
-            if (TypeParam::branching == 2) {
-                EXPECT_LE(slopes.mixed.largest, 0.05) << part;
-            }
+            EXPECT_LE(slopes.plain.largest, binary ? 0.01 : 0.015) << part;
+            EXPECT_LE(slopes.mixed.largest, binary ? 0.05 : 0.067) << part;
         }
 }
 

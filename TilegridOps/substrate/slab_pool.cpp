@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -26,6 +27,22 @@ void* map(std::size_t bytes)
     // Below this size a huge page would mostly be waste.
     if (bytes >= kHugePage) madvise(block, bytes, MADV_HUGEPAGE);
     return block;
+}
+
+/// Moves a mapping to a larger one, in place if the system can. Null if it cannot give one.
+void* remap(void* block, std::size_t bytes, std::size_t grownBytes)
+{
+#ifdef __SANITIZE_THREAD__
+    // The thread sanitizer does not see mremap: it would hold what an earlier owner of the addresses did against the new one.
+    void* grown = map(grownBytes);
+    if (!grown) return nullptr;
+    std::memcpy(grown, block, std::min(bytes, grownBytes));
+    munmap(block, bytes);
+    return grown;
+#else
+    void* grown = mremap(block, bytes, grownBytes, MREMAP_MAYMOVE);
+    return grown == MAP_FAILED ? nullptr : grown;
+#endif
 }
 
 /// Free mappings by power of two. The pool may hold as much as was ever in use at once: then a stage finds what the one
@@ -126,8 +143,8 @@ void* SlabPool::acquire(std::size_t& bytes)
 void* SlabPool::grow(void* block, std::size_t bytes, std::size_t& grownBytes)
 {
     grownBytes = mappingSize(grownBytes);
-    void* grown = mremap(block, bytes, grownBytes, MREMAP_MAYMOVE);
-    if (grown == MAP_FAILED) throw std::bad_alloc();
+    void* grown = remap(block, bytes, grownBytes);
+    if (!grown) throw std::bad_alloc();
     if (grownBytes >= kHugePage) madvise(grown, grownBytes, MADV_HUGEPAGE);
     if (enabled()) shelves().resized(bytes, grownBytes);
     return grown;

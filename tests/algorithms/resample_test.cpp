@@ -1,6 +1,7 @@
 #include "TilegridOps/algorithms/affine_map.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "TilegridOps/substrate/element_values.h"
+#include "cancelled_node.h"
 #include "support/field_volumes.h"
 #include "support/jobs.h"
 
@@ -386,15 +387,7 @@ TYPED_TEST(Resample, gives_an_empty_object_when_cancelled)
         resample_volume(*source, nullptr, "", turned(20), 0, AutoSubdivisionStructure::kAutomatic, Mode::kLinear, output, messages.services());
         return output;
     };
-    Job whole;
-    run(whole);
-    ASSERT_GT(whole.pollCount(), 2);
-    for (std::int64_t n = 1; n <= whole.pollCount(); ++n) {
-        Job job;
-        job.cancelAtPoll(n);
-        const Terminations terminations;
-        EXPECT_TRUE(isEmptyObject(run(job))) << n;
-    }
+    expectEmptyWhenCancelled(run);
 }
 
 }  // namespace

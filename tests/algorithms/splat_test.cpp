@@ -1,5 +1,6 @@
 #include "TilegridOps/algorithms/splat.h"
 #include "TilegridOps/nodes/transfer.h"
+#include "cancelled_node.h"
 #include "support/field_volumes.h"
 #include "support/jobs.h"
 
@@ -430,15 +431,7 @@ TYPED_TEST(SplatTest, node_gives_an_empty_object_when_cancelled_at_any_poll)
         splat_points_into_volume(hostVolume(emptyTarget<TypeParam>()), *cloud, true, "q", SplatKernelType::kLinear, 1, 0, 0, 1, 1, output, messages.services());
         return output;
     };
-    Job whole;
-    run(whole);
-    ASSERT_GT(whole.pollCount(), 2);
-    for (std::int64_t n = 1; n <= whole.pollCount(); ++n) {
-        Job job;
-        job.cancelAtPoll(n);
-        const Terminations terminations;
-        EXPECT_TRUE(isEmptyObject(run(job))) << n;
-    }
+    expectEmptyWhenCancelled(run);
 }
 
 }  // namespace

@@ -58,19 +58,12 @@ template <class Tr> float const* LevelSetBand<Tr>::oldValues(int64 tile, int dep
 
 /// In tile-space units. The side of an old voxel is that of its value, of a new one that of the tangent plane.
 template <class Tr>
-double LevelSetBand<Tr>::signedDistance(typename Container::Tile const& tile, int voxel, std::int32_t point, float const* old) const
+double LevelSetBand<Tr>::signedDistance(SurfaceDistances<Tr> const& distances, typename Container::Tile const& tile, int voxel,
+                                        std::int32_t point, float const* old)
 {
-    const int3 at = cubeIndex(Tr::width, voxel);
-    const float3 shift = voxelOffset(offset_);
-    const double w = tile.voxelDataWidth();
-    WavePoint const& p = surface_.points[std::size_t(point)];
-    const double3 place(tile.tijk().x + (at.x + double(shift.x)) * w - p.x, tile.tijk().y + (at.y + double(shift.y)) * w - p.y,
-                        tile.tijk().z + (at.z + double(shift.z)) * w - p.z);
-    int side;
-    SurfaceShape const& shape = surface_.shapes[std::size_t(point)];
-    const double distance = surfaceDistance(shape, place, reachAcrossJump<Tr>(shape.width, w), &side);
-    const bool inside = old ? old[voxel] < 0 : side < 0;
-    return inside ? -distance : distance;
+    const SurfaceFoot nearest = distances(tile, voxel, point);
+    const bool inside = old ? old[voxel] < 0 : nearest.side < 0;
+    return inside ? -nearest.distance : nearest.distance;
 }
 
 /// Calls `visit(voxel, signed distance, whether the nearest surface has the tile's depth)` for what the wave reached.
@@ -81,10 +74,11 @@ void LevelSetBand<Tr>::forVoxels(int64 n, int depth, Visit const& visit) const
     auto const& tile = copy_.tile(n, depth);
     std::int32_t const* payloads = wave_.payloads(n, depth);
     float const* old = oldValues(n, depth);
+    const SurfaceDistances<Tr> distances(copy_, voxelOffset(offset_), surface_, wave_);
     for (int v = 0; v < Tr::voxelCount; ++v) {
         if (payloads[v] == Wave<Tr>::kNone) continue;
         const bool ofDepth = surface_.shapes[std::size_t(payloads[v])].width == float(tile.voxelDataWidth());
-        visit(v, signedDistance(tile, v, payloads[v], old), ofDepth);
+        visit(v, signedDistance(distances, tile, v, payloads[v], old), ofDepth);
     }
 }
 
@@ -212,12 +206,14 @@ template <class Tr> void LevelSetBand<Tr>::writeDistances(Container const& tree,
     wave.extend();
     for (int depth = std::max(channel.minDepth(), 0); depth <= std::min(last, channel.depth()); ++depth)
         parallel::loop(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
+            const SurfaceDistances<Tr> distances(tree, voxelOffset(offset_), surface_, wave);
             for (int64 n = begin; n < end; ++n) {
                 float* values = channel.tileData(n, depth).data();
                 std::int32_t const* payloads = wave.payloads(n, depth);
+                float const* old = isOld[std::size_t(depth)][std::size_t(n)] ? values : nullptr;
                 for (int v = 0; v < Tr::voxelCount; ++v)
                     if (payloads[v] != Wave<Tr>::kNone)
-                        values[v] = float(signedDistance(tree.tile(n, depth), v, payloads[v], isOld[std::size_t(depth)][std::size_t(n)] ? values : nullptr) * voxelSize_);
+                        values[v] = float(signedDistance(distances, tree.tile(n, depth), v, payloads[v], old) * voxelSize_);
             }
         });
 }

@@ -1,5 +1,5 @@
 #pragma once
-#include "TilegridOps/algorithms/surface_points.h"
+#include "TilegridOps/algorithms/surface_distance.h"
 #include "TilegridOps/substrate/topology.h"
 
 namespace tilegrid {
@@ -43,7 +43,8 @@ public:
     void writeDistances(Container const& tree, Floats& channel) const;
 
 private:
-    double signedDistance(typename Container::Tile const& tile, int voxel, std::int32_t point, float const* old) const;
+    static double signedDistance(SurfaceDistances<Tr> const& distances, typename Container::Tile const& tile, int voxel,
+                                 std::int32_t point, float const* old);
     float const* oldValues(OST::int64 tile, int depth) const;
     template <class Visit> void forVoxels(OST::int64 tile, int depth, Visit const& visit) const;
     std::uint32_t missingDirections(OST::int64 tile, int depth, double low, double high, double margin) const;

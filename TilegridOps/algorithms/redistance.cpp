@@ -1,6 +1,6 @@
 #include "TilegridOps/algorithms/redistance.h"
 
-#include "TilegridOps/algorithms/surface_points.h"
+#include "TilegridOps/algorithms/surface_distance.h"
 #include "TilegridOps/host/logger.h"
 #include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/parallel.h"
@@ -125,7 +125,7 @@ template <class Tr> float Redistance<Tr>::writeTile(Wave<Tr> const& wave, int64 
     const auto flags = mask ? mask->tileData(n, depth) : TileData<unsigned char, Tr::width, 0>();
     std::int32_t const* payloads = wave.payloads(n, depth);
     const double width = tile.voxelDataWidth(), voxelSize = tree.voxelSize();
-    const float3 shift = voxelOffset(offset);
+    const tilegrid::SurfaceDistances<Tr> distances(tree, voxelOffset(offset), surface, wave);
     const float h = float(width * voxelSize);
     float most = 0;
     for (int v = 0; v < Tr::voxelCount; ++v) {
@@ -137,18 +137,11 @@ template <class Tr> float Redistance<Tr>::writeTile(Wave<Tr> const& wave, int64 
             someUnreached.store(true, std::memory_order_relaxed);
             continue;
         }
-        const std::size_t point = std::size_t(payloads[v]);
-        const int3 at = cubeIndex(Tr::width, v);
-        tilegrid::WavePoint const& p = surface.points[point];
-        const double3 place(tile.tijk().x + (at.x + double(shift.x)) * width - p.x, tile.tijk().y + (at.y + double(shift.y)) * width - p.y,
-                            tile.tijk().z + (at.z + double(shift.z)) * width - p.z);
         const float old = values(v);
         // What a blocked voxel holds says nothing of its side: there the surface goes on as it is shaped before the wall.
-        int side = 0;
-        tilegrid::SurfaceShape const& shape = surface.shapes[point];
-        const double distance = surfaceDistance(shape, place, tilegrid::reachAcrossJump<Tr>(shape.width, width), &side);
-        const bool inside = blocked ? side < 0 : old < 0;
-        float fresh = std::min(float(distance * voxelSize), limitOf(inside));
+        const tilegrid::SurfaceFoot nearest = distances(tile, v, payloads[v], /*along*/ !blockField);
+        const bool inside = blocked ? nearest.side < 0 : old < 0;
+        float fresh = std::min(float(nearest.distance * voxelSize), limitOf(inside));
         most = std::max(most, fresh);
         if (inside && !unsignedResult) fresh = -std::max(fresh, kLeastInside * h);
         const bool reset = crossing[std::size_t(depth)].empty() || !crossing[std::size_t(depth)][std::size_t(n * Tr::voxelCount + v)]

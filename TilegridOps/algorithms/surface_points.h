@@ -28,14 +28,6 @@ template <class Tr> double reachAcrossJump(double pointWidth, double voxelWidth)
     return 0.75 * std::min(voxelWidth, Tr::branching * pointWidth);
 }
 
-/// The distance of a place from the surface as the shape around a nearby surface point gives it.
-/// \param place  relative to the point
-/// \param reach  how far the shape is trusted at the least
-/// \param side   receives which side of the tangent plane the place lies on: 1 outward, else -1; may be null
-/// \par Source  one Newton step to the foot on the osculating paraboloid, kept within reach of the point; never above the distance from
-///      the point itself
-TILEGRID_API double surfaceDistance(SurfaceShape const& shape, OST::TileTree3D::double3 const& place, double reach = 0, int* side = nullptr);
-
 /// Where the surface of a level set crosses the edges between voxels.
 template <class Tr> struct SurfacePoints {
     std::vector<WavePoint> points;

@@ -134,21 +134,4 @@ SurfaceShape shapeAt(Derivatives const& low, Derivatives const& high, double t, 
     return shape;
 }
 
-double surfaceDistance(SurfaceShape const& shape, double3 const& place, double reach, int* side)
-{
-    const double3 n(shape.normal), e1(shape.e1);
-    const double3 e2 = cross(n, e1);
-    const double u = dot(n, place), k1 = shape.k1, k2 = shape.k2;
-    double t1 = dot(e1, place) / std::max(1 + u * k1, 0.25), t2 = dot(e2, place) / std::max(1 + u * k2, 0.25);
-    const double furthest = std::max(double(shape.reach), reach), across = std::sqrt(t1 * t1 + t2 * t2);
-    if (across > furthest) {
-        t1 *= furthest / across;
-        t2 *= furthest / across;
-    }
-    const double3 foot = t1 * e1 + t2 * e2 - (0.5 * (k1 * t1 * t1 + k2 * t2 * t2)) * n;
-    const double3 away = place - foot;
-    if (side) *side = dot(n, away) > 0 ? 1 : -1;
-    return std::sqrt(std::min(dot(away, away), dot(place, place)));
-}
-
 }  // namespace tilegrid

@@ -14,8 +14,8 @@
 ///
 /// \par Source  nearest points by exchange among neighbours: Danielsson, Computer Graphics and Image Processing 14, 1980;
 ///      V-cycles: Brandt, Mathematics of Computation 31, 1977. A voxel only ever sees the points of its neighbours, so now and
-///      then it misses the nearest one; the distance is then too large by some hundredths of a voxel far from the points, less
-///      near them.
+///      then it misses the nearest one: by some hundredths of a voxel of distance far from the points, less near them, and by more
+///      where voxels are coarser than the points are dense (`SurfaceDistances` looks further)
 namespace tilegrid {
 
 /// A point in tile space.
@@ -53,6 +53,8 @@ public:
     void restrict();
     /// The W^3 bytes of a tile, after `restrict`.
     std::uint8_t* writable(OST::int64 tile, int depth) { return levels_[std::size_t(depth)].writable.data() + tile * Tr::voxelCount; }
+    int minDepth() const { return limits_.minDepth; }
+    int maxDepth() const { return limits_.maxDepth; }
     void setPoints(WavePoint const* points) { points_ = points; }
 
     /// The V-cycle, from what the payloads hold.

@@ -58,7 +58,7 @@ TYPED_TEST(RedistancingAcrossJumps, stays_third_order_and_does_not_drift)
 
 TYPED_TEST(RedistancingAcrossJumps, of_several_levels_stays_near_and_keeps_signs)
 {
-    const int depths = TestFixture::ratio == 2 ? 4 : 1;
+    constexpr int depths = 4;
     const double coarse = double(TileSet<TypeParam>::voxelWidth(TestFixture::fine - depths));
     const Field exact = sphere(TestFixture::centre, TestFixture::radius);
     Redistanced<TypeParam> world(TestFixture::jump(true, depths, false), TestFixture::fine);

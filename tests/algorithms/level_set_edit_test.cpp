@@ -154,7 +154,7 @@ TYPED_TEST(LevelSetEdit, a_mask_holds_places_back)
         call.mask = "mask";
         call.quality = quality;
         EXPECT_EQ(this->move(*volume, 2.5f, call), kNothingSaid);
-        EXPECT_LE(finestErrors<TypeParam>(*volume, sphere(kCentre, 12), 1, [](Point const& p) { return p[0] < -6; }).largest, quality == 0 ? 1e-3 : 5e-3);
+        EXPECT_LE(finestErrors<TypeParam>(*volume, sphere(kCentre, 12), 1, [](Point const& p) { return p[0] < -6; }).largest, 1e-3);
         EXPECT_LE(finestErrors<TypeParam>(*volume, sphere(kCentre, 14.5), 1, [](Point const& p) { return p[0] > 7; }).largest, 0.02);
     }
 }

@@ -40,7 +40,7 @@ SurfaceFoot surfaceFoot(SurfaceShape const& shape, double3 const& place, double 
     foot.beyond = shorten(t1, t2, furthest);
     foot.t1 = t1;
     foot.t2 = t2;
-    if (std::min(d1, d2) < kLeastForDistance) {
+    if (!foot.beyond && std::min(d1, d2) < kLeastForDistance) {
         foot.t1 = p1 / std::max(d1, kLeastForWay);
         foot.t2 = p2 / std::max(d2, kLeastForWay);
         foot.beyond = shorten(foot.t1, foot.t2, furthest);
@@ -72,10 +72,11 @@ template <class Tr> std::int32_t SurfaceDistances<Tr>::pointKnownAt(double3 cons
 template <class Tr>
 std::int32_t SurfaceDistances<Tr>::nearerPoint(std::int32_t point, SurfaceFoot const& foot, double3 const& place) const
 {
+    SurfaceShape const& shape = surface_.shapes[std::size_t(point)];
     const double3 away = relative(point, place);
     // A voxel may know no point but this one, since points do not lie everywhere: then the next one further on may.
     for (double steps : {1, 2}) {
-        const std::int32_t other = pointKnownAt(place - away + onShape(surface_.shapes[std::size_t(point)], steps * foot.t1, steps * foot.t2));
+        const std::int32_t other = pointKnownAt(place - away + onShape(shape, steps * foot.t1, steps * foot.t2));
         if (other == Wave<Tr>::kNone) continue;
         const double3 otherAway = relative(other, place);
         if (dot(otherAway, otherAway) < dot(away, away)) return other;

@@ -20,10 +20,9 @@ public:
     static constexpr Point centre = {0.31, -0.17, 0.23};
 
     /// A cube with fine voxels where x is negative (or not), and voxels `depths` coarser in the other half.
-    static TileSet<Tr> jump(bool fineLow, int depths, bool graded)
+    static TileSet<Tr> jump(bool fineLow, int depths, bool graded, std::int64_t h = half)
     {
         TileSet<Tr> set;
-        const std::int64_t h = half;
         set.addBox({fineLow ? -h : 0, -h, -h}, {(fineLow ? 0 : h) - 1, h - 1, h - 1}, fine);
         set.addBox({fineLow ? 0 : -h, -h, -h}, {(fineLow ? h : 0) - 1, h - 1, h - 1}, fine - depths);
         return graded ? gradedClosure(set, 0, fine) : set;
@@ -56,26 +55,47 @@ TYPED_TEST(RedistancingAcrossJumps, stays_third_order_and_does_not_drift)
     }
 }
 
-TYPED_TEST(RedistancingAcrossJumps, of_several_levels_stays_near_and_keeps_signs)
+/// What a redistancing must never do, whatever the tree: leave something that is not finite, or change a sign.
+template <class Tr> void expectFiniteAndSignsKept(Redistanced<Tr> const& before, Redistanced<Tr> const& after)
 {
-    constexpr int depths = 4;
-    const double coarse = double(TileSet<TypeParam>::voxelWidth(TestFixture::fine - depths));
-    const Field exact = sphere(TestFixture::centre, TestFixture::radius);
-    Redistanced<TypeParam> world(TestFixture::jump(true, depths, false), TestFixture::fine);
-    world.fill(exact);
-    std::vector<bool> inside;
-    world.forVoxels([&](TreeIndex const& t, int v, Point const&) { inside.push_back(world.at(t, v) < 0); });
-    world.redistance();
-    std::size_t n = 0;
     bool kept = true, finite = true;
-    world.forVoxels([&](TreeIndex const& t, int v, Point const&) {
-        finite &= std::isfinite(world.at(t, v));
-        if (world.isLeafVoxel(t, v) && world.isFree(t, v)) kept &= inside[n] == (world.at(t, v) < 0);
-        ++n;
+    after.forVoxels([&](TreeIndex const& t, int v, Point const&) {
+        finite &= std::isfinite(after.at(t, v));
+        if (after.isFree(t, v) && after.isLeafVoxel(t, v)) kept &= (before.at(t, v) < 0) == (after.at(t, v) < 0);
     });
     EXPECT_TRUE(finite);
     EXPECT_TRUE(kept);
-    EXPECT_LE(errorsOf<TypeParam>(world, exact, 3 * coarse).largest, 0.2 * coarse);
+}
+
+// The radius is three of the coarse voxels, so that these know what they hold half of.
+TYPED_TEST(RedistancingAcrossJumps, of_several_levels_stays_near_and_keeps_signs)
+{
+    const int depths = TestFixture::ratio == 2 ? 4 : 2;
+    const double coarse = std::pow(TestFixture::ratio, depths), size = 3 * coarse;
+    const Field exact = sphere(TestFixture::centre, size);
+    for (bool fineLow : {true, false}) {
+        SCOPED_TRACE(fineLow ? "fine below" : "fine above");
+        Redistanced<TypeParam> world(TestFixture::jump(fineLow, depths, false, std::int64_t(size + coarse)), TestFixture::fine);
+        world.fill(exact);
+        const auto before = world;
+        world.redistance();
+        expectFiniteAndSignsKept(before, world);
+        const Errors errors = errorsOf<TypeParam>(world, exact, 3 * coarse);
+        EXPECT_GT(errors.count, 10000);
+        EXPECT_LE(errors.largest, 0.2 * coarse);
+    }
+}
+
+// A voxel of 625 finest ones tells nothing of a sphere of 60.
+TYPED_TEST(RedistancingAcrossJumps, to_voxels_larger_than_the_surface_keeps_signs)
+{
+    for (bool fineLow : {true, false}) {
+        Redistanced<TypeParam> world(TestFixture::jump(fineLow, 4, false), TestFixture::fine);
+        world.fill(sphere(TestFixture::centre, TestFixture::radius));
+        const auto before = world;
+        world.redistance();
+        expectFiniteAndSignsKept(before, world);
+    }
 }
 
 // Beside the ends of the tiles of a band the next coarser tile may be many times as large.

@@ -67,9 +67,9 @@ public:
     using Tile = typename Container<Tr>::Tile;
     using Floats = Channel<Tr, float, W, 0>;
 
-    Extrapolation(ExtrapolationType type, Container<Tr> const& tree, Channel<Tr, unsigned char, W, 0> const& marker, Floats& data,
-                  Floats const* order, int minDepth, int maxDepth, bool clamp)
-        : type_(type), tree_(tree), data_(data), order_(order), minDepth_(minDepth), maxDepth_(maxDepth), clamp_(clamp)
+    Extrapolation(ExtrapolationType type, Container<Tr> const& tree, float3 const& offset, Channel<Tr, unsigned char, W, 0> const& marker,
+                  Floats& data, Floats const* order, int minDepth, int maxDepth, bool clamp)
+        : type_(type), tree_(tree), offset_(offset), data_(data), order_(order), minDepth_(minDepth), maxDepth_(maxDepth), clamp_(clamp)
     {
         for (int depth = minDepth; depth <= maxDepth; ++depth) {
             Level& level = levels_[std::size_t(depth)];
@@ -186,7 +186,8 @@ private:
         const int v = flatIndex(W, in.x, in.y, in.z);
         if (order_) order = orderAt(holder.index, holder.depth, v);
         Source source = sourceAt(holder.index, holder.depth, v);
-        for (int a = 0; a < 3; ++a) source.added += source.slope[a] * float(double(from[a] - in[a] * coarse) * tree_.voxelSize());
+        for (int a = 0; a < 3; ++a)
+            source.added += source.slope[a] * float((from[a] - in[a] * coarse + double(offset_[a]) * (w - coarse)) * tree_.voxelSize());
         source.value += source.added;
         return source;
     }
@@ -322,11 +323,17 @@ private:
                 const std::size_t own = std::size_t(n * Tr::voxelCount + v);
                 Level& level = levels_[std::size_t(depth - 1)];
                 if (level.state[own] == kUnknown)
-                    put(n, depth - 1, v, filled(source.value, source.slope));
+                    put(n, depth - 1, v, filled(source.value + rise(source.slope, spacing(depth - 1) - spacing(depth)), source.slope));
                 else if (source.state == level.state[own])
                     level.slope[own] = source.slope;
             }
         });
+    }
+
+    /// From a voxel's sample to that of the coarser voxel it lies at the low corner of, whose width differs by `difference`.
+    float rise(float3 const& slope, double difference) const
+    {
+        return offset_ == float3() ? 0 : float(difference * dot(double3(slope), double3(offset_)));
     }
 
     /// What is still unknown is taken from the depth above: trilinear, or the mean of the samples around that are known.
@@ -344,7 +351,7 @@ private:
         const int64 above = tile.parentTreeIndex().index;
         const int3 cell = tree_.tile(above, depth - 1).childIJK(tile), at = cubeIndex(W, v);
         SiteTap taps[3];
-        for (int a = 0; a < 3; ++a) taps[a] = siteTap(cell[a] * W + at[a], 1, Tr::childStride, /*centred*/ false);
+        for (int a = 0; a < 3; ++a) taps[a] = siteTap(cell[a] * W + at[a], 1, Tr::childStride, /*centred*/ offset_[a] != 0);
         double value = 0, weights = 0;
         double3 slope;
         for (int corner = 0; corner < 8; ++corner) {
@@ -357,7 +364,7 @@ private:
             }
             if (weight == 0) continue;
             int3 d;
-            for (int a = 0; a < 3; ++a) d[a] = in[a] >= W ? 1 : 0;
+            for (int a = 0; a < 3; ++a) d[a] = in[a] < 0 ? -1 : in[a] >= W ? 1 : 0;
             const std::int32_t holder = levels_[std::size_t(depth - 1)].neighbors[std::size_t(above * 27 + neighborDirection(d.x, d.y, d.z))];
             if (holder < 0) continue;
             in = in - W * d;
@@ -373,6 +380,7 @@ private:
 
     ExtrapolationType type_;
     Container<Tr> const& tree_;
+    float3 offset_;
     Floats& data_;
     Floats const* order_;
     int minDepth_, maxDepth_;
@@ -383,17 +391,17 @@ private:
 }  // namespace
 
 template <class Tr, class T>
-void extrapolateChannel(ExtrapolationType type, Container<Tr> const& container, VoxelTopology<Tr> const&,
+void extrapolateChannel(ExtrapolationType type, Container<Tr> const& container, VoxelTopology<Tr> const& topology,
                         Channel<Tr, unsigned char, Tr::width, 0>& marker, Channel<Tr, T, Tr::width, 0>& data,
                         Channel<Tr, T, Tr::width, 0> const* orderField, DofChannel<Tr> const* dof, int minDepth, int maxDepth, bool clampToKnown)
 {
     minDepth = std::max({minDepth, data.minDepth(), 0});
     maxDepth = std::min({maxDepth, data.depth(), container.deepestDepth()});
     if (minDepth > maxDepth || !(container.voxelSize() > 0) || !std::isfinite(container.voxelSize())) return;
-    Extrapolation<Tr> run(type, container, marker, data, orderField, minDepth, maxDepth, clampToKnown);
+    Extrapolation<Tr> run(type, container, topology.offset(), marker, data, orderField, minDepth, maxDepth, clampToKnown);
     const Channel<Tr, T, Tr::width, 0> before = data;
     run.run();
-    if (dof) setNonDOFValues<Tr, T>(minDepth, maxDepth, container, data, *dof, kNonDofCopy);
+    if (dof) restoreDependentValues(container, data, topology.offsetType(), *dof, minDepth, maxDepth);
     for (int depth = minDepth; depth <= maxDepth; ++depth)
         parallel::loop(0, container.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
             for (int64 n = begin; n < end; ++n) {

@@ -37,6 +37,7 @@ void offset(float offset, bool adaptTopology, OST::Object& object, Corvid::Strin
 /// distance, in the band or not.
 ///
 /// \param bandwidth  half width, in voxels of the depth that the surface has there; NaN counts as 0
+/// Nothing happens for an infinite bandwidth, or a voxel size that is not above 0 and finite.
 /// Without a crossing the logger gets a warning, without the property an error, and nothing changes. A second call changes no
 /// tile. Both structures, whichever the object has.
 /// \throws as above

@@ -120,7 +120,7 @@ template <class Tr, class Logger> struct Offset {
         band.reset();
         dofs = parts.dofs();
         move(dofs);
-        setNonDOFValues<Tr, float>(0, Tr::maxDepth, *parts.tree, *parts.levelSet, dofs, kNonDofCopy);
+        restoreDependentValues(*parts.tree, *parts.levelSet, parts.topology->offsetType(), dofs, 0, Tr::maxDepth);
         if (!hasBothSigns<Tr>(*parts.tree, *parts.levelSet)) logger.warn("Level set has no surface after offset.");
     }
 

@@ -5,6 +5,7 @@
 #include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/grading.h"
 
+#include <cmath>
 #include <memory>
 
 namespace VolumeGL::TileTree3D::LevelSet {
@@ -22,6 +23,11 @@ bool resizeIn(float bandwidth, OST::Object& object, Corvid::String const& treeNa
 {
     LevelSetParts<Tr> parts(object, treeName, topologyName, property);
     if (!parts) return false;
+    const float size = parts.tree->voxelSize();
+    if (!(size > 0) || !std::isfinite(size) || std::isinf(bandwidth)) {
+        parts.putAll();
+        return true;
+    }
     auto dofs = parts.dofs();
     auto band = std::make_unique<LevelSetBand<Tr>>(*parts.tree, *parts.topology, *parts.levelSet, &dofs);
     if (!band->hasSurface()) {
@@ -40,7 +46,7 @@ bool resizeIn(float bandwidth, OST::Object& object, Corvid::String const& treeNa
     parts.takeLevelSet();
     dofs = parts.dofs();
     band->writeDistances(*parts.tree, *parts.levelSet);
-    setNonDOFValues<Tr, float>(0, Tr::maxDepth, *parts.tree, *parts.levelSet, dofs, kNonDofCopy);
+    restoreDependentValues(*parts.tree, *parts.levelSet, parts.topology->offsetType(), dofs, 0, Tr::maxDepth);
     parts.putAll();
     if (object.hasComponentFromName<DofChannel<Tr>>(Ostara::Geometry::sVoxelDegreeOfFreedom))
         createDofs<Tr>(Ostara::Geometry::sVoxelDegreeOfFreedom, object);

@@ -223,7 +223,7 @@ void levelSetRedistance(Container<Tr> const& container, VoxelTopology<Tr> const&
                         unsignedResult, minDepth, maxDepth, blockField, mask, limitFrom(maxOutside), limitFrom(maxInside), {}, {}};
     if (call.hasBothSigns()) {
         // Hanging voxels and those above children are read as neighbours, so they have to agree with what they depend on.
-        if (restoreDependents && dof) setNonDOFValues<Tr, float>(minDepth, maxDepth, container, levelSet, *dof, kNonDofCopy);
+        if (restoreDependents && dof) restoreDependentValues(container, levelSet, topology.offsetType(), *dof, minDepth, maxDepth);
         call.surface = tilegrid::findSurfacePoints<Tr>({container, levelSet, topology.offsetType(), minDepth, maxDepth, blockField, dof});
     }
     if (call.surface.empty()) {
@@ -238,7 +238,7 @@ void levelSetRedistance(Container<Tr> const& container, VoxelTopology<Tr> const&
     call.noteCrossing(wave);
     call.runWave(wave);
     call.write(wave);
-    if (restoreDependents && dof) setNonDOFValues<Tr, float>(minDepth, maxDepth, container, levelSet, *dof, kNonDofCopy);
+    if (restoreDependents && dof) restoreDependentValues(container, levelSet, topology.offsetType(), *dof, minDepth, maxDepth);
 }
 
 TILEGRID_REDISTANCE(, BinaryTraits)

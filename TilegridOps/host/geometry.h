@@ -23,13 +23,13 @@ TILEGRID_API Corvid::Ptr<OST::Object> shallow_copy_object_to_ost_volume(Object c
 /// `sVoxelSignedDistance`, else a volume.
 TILEGRID_API Corvid::MutablePtr<Object> move_ost_volume_to_object(OST::Object& native);
 
-/// Copies to `target` every entry of the sources that is not geometry and that the target lacks; the first source that has
-/// it wins. Null sources are skipped.
-TILEGRID_API void copyNonGeoProperties(Corvid::Array<Corvid::Ptr<Object>> const& sources, Object& target);
-
 }  // namespace Ostara::Geometry
 
 namespace Ostara::GeometryAlgorithms {
+
+/// Copies to `target` every entry of the sources that is not geometry and that the target lacks; the first source that has
+/// it wins. Null sources are skipped.
+TILEGRID_API void copyNonGeoProperties(Corvid::Array<Corvid::Ptr<Object>> const& sources, Object& target);
 
 /// World box of what the volume shows, not of its tiles. The first of these that applies: with a float
 /// `sVoxelSignedDistance`, the negative voxels and the zero crossings on their edges; with `sVoxelFogDensity`, the leaf

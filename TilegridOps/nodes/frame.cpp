@@ -83,16 +83,18 @@ bool checkType(NodeSpec const& row, Ostara::Object const& object, CoreGL::Corvid
 
 void modifyVolume(NodeSpec const& row, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
                   Corvid::RuntimeServices const& services, FunctionRef<bool(CoreGL::CorvidLogger const&)> handsThrough,
-                  FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run)
+                  FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run,
+                  FunctionRef<void(CoreGL::CorvidLogger const&)> conclude)
 {
     if (row.enablesPool) OST::TileTree3D::ChannelPool::enable();
     const int verbose = CoreGL::Logger::verboseLevel();
-    const auto timer = startTimer(row, services);
+    auto timer = row.timesLate ? nullptr : startTimer(row, services);
     const auto work = [&] {
         if (Corvid::isJobCancelled()) {
             output = Ostara::createObject();
             return;
         }
+        if (!timer) timer = startTimer(row, services);
         output = Corvid::toMutable(input);
         const CoreGL::CorvidLogger logger(services);
         // A null input is no volume; there is nothing to hand through but the null itself.
@@ -108,6 +110,7 @@ void modifyVolume(NodeSpec const& row, Corvid::Ptr<Ostara::Object> input, Corvid
             checkVolume(*native, row.name);
             output = Ostara::Geometry::move_ost_volume_to_object(*native);
         }
+        conclude(logger);
         if (verbose > 0) std::cout << row.name << ".end" << std::endl;
     };
     guarded(row, services, work, [&] { output = Ostara::createObject(); });

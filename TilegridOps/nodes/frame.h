@@ -30,10 +30,12 @@ bool checkType(NodeSpec const& row, Ostara::Object const& object, CoreGL::Corvid
 /// A node that changes a volume. The output is the input up to the moment the native volume is taken out.
 /// \param handsThrough  true leaves output = input (after the type check; it may warn)
 /// \param parameters  writes one line per parameter, for verbose levels above 0
-/// \param run  the node's own work on the native volume
+/// \param run  the node's own work on the native volume; not called if there is none
+/// \param conclude  called when the volume is back in the output, whether `run` was called or not
 void modifyVolume(NodeSpec const& row, Corvid::Ptr<Ostara::Object> input, Corvid::Ptr<Ostara::Object>& output,
                   Corvid::RuntimeServices const& services, FunctionRef<bool(CoreGL::CorvidLogger const&)> handsThrough,
-                  FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run);
+                  FunctionRef<void(std::ostream&)> parameters, FunctionRef<void(OST::Object&, CoreGL::CorvidLogger const&)> run,
+                  FunctionRef<void(CoreGL::CorvidLogger const&)> conclude = [](CoreGL::CorvidLogger const&) {});
 
 /// A node that only reads; its defaults are written before. `read` is not called if the job is cancelled or the type is wrong.
 /// `restore` writes the defaults again after a cancellation inside `read`.

@@ -75,13 +75,17 @@ template <class Tr> void setVoxelSizeIn(OST::Object& volume, float voxelSize)
 void rebuild_level_set(Corvid::Ptr<Ostara::Object> volume, Corvid::String const& property, Corvid::Ptr<Ostara::Object>& out,
                        Corvid::RuntimeServices const& services)
 {
+    bool rebuilt = false;
     modifyVolume(
         nodeSpec("rebuild_level_set"), std::move(volume), out, services, kNeverHandsThrough,
         [&](std::ostream& text) { text << "property = " << property << std::endl; },
-        [&](OST::Object& native, CorvidLogger const& logger) {
+        [&](OST::Object& native, CorvidLogger const&) {
             const bool binary = redistanceIn<BinaryTraits>(native, property, kRebuild);
             const bool quinary = redistanceIn<QuinaryTraits>(native, property, kRebuild);
-            if (!binary && !quinary) logger.error("Unable to rebuild level set.");
+            rebuilt = binary || quinary;
+        },
+        [&](CorvidLogger const& logger) {
+            if (!rebuilt) logger.error("Unable to rebuild level set.");
         });
 }
 
@@ -91,11 +95,17 @@ void coarsen_voxel_property(Corvid::Ptr<Ostara::Object> volume, Corvid::String c
     constexpr NodeSpec const& row = nodeSpec("coarsen_voxel_property");
     const auto timer = CoreGL::Logger::timer(Corvid::String(row.timer), &services);
     const auto work = [&] {
-        out = Ostara::createObject();
-        if (Corvid::isJobCancelled()) return;
+        if (Corvid::isJobCancelled()) {
+            out = Ostara::createObject();
+            return;
+        }
+        out = Corvid::toMutable(volume);
         const CorvidLogger logger(services);
-        if (!volume || !Ostara::Object::isA(*volume, *getVolumePrototype())) return logger.error(row.typeError);
-        out = std::move(volume);
+        if (!out || !checkType(row, *out, logger)) {
+            if (!out) logger.error(row.typeError);
+            out = Ostara::createObject();
+            return;
+        }
         logger.info("coarsen_voxel_property.begin");
         if (auto native = move_object_to_ost_volume(*Corvid::toMutable(out))) {
             VolumeGL::TileTree3D::channelCoarsen(property, absolute_error, relative_error, protect_surface, surface_band, *native,

@@ -46,7 +46,7 @@ Ptr<Ostara::Object> merged(HostVolumes const& volumes, bool invertOrder, tilegri
     auto native = tilegrid::mergeVolumes(working, parameters, decisions, services);
     checkVolume(*native, nodeSpec("merge_volumes_internal").name);
     auto object = Ostara::Geometry::move_ost_volume_to_object(*native);
-    Ostara::Geometry::copyNonGeoProperties(volumes, *object);
+    Ostara::GeometryAlgorithms::copyNonGeoProperties(volumes, *object);
     return object;
 }
 

@@ -17,6 +17,8 @@ struct NodeSpec {
     /// What the input must be, and what is said if it is not.
     Prototype prototype = Prototype::kNone;
     std::string_view typeError;
+    /// The timer does not run for a job that is cancelled from the start.
+    bool timesLate = false;
 };
 
 /// One row a node.
@@ -31,7 +33,8 @@ inline constexpr std::array kNodeTable{
     NodeSpec{"grade_volume", false, "", Prototype::kVolume, "Input 'volume' is not a volume."},
     NodeSpec{"merge_volumes_internal", false, "Geometry::Volume::merge_volumes", Prototype::kVolume,
              "Input 'volumes' contains an object that is not a volume."},
-    NodeSpec{"rebuild_level_set", false, "Geometry::Volume::rebuild_level_set", Prototype::kVolume, "Input 'volume' is not a volume."},
+    NodeSpec{"rebuild_level_set", false, "Geometry::Volume::rebuild_level_set", Prototype::kVolume, "Input 'volume' is not a volume.",
+             /*timesLate*/ true},
     NodeSpec{"remap_property", false, "", Prototype::kVolume, "Input 'geometry' is not a volume."},
     NodeSpec{"resample_volume", false, "", Prototype::kNone, ""},
     NodeSpec{"resize_level_set", false, "Volume::resize_level_set", Prototype::kLevelSet, "Input 'level_set' is not a volume."},

@@ -38,6 +38,8 @@ void splat_points_into_volume(Ptr<Ostara::Object> volume, Ostara::Object const& 
     constexpr NodeSpec const& row = nodeSpec("splat_points_into_volume");
     using namespace VolumeGL::TileTree3D;
     const auto timer = CoreGL::Logger::timer(Corvid::String(row.timer), &services);
+    // The output may be the last owner of the points.
+    const Ostara::Object cloud = points;
     const auto refused = [&](std::string_view message) {
         CoreGL::CorvidLogger(services).error(message);
         output = Ostara::createObject();
@@ -48,13 +50,13 @@ void splat_points_into_volume(Ptr<Ostara::Object> volume, Ostara::Object const& 
             return;
         }
         output = Corvid::toMutable(volume);
-        if (!Ostara::Object::isA(points, *Ostara::Geometry::getPointCloudPrototype())) return refused("Input 'points' is not a point cloud.");
+        if (!Ostara::Object::isA(cloud, *Ostara::Geometry::getPointCloudPrototype())) return refused("Input 'points' is not a point cloud.");
         if (!output || !Ostara::Object::isA(*output, *Ostara::Geometry::getVolumePrototype())) return refused(row.typeError);
         auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(output));
         if (!native) return;
         switch (kernel) {
-            case SplatKernelType::kLinear: splatPoints<Splat::LinearKernel>(a, b, c, d, count, option, property, points, *native); break;
-            case SplatKernelType::kQuadratic: splatPoints<Splat::QuadraticKernel>(a, b, c, d, count, option, property, points, *native); break;
+            case SplatKernelType::kLinear: splatPoints<Splat::LinearKernel>(a, b, c, d, count, option, property, cloud, *native); break;
+            case SplatKernelType::kQuadratic: splatPoints<Splat::QuadraticKernel>(a, b, c, d, count, option, property, cloud, *native); break;
         }
         checkVolume(*native, row.name);
         output = Ostara::Geometry::move_ost_volume_to_object(*native);

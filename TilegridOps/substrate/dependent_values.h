@@ -1,6 +1,7 @@
 #pragma once
 #include "TilegridOps/substrate/dofs.h"
 #include "TilegridOps/substrate/accessor.h"
+#include "TilegridOps/substrate/child_values.h"
 
 /// Restoring the values that follow from others, by their flags (dofs.h).
 namespace OST::TileTree3D {
@@ -26,6 +27,19 @@ enum NonDofMode : int {
 template <class Tr, class T>
 void setNonDOFValues(int minDepth, int maxDepth, Container<Tr> const& container, Channel<Tr, T, Tr::width, 0>& channel,
                      DofChannel<Tr> const& dofs, int mode);
+
+/// The same for samples at any place of their cells, voxels above a child taking copies: only corner samples hang, and others above
+/// children follow from these as `setNonLeafValueToChildValue` says.
+/// \param dofs  for corner samples
+template <class Tr, class T>
+void restoreDependentValues(Container<Tr> const& container, Channel<Tr, T, Tr::width, 0>& channel, VoxelOffsetType offset,
+                            DofChannel<Tr> const& dofs, int minDepth, int maxDepth)
+{
+    if (offset == kCorner)
+        setNonDOFValues<Tr, T>(minDepth, maxDepth, container, channel, dofs, kNonDofCopy);
+    else
+        setNonLeafValueToChildValue(channel, container, offset, minDepth, maxDepth);
+}
 
 enum RestrictionKind : int { kRestrictMean = 1, kRestrictInject = 2 };
 enum RestrictionWrite : int { kRestrictAssign = 1, kRestrictAdd = 2, kRestrictSubtract = 3 };

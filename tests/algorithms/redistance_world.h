@@ -20,12 +20,14 @@ template <class Tr> struct Redistanced {
     static constexpr int W = Tr::width;
 
     Tree<Tr> tree;
-    OST::TileTree3D::VoxelTopology<Tr> topology{"topology", OST::TileTree3D::kCorner};
+    OST::TileTree3D::VoxelTopology<Tr> topology;
     std::optional<Floats> values;
     std::optional<Dofs> dofs;
     int fine;
 
-    Redistanced(TileSet<Tr> const& tiles, int finest, float voxelSize = 1.0f) : tree("tree", voxelSize), fine(finest)
+    Redistanced(TileSet<Tr> const& tiles, int finest, float voxelSize = 1.0f,
+                OST::TileTree3D::VoxelOffsetType offset = OST::TileTree3D::kCorner)
+        : tree("tree", voxelSize), topology("topology", offset), fine(finest)
     {
         addAll(tiles, tree);
         topology.update(tree);
@@ -44,7 +46,7 @@ template <class Tr> struct Redistanced {
         const int3 at = OST::TileTree3D::cubeIndex(W, voxel);
         Point p;
         for (int a = 0; a < 3; ++a)
-            p[std::size_t(a)] = double(key.low[std::size_t(a)] + at[a] * TileSet<Tr>::voxelWidth(key.depth)) / unit();
+            p[std::size_t(a)] = (double(key.low[std::size_t(a)]) + (at[a] + double(topology.offset()[a])) * double(TileSet<Tr>::voxelWidth(key.depth))) / unit();
         return p;
     }
     /// Calls `visit(tile, voxel, place)` for all voxels.
@@ -70,7 +72,7 @@ template <class Tr> struct Redistanced {
 
     bool isFree(TreeIndex const& tile, int voxel) const
     {
-        return !(dofs->tileData(tile)(voxel) & OST::TileTree3D::kDofHanging);
+        return topology.offsetType() != OST::TileTree3D::kCorner || !(dofs->tileData(tile)(voxel) & OST::TileTree3D::kDofHanging);
     }
     /// The value at a voxel of depth `depth`, by its place in voxels of that depth; only if it is there and free.
     std::optional<double> freeValue(OST::TileTree3D::ConstTileAccessor<Tr> const& accessor, int3 const& voxel, int depth) const

@@ -246,7 +246,7 @@ TEST(HostObject, copies_properties_that_are_not_geometry_from_the_first_source_t
     sources.push_back({});
     sources.push_back(Ptr<Ostara::Object>(std::move(first)));
     sources.push_back(Ptr<Ostara::Object>(std::move(second)));
-    copyNonGeoProperties(sources, target);
+    Ostara::GeometryAlgorithms::copyNonGeoProperties(sources, target);
     EXPECT_EQ(*target.get<int>("a"), 1);
     EXPECT_EQ(*target.get<int>("b"), 3);
     EXPECT_EQ(*target.get<int>("c"), 9) << "what the target has stays";

@@ -1,4 +1,5 @@
 #include "TilegridOps/nodes/analysis.h"
+#include "support/components.h"
 #include "support/field_volumes.h"
 
 namespace tilegrid::test {
@@ -52,14 +53,15 @@ TYPED_TEST(AnalyzeVolume, runs_the_operator_of_its_mode)
 TYPED_TEST(AnalyzeVolume, with_mode_8_returns_the_volume_unchanged_in_content_but_moved_out_and_back)
 {
     for (int mode : {8, -1, 1000}) {
-        HostPtr volume = twoFields<TypeParam>();
+        HostPtr volume = twoFields<TypeParam>(), output;
         const std::string before = bytesOf<TypeParam, float>(*volume->native(), "f");
-        Host const* address = volume.get();
-        const HostPtr output = analyzed(volume, "f", mode, "r");
+        const auto components = componentsOf(volume);
+        EXPECT_GE(components.size(), 4u);
+        // With one owner nothing is copied: the same components come back.
+        analyze_volume(std::move(volume), "f", AnalyzeMode(mode), "r", AnalyzeOutputMode(0), output, Messages().services());
         ASSERT_TRUE(output && output->native());
-        EXPECT_NE(output.get(), address);
+        EXPECT_EQ(componentsOf(output), components);
         EXPECT_TRUE((bytesOf<TypeParam, float>(*output->native(), "f") == before));
-        EXPECT_FALSE(output->native()->hasComponentFromName("r"));
     }
 }
 

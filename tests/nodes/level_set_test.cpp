@@ -2,6 +2,7 @@
 #include "TilegridOps/nodes/query.h"
 #include "TilegridOps/substrate/dofs.h"
 
+#include "support/components.h"
 #include "support/jobs.h"
 #include "support/output.h"
 #include "support/volumes.h"
@@ -39,6 +40,19 @@ template <class Tr> float at(HostPtr const& volume, int i, int j, int k, Corvid:
     return volume->native()->template component<Floats<Tr>>(name)->tileData(tile.treeIndex())(i - tile.tijk().x, j - tile.tijk().y, k - tile.tijk().z);
 }
 
+/// Every voxel of every depth.
+template <class Tr> std::string bytesOf(HostPtr const& volume)
+{
+    std::string bytes;
+    const auto tree = treeOf<Tr>(*volume->native());
+    const auto channel = volume->native()->template component<Floats<Tr>>(sVoxelSignedDistance);
+    for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
+        const auto values = channel->tileData(tree->tile(n).treeIndex());
+        bytes.append(reinterpret_cast<char const*>(values.data()), sizeof(float) * Tr::voxelCount);
+    }
+    return bytes;
+}
+
 template <class Tr> class LevelSetNodes : public ::testing::Test {};
 TYPED_TEST_SUITE(LevelSetNodes, Structures, StructureNames);
 
@@ -58,11 +72,14 @@ TYPED_TEST(LevelSetNodes, rebuild_makes_distances_and_leaves_no_flags_behind)
 TYPED_TEST(LevelSetNodes, rebuild_without_the_property_says_so_and_changes_nothing)
 {
     HostPtr volume = ball<TypeParam>(3), out;
-    const auto before = volume->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance);
+    const auto before = componentsOf(volume);
+    const std::string bytes = bytesOf<TypeParam>(volume);
+    EXPECT_GE(before.size(), 3u);
     Messages messages;
-    rebuild_level_set(volume, "nothing", out, messages.services());
+    rebuild_level_set(std::move(volume), "nothing", out, messages.services());
     EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Unable to rebuild level set."}}));
-    EXPECT_EQ(out->native()->template component<Floats<TypeParam>>(sVoxelSignedDistance).get(), before.get());
+    EXPECT_EQ(componentsOf(out), before);
+    EXPECT_TRUE(bytesOf<TypeParam>(out) == bytes);
 }
 
 TYPED_TEST(LevelSetNodes, rebuild_of_a_property_that_holds_no_floats_says_so_too)
@@ -174,10 +191,14 @@ TYPED_TEST(LevelSetNodes, resize_with_a_negative_bandwidth_warns_once_and_runs_w
 {
     Messages messages;
     HostPtr out, none;
+    const VerboseLevel telling(1);
+    const CapturedStream output;
     resize_level_set(ball<TypeParam>(1), -1, out, messages.services());
+    EXPECT_EQ(output.lines(), (std::vector<std::string>{"resize_level_set.begin", "bandwidth = 0", "resize_level_set.end"}));
     EXPECT_EQ(messages.list(), (Messages::List{{Severity::kWarning, "Bandwidth clamped to zero."}}));
     resize_level_set(ball<TypeParam>(1), 0, none, Messages().services());
     EXPECT_TRUE(orderOf(*treeOf<TypeParam>(*out->native())) == orderOf(*treeOf<TypeParam>(*none->native())));
+    EXPECT_TRUE(bytesOf<TypeParam>(out) == bytesOf<TypeParam>(none));
     EXPECT_LT(treeOf<TypeParam>(*out->native())->tileCount(TypeParam::maxDepth),
               treeOf<TypeParam>(*ball<TypeParam>(1)->native())->tileCount(TypeParam::maxDepth));
 }
@@ -193,19 +214,6 @@ TYPED_TEST(LevelSetNodes, resize_wants_a_level_set)
 }
 
 const Messages::List kSizeSaid{{Severity::kInfo, "set_voxel_size.begin"}, {Severity::kInfo, "set_voxel_size.end"}};
-
-/// Every voxel of every depth.
-template <class Tr> std::string bytesOf(HostPtr const& volume)
-{
-    std::string bytes;
-    const auto tree = treeOf<Tr>(*volume->native());
-    const auto channel = volume->native()->template component<Floats<Tr>>(sVoxelSignedDistance);
-    for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
-        const auto values = channel->tileData(tree->tile(n).treeIndex());
-        bytes.append(reinterpret_cast<char const*>(values.data()), sizeof(float) * Tr::voxelCount);
-    }
-    return bytes;
-}
 
 TYPED_TEST(LevelSetNodes, set_voxel_size_of_0_or_less_gives_the_input_and_says_begin_and_end)
 {
@@ -225,7 +233,12 @@ TYPED_TEST(LevelSetNodes, set_voxel_size_scales_keeps_values_and_never_reads_the
         Messages messages;
         HostPtr out;
         const HostPtr in = ball<TypeParam>(1);
-        set_voxel_size(in, 2, flag, out, messages.services());
+        {
+            const VerboseLevel telling(1);
+            const CapturedStream output;
+            set_voxel_size(in, 2, flag, out, messages.services());
+            EXPECT_EQ(output.lines(), std::vector<std::string>{"set voxel size: 2"});
+        }
         EXPECT_EQ(messages.list(), kSizeSaid);
         EXPECT_EQ(treeOf<TypeParam>(*out->native())->voxelSize(), 2);
         EXPECT_EQ(treeOf<TypeParam>(*in->native())->voxelSize(), 0.5f) << "a shared input stays";
@@ -245,6 +258,7 @@ TYPED_TEST(LevelSetNodes, set_voxel_size_wants_a_volume_and_stops_when_cancelled
     const HostPtr wrong = Ostara::createObject();
     set_voxel_size(wrong, 1, true, out, messages.services());
     EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Input 'volume' is not a volume."}}));
+    EXPECT_TRUE(isEmptyObject(out)) << "what came in, which was empty";
     Job job;
     job.cancel();
     Messages cancelled(&job);
@@ -264,8 +278,12 @@ TYPED_TEST(LevelSetNodes, depth_is_written_for_the_binary_structure_and_nothing_
         EXPECT_NEAR(at<TypeParam>(volume, 0, 0, 0, "voxel_depth"), 0.5 * (9 - std::hypot(0.3, 0.2, 0.1)), 0.05);
         EXPECT_EQ(at<TypeParam>(volume, 12, 0, 0, "voxel_depth"), 0);
     } else {
-        EXPECT_TRUE(!volume || !volume->native());
+        EXPECT_FALSE(volume);
     }
+    HostPtr without = ball<TypeParam>(1);
+    Internal::compute_volume_depth("nothing", 0, 0, 0, without, messages.services());
+    EXPECT_FALSE(without);
+    EXPECT_EQ(messages.list(), Messages::List());
     HostPtr none;
     Internal::compute_volume_depth(sVoxelSignedDistance, 0, 0, 0, none, messages.services());
     EXPECT_FALSE(none);
@@ -276,10 +294,53 @@ TYPED_TEST(LevelSetNodes, depth_is_written_for_the_binary_structure_and_nothing_
     EXPECT_TRUE(isEmptyObject(stopped));
 }
 
+/// Names of the timers that end while verbose, in that order.
+template <class Run> std::vector<std::string> timersOf(Run const& run)
+{
+    const VerboseLevel telling(2);
+    const CapturedStream output;
+    run();
+    std::vector<std::string> names;
+    for (std::string const& line : output.lines())
+        if (const auto end = line.find(" : "); end != std::string::npos) names.push_back(line.substr(0, end));
+    return names;
+}
+
+TYPED_TEST(LevelSetNodes, tell_how_long_they_took_under_their_names)
+{
+    HostPtr out;
+    Messages messages;
+    const auto services = messages.services();
+    EXPECT_EQ(timersOf([&] { rebuild_level_set(ball<TypeParam>(1), sVoxelSignedDistance, out, services); }),
+              (std::vector<std::string>{"Geometry::Volume::rebuild_level_set", "Geometry::Volume::rebuild_level_set"}))
+        << "the redistancing and the node";
+    EXPECT_EQ(timersOf([&] { resize_level_set(ball<TypeParam>(1), 2, out, services); }).back(), "Volume::resize_level_set");
+    const auto coarsening = timersOf([&] { coarsen_voxel_property(ball<TypeParam>(1), sVoxelSignedDistance, 0.05f, 0, true, 2, out, services); });
+    ASSERT_GE(coarsening.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(coarsening.end() - 3, coarsening.end()),
+              (std::vector<std::string>{"Volume::LevelSet::redistance", "Volume::coarsen_voxel_property.redistance", "Volume::coarsen_voxel_property"}));
+    HostPtr volume = ball<TypeParam>(1);
+    EXPECT_EQ(timersOf([&] { Internal::compute_volume_depth(sVoxelSignedDistance, 0, 0, 0, volume, services); }).back(), "Volume::compute_volume_depth");
+}
+
+TYPED_TEST(LevelSetNodes, rebuild_of_a_cancelled_job_does_not_begin)
+{
+    Job job;
+    job.cancel();
+    std::vector<std::string> begun;
+    const Corvid::RuntimeServices services(&job, {}, [&](Corvid::StringView what, double) { begun.emplace_back(what); });
+    HostPtr out;
+    rebuild_level_set(ball<TypeParam>(1), sVoxelSignedDistance, out, services);
+    EXPECT_TRUE(isEmptyObject(out));
+    EXPECT_TRUE(begun.empty());
+}
+
 TYPED_TEST(LevelSetNodes, cancellation_on_the_way_gives_an_empty_object_and_tells_the_host)
 {
     const std::pair<char const*, std::function<void(HostPtr&, Corvid::RuntimeServices const&)>> nodes[] = {
         {"rebuild_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { rebuild_level_set(std::move(v), sVoxelSignedDistance, v, s); }},
+        {"coarsen_voxel_property",
+         [](HostPtr& v, Corvid::RuntimeServices const& s) { coarsen_voxel_property(std::move(v), sVoxelSignedDistance, 0.05f, 0, true, 2, v, s); }},
         {"resize_level_set", [](HostPtr& v, Corvid::RuntimeServices const& s) { resize_level_set(std::move(v), 3, v, s); }}};
     for (auto const& [name, run] : nodes) {
         Job counting;

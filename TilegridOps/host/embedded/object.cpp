@@ -101,14 +101,18 @@ Corvid::MutablePtr<Object> move_ost_volume_to_object(OST::Object& native)
     return object;
 }
 
+}  // namespace Geometry
+
+namespace GeometryAlgorithms {
+
 void copyNonGeoProperties(Corvid::Array<Corvid::Ptr<Object>> const& sources, Object& target)
 {
     for (auto const& source : sources)
         if (source)
             for (auto const& [name, value] : source->entries())
-                if (name != sPointPosition) target.entries().try_emplace(name, value);
+                if (name != Geometry::sPointPosition) target.entries().try_emplace(name, value);
 }
 
-}  // namespace Geometry
+}  // namespace GeometryAlgorithms
 
 }  // namespace Ostara

@@ -32,11 +32,24 @@ public:
     /// Largest difference of two fields at the finest depth, in voxels, within 5 of the surface of `ball`.
     static double difference(World const& a, World const& b)
     {
-        double most = 0;
+        Errors most;
         a.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
-            if (t.depth == fine && std::abs(sphere(kCentre, 9)(p)) <= 5) most = std::max(most, std::abs(a.length(a.at(t, v)) - b.length(b.at(t, v))));
+            if (t.depth == fine && std::abs(sphere(kCentre, 9)(p)) <= 5) most.add(a.length(a.at(t, v)) - b.length(b.at(t, v)));
         });
-        return most;
+        EXPECT_GT(most.count, 1000);
+        return most.largest;
+    }
+    /// Expects equal bytes of a call on a copy of a world, whatever the number of threads.
+    static void expectSameBytes(World const& world, Call const& call)
+    {
+        std::string first;
+        for (int threads : kThreadCounts) {
+            auto run = world;
+            parallel::runJob(nullptr, threads, [&] { run.redistance(call); });
+            if (first.empty()) first = run.bytes();
+            EXPECT_TRUE(first == run.bytes()) << threads << " threads";
+        }
+        EXPECT_FALSE(first == world.bytes());
     }
     /// Whether nothing happens to the field, bit for bit.
     static bool untouched(World world, Call const& call = {})
@@ -63,17 +76,31 @@ TYPED_TEST(RedistanceRules, any_limit_of_rounds_ends_and_gives_the_same_near_the
     }
     EXPECT_LE(this->difference(results[1], results[2]), 0.03);
     EXPECT_LE(this->difference(results[1], results[3]), 0.03);
+    EXPECT_LE(this->difference(results[2], results[3]), 0.03);
 }
 
 TYPED_TEST(RedistanceRules, same_bytes_for_any_number_of_threads)
 {
-    std::string first;
-    for (int threads : kThreadCounts) {
-        auto world = this->cube(sphere(kCentre, 25), 32);
-        parallel::runJob(nullptr, threads, [&] { world.redistance(); });
-        if (first.empty()) first = world.bytes();
-        EXPECT_TRUE(first == world.bytes()) << threads << " threads";
-    }
+    const Field stretched = [](Point const& p) { return 1.5 * sphere(kCentre, 25)(p); };
+    auto world = this->cube(stretched, 32);
+    typename TestFixture::Call call;
+    this->expectSameBytes(world, call);
+    call = this->coarsenCall();
+    this->expectSameBytes(world, call);
+    call = {};
+    auto blocked = *world.values;
+    world.forVoxels([&](TreeIndex const& t, int v, Point const& p) { blocked.tileData(t)(v) = p[0] > 3 ? 1.0f : -1.0f; });
+    call.blocked = &blocked;
+    call.keepSigns = false;
+    this->expectSameBytes(world, call);
+
+    TileSet<TypeParam> halves;
+    const std::int64_t h = 30;
+    halves.addBox({-h, -h, -h}, {-1, h - 1, h - 1}, this->fine);
+    halves.addBox({0, -h, -h}, {h - 1, h - 1, h - 1}, this->fine - 2);
+    typename TestFixture::World ungraded(halves, this->fine);
+    ungraded.fill([](Point const& p) { return 1.5 * sphere(kCentre, 20)(p); });
+    this->expectSameBytes(ungraded, {});
 }
 
 TYPED_TEST(RedistanceRules, a_distance_that_is_trusted_keeps_its_bits)
@@ -242,19 +269,24 @@ TYPED_TEST(RedistanceRules, walls_are_no_surface_of_the_liquid)
     call.restore = false;
     call.pre = call.post = 1 << 30;
     world.redistance(call);
-    double freeSurface = 0, deep = 0;
-    std::int64_t wrongSides = 0;
+    Errors freeSurface, deep;
+    std::int64_t wrongSides = 0, walls = 0;
     world.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
         if (t.depth != this->fine || std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 15) return;
         const double exact = p[1] - pool.surface, got = world.length(world.at(t, v));
         const bool solid = pool.blocked.tileData(t)(v) >= 0;
-        if (!solid && std::abs(exact) < 1) freeSurface = std::max(freeSurface, std::abs(got - exact));
-        if (!solid && exact < -4) deep = std::max(deep, std::abs(got / exact - 1));
-        // Beside the liquid the solid is liquid too: no crossing along the walls.
-        if (solid && std::abs(exact) > 1.5 && std::max(std::abs(p[0]), std::abs(p[2])) <= 11 && p[1] > pool.floor - 1) wrongSides += (got < 0) != (exact < 0);
+        if (!solid && std::abs(exact) < 1) freeSurface.add(got - exact);
+        if (!solid && exact < -4) deep.add(got / exact - 1);
+        // Beside the liquid the solid is liquid too: no crossing along the walls and the floor.
+        if (!solid || std::max(std::abs(p[0]), std::abs(p[2])) > 11 || p[1] < pool.floor - 1) return;
+        ++walls;
+        wrongSides += (got < 0) != (exact < 0);
     });
-    EXPECT_LE(freeSurface, 1e-5);
-    EXPECT_LE(deep, 0.02);
+    EXPECT_GT(freeSurface.count, 300);
+    EXPECT_LE(freeSurface.largest, 1e-5);
+    EXPECT_GT(deep.count, 1000);
+    EXPECT_LE(deep.largest, 0.02);
+    EXPECT_GT(walls, 1000);
     EXPECT_EQ(wrongSides, 0);
 }
 
@@ -282,9 +314,13 @@ TYPED_TEST(RedistanceRules, liquid_shut_in_by_solids_is_pushed_away_from_any_sur
     call.restore = false;
     pool.world.redistance(call);
     bool inside = true;
+    std::int64_t liquid = 0;
     pool.world.forVoxels([&](TreeIndex const& t, int v, Point const&) {
-        if (pool.blocked.tileData(t)(v) < 0) inside &= pool.world.at(t, v) <= -3;
+        if (pool.blocked.tileData(t)(v) >= 0) return;
+        ++liquid;
+        inside &= pool.world.at(t, v) <= -3;
     });
+    EXPECT_GT(liquid, 1000);
     EXPECT_TRUE(inside);
 }
 

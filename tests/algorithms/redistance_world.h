@@ -162,6 +162,7 @@ Errors errorsOf(Redistanced<Tr> const& world, Field const& exact, double band, s
         if (std::abs(exact(p)) > band || !world.isLeafVoxel(t, v) || !world.isFree(t, v) || (where && !where(p))) return;
         e.add(world.length(world.at(t, v)) - exact(p));
     });
+    EXPECT_GT(e.count, 0);
     return e;
 }
 
@@ -175,6 +176,7 @@ Errors slopeErrors(Redistanced<Tr> const& world, Field const& exact, double band
         if (std::abs(exact(p)) > band || !world.isLeafVoxel(t, v) || (where && !where(p))) return;
         if (const auto slope = world.slope(accessor, t, v)) e.add(*slope - 1);
     });
+    EXPECT_GT(e.count, 0);
     return e;
 }
 

@@ -63,6 +63,7 @@ template <class Tr> Errors finestErrors(Native const& volume, Field const& exact
     forFreeVoxels<Tr>(volume, Ostara::Geometry::sVoxelSignedDistance, [&](int depth, Point const& p, double value) {
         if (depth == Tr::maxDepth && std::abs(exact(p)) <= band && (!where || where(p))) errors.add(value - exact(p));
     });
+    EXPECT_GT(errors.count, 0);
     return errors;
 }
 

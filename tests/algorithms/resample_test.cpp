@@ -1,8 +1,9 @@
 #include "TilegridOps/algorithms/affine_map.h"
+#include "TilegridOps/algorithms/resample.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "TilegridOps/substrate/element_values.h"
 #include "cancelled_node.h"
-#include "support/field_volumes.h"
+#include "field_errors.h"
 #include "support/jobs.h"
 
 namespace tilegrid::test {
@@ -12,6 +13,8 @@ using namespace Geometry::Volume;
 using namespace Ostara::Math;
 using Ostara::Geometry::sVoxelSignedDistance;
 using Mode = Geometry::Volume::InterpolationMode;
+
+constexpr Mode kModes[] = {Mode::kLinear, Mode::kQuadraticC0Averaged, Mode::kCubicC0, Mode::kCubicC1, Mode::kCubicC1Monotonic};
 
 float4x4 identity()
 {
@@ -48,11 +51,21 @@ template <class Tr> HostPtr sphereVolume(double radius, int half, Layout layout 
     addField<Tr, float>(*volume, sVoxelSignedDistance, [radius](double3 const& p) { return float(length(p) - radius); });
     return hostVolume(std::move(volume));
 }
-template <class Tr> HostPtr linearVolume(int half, Layout layout)
+double linear(double3 const& p) { return 1 + 2 * p.x - 3 * p.y + p.z; }
+template <class Tr> HostPtr linearVolume(int half, Layout layout, float voxelSize = 0.5f)
 {
-    auto volume = boxVolume<Tr>(half, layout, 0.5f);
-    addField<Tr, float>(*volume, "f", [](double3 const& p) { return float(1 + 2 * p.x - 3 * p.y + p.z); });
+    auto volume = boxVolume<Tr>(half, layout, voxelSize);
+    addField<Tr, float>(*volume, "f", [](double3 const& p) { return float(linear(p)); });
     return hostVolume(std::move(volume));
+}
+/// The distance to a sphere less that in the property.
+template <class Tr, class Where> Errors sphereErrors(Host const& volume, double radius, Where const& where)
+{
+    return fieldErrors<Tr, float>(*volume.native(), sVoxelSignedDistance, where, [radius](double3 const& p, float v) { return v - (length(p) - radius); });
+}
+auto nearSphere(double radius, double band)
+{
+    return [radius, band](double3 const& p, int) { return std::abs(length(p) - radius) <= band; };
 }
 
 struct Call {
@@ -76,60 +89,66 @@ public:
 };
 TYPED_TEST_SUITE(Resample, Structures, StructureNames);
 
+/// The values of each tile, by its place: new tiles may stand in another order.
+template <class Tr> std::map<TileKey, std::string> bytesByPlace(Native const& native, Corvid::String const& name)
+{
+    std::map<TileKey, std::string> found;
+    const auto tree = treeOf<Tr>(native);
+    const auto channel = native.component<PlainChannel<Tr>>(name);
+    for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
+        const auto data = channel->tileData(tree->tile(n).treeIndex());
+        found[keyOf(tree->tile(n))] = std::string(reinterpret_cast<char const*>(data.data()), std::size_t(data.size()) * sizeof(float));
+    }
+    return found;
+}
+
 TYPED_TEST(Resample, by_the_identity_keeps_tiles_and_bits)
 {
-    for (Layout layout : {Layout::kUniform, Layout::kJump}) {
-        const HostPtr source = sphereVolume<TypeParam>(11.3, 20, layout);
-        const HostPtr result = resampled(source, {.property = sVoxelSignedDistance});
-        ASSERT_TRUE(result && result->native());
-        // New tiles may stand in another order: values are compared by place.
-        const auto collect = [&](Native const& native) {
-            std::map<TileKey, std::string> found;
-            const auto tree = treeOf<TypeParam>(native);
-            const auto channel = native.component<PlainChannel<TypeParam>>(sVoxelSignedDistance);
-            for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
-                const auto data = channel->tileData(tree->tile(n).treeIndex());
-                found[keyOf(tree->tile(n))] = std::string(reinterpret_cast<char const*>(data.data()), std::size_t(data.size()) * sizeof(float));
-            }
-            return found;
-        };
-        EXPECT_TRUE(collect(*source->native()) == collect(*result->native()));
-        EXPECT_TRUE(Host::isA(*result, *Ostara::Geometry::getLevelSetPrototype()));
-    }
+    for (Layout layout : {Layout::kUniform, Layout::kJump})
+        for (Mode mode : kModes) {
+            const HostPtr source = sphereVolume<TypeParam>(11.3, 20, layout);
+            const HostPtr result = resampled(source, {.property = sVoxelSignedDistance, .mode = mode});
+            ASSERT_TRUE(result && result->native());
+            const auto before = bytesByPlace<TypeParam>(*source->native(), sVoxelSignedDistance);
+            EXPECT_GT(before.size(), 300u);
+            EXPECT_TRUE(before == bytesByPlace<TypeParam>(*result->native(), sVoxelSignedDistance)) << int(mode);
+            EXPECT_TRUE(Host::isA(*result, *Ostara::Geometry::getLevelSetPrototype()));
+
+            // A target with more tiles than the source, and values that have to go.
+            const HostPtr into = resampled(source, {.property = sVoxelSignedDistance, .mode = mode, .target = sphereVolume<TypeParam>(3, 26, layout)});
+            auto after = bytesByPlace<TypeParam>(*into->native(), sVoxelSignedDistance);
+            EXPECT_GT(after.size(), before.size());
+            std::erase_if(after, [&before](auto const& tile) { return !before.count(tile.first); });
+            EXPECT_TRUE(before == after) << int(mode);
+        }
 }
 
 TYPED_TEST(Resample, by_a_shift_reproduces_a_linear_field)
 {
-    for (Layout layout : {Layout::kUniform, Layout::kJump})
-        for (Mode mode : {Mode::kLinear, Mode::kQuadraticC0Averaged, Mode::kCubicC0, Mode::kCubicC1, Mode::kCubicC1Monotonic}) {
-            const HostPtr result = resampled(linearVolume<TypeParam>(20, layout), {.property = "f", .transform = shifted(1.5f, 0, 0), .mode = mode});
-            ASSERT_TRUE(result && result->native());
-            double worst = 0;
-            forLeafVoxels<TypeParam, float>(*result->native(), "f", [&](double3 const& p, float v, int, auto const&, int) {
-                if (within(p, 5)) worst = std::max(worst, std::abs(v - (1 + 2 * (p.x - 1.5) - 3 * p.y + p.z)));
-            });
-            // Values up to 30.
-            EXPECT_LE(worst, 1e-5) << int(mode);
-        }
+    // By whole voxels, by half ones, and by parts that no float has exactly.
+    struct { float voxelSize; float3 shift; } const cases[] = {{0.5f, {1.5f, 0, 0}}, {1, {1.5f, 0, 0}}, {0.5f, {0.37f, -0.61f, 0.83f}}};
+    for (auto const& [voxelSize, shift] : cases)
+        for (Layout layout : {Layout::kUniform, Layout::kJump})
+            for (Mode mode : kModes) {
+                const Call call{.property = "f", .transform = shifted(shift.x, shift.y, shift.z), .mode = mode};
+                const HostPtr result = resampled(linearVolume<TypeParam>(20, layout, voxelSize), call);
+                ASSERT_TRUE(result && result->native());
+                const Errors errors = fieldErrors<TypeParam, float>(*result->native(), "f", inBox(5), [&](double3 const& p, float v) {
+                    return v - linear(p - double3(shift));
+                });
+                EXPECT_TRUE(areWithin(errors, 1e-5, 700)) << int(mode);
+            }
 }
 
 TYPED_TEST(Resample, by_a_turn_keeps_a_sphere)
 {
     constexpr double kRadius = 20;
     for (Layout layout : {Layout::kUniform, Layout::kJump})
-        for (Mode mode : {Mode::kLinear, Mode::kQuadraticC0Averaged, Mode::kCubicC1}) {
+        for (Mode mode : kModes) {
             const HostPtr result = resampled(sphereVolume<TypeParam>(kRadius, 30, layout), {.property = "", .transform = turned(30), .mode = mode});
-            double worst = 0;
-            int seen = 0;
-            const double h = layout == Layout::kUniform ? 1 : TypeParam::branching;
-            forLeafVoxels<TypeParam, float>(*result->native(), sVoxelSignedDistance, [&](double3 const& p, float v, int, auto const&, int) {
-                if (std::abs(length(p) - kRadius) > 1) return;
-                worst = std::max(worst, std::abs(v - (length(p) - kRadius)));
-                ++seen;
-            });
-            EXPECT_GT(seen, 1000);
             // In voxels of the coarse side, whose error is h^2 / 4R.
-            EXPECT_LE(worst, 0.02 * h * h) << int(mode);
+            const double h = layout == Layout::kUniform ? 1 : TypeParam::branching;
+            EXPECT_TRUE(areWithin(sphereErrors<TypeParam>(*result, kRadius, nearSphere(kRadius, 1)), 0.02 * h * h, 6000)) << int(mode);
         }
 }
 
@@ -137,15 +156,16 @@ TYPED_TEST(Resample, by_a_scale_multiplies_distances)
 {
     constexpr double kRadius = 20;
     const HostPtr source = sphereVolume<TypeParam>(kRadius, 30);
-    for (float voxelSize : {0.0f, 1.0f}) {
-        const HostPtr result = resampled(source, {.property = sVoxelSignedDistance, .transform = scaled(2, 2, 2), .voxelSize = voxelSize, .mode = Mode::kCubicC1});
-        EXPECT_EQ(treeOf<TypeParam>(*result->native())->voxelSize(), voxelSize > 0 ? 1.0f : 2.0f);
-        double worst = 0;
-        forLeafVoxels<TypeParam, float>(*result->native(), sVoxelSignedDistance, [&](double3 const& p, float v, int, auto const&, int) {
-            if (std::abs(length(p) - 2 * kRadius) <= 2) worst = std::max(worst, std::abs(v - (length(p) - 2 * kRadius)));
-        });
-        EXPECT_LE(worst, 0.02) << voxelSize;
-    }
+    for (Mode mode : kModes)
+        // The first reads the source at its samples, the other one between them as well.
+        for (float voxelSize : {0.0f, 1.3f}) {
+            const HostPtr result = resampled(source, {.property = sVoxelSignedDistance, .transform = scaled(2, 2, 2), .voxelSize = voxelSize, .mode = mode});
+            EXPECT_EQ(treeOf<TypeParam>(*result->native())->voxelSize(), voxelSize > 0 ? voxelSize : 2.0f);
+            // Linear interpolation is off by an eighth of the second derivatives, twice 1/r, and the scale doubles that: 0.5/r, with r from
+            // 18 in the cells that are read. 0.0258 was measured.
+            const double bound = mode == Mode::kLinear && voxelSize > 0 ? 0.5 / 18 : 0.02;
+            EXPECT_TRUE(areWithin(sphereErrors<TypeParam>(*result, 2 * kRadius, nearSphere(2 * kRadius, 2)), bound, 10000)) << int(mode) << " " << voxelSize;
+        }
 }
 
 TYPED_TEST(Resample, into_a_volume_keeps_its_tiles_and_its_other_properties)
@@ -161,12 +181,8 @@ TYPED_TEST(Resample, into_a_volume_keeps_its_tiles_and_its_other_properties)
     EXPECT_TRUE(messages.list().empty());
     EXPECT_EQ((bytesOf<Other, float>(*result->native(), "kept")), kept);
     const AffineMap back = *AffineMap(turned(17)).inverse();
-    double worst = 0;
-    forLeafVoxels<Other, float>(*result->native(), "f", [&](double3 const& p, float v, int, auto const&, int) {
-        const double3 s = back(p);
-        if (within(p, 4.8)) worst = std::max(worst, std::abs(v - (1 + 2 * s.x - 3 * s.y + s.z)));
-    });
-    EXPECT_LE(worst, 2e-5);
+    const Errors errors = fieldErrors<Other, float>(*result->native(), "f", inBox(4.8), [&](double3 const& p, float v) { return v - linear(back(p)); });
+    EXPECT_TRUE(areWithin(errors, 1e-5, 10000));
 }
 
 TYPED_TEST(Resample, makes_a_volume_of_the_structure_that_is_asked_for)
@@ -197,10 +213,11 @@ TYPED_TEST(Resample, carries_every_real_type_for_an_empty_name)
     add.template operator()<int>("j");
     const HostPtr result = resampled(hostVolume(std::move(native)), {.property = "", .transform = shifted(0, 0.25f, 0)});
     const auto check = [&]<class T>(char const* name) {
+        Errors errors;
         forLeafVoxels<TypeParam, T>(*result->native(), name, [&](double3 const& p, T const& v, int, auto const&, int) {
-            if (!within(p, 6)) return;
-            for (int c = 0; c < ElementTraits<T>::components; ++c) EXPECT_NEAR(ElementTraits<T>::at(v, c), p.y - 0.25, 1e-5) << name;
+            for (int c = 0; c < ElementTraits<T>::components && within(p, 6); ++c) errors.add(double(ElementTraits<T>::at(v, c)) - (p.y - 0.25));
         });
+        EXPECT_TRUE(areWithin(errors, 1e-5, 13 * 13 * 13 * ElementTraits<T>::components)) << name;
     };
     check.template operator()<float>("a");
     check.template operator()<float2>("b");
@@ -239,9 +256,9 @@ TYPED_TEST(Resample, reads_coarse_depths_for_coarse_voxels)
     constexpr int B = TypeParam::branching, D = TypeParam::maxDepth;
     for (auto [voxelSize, depth] : {std::pair(1.0f, D), {float(B), D - 1}, {float(B) * 0.99f, D}, {float(B) * 1.5f, D - 1}}) {
         const HostPtr result = resampled(source, {.property = "depth", .voxelSize = voxelSize});
-        forLeafVoxels<TypeParam, float>(*result->native(), "depth", [&](double3 const& p, float v, int at, auto const&, int) {
-            if (within(p, 20) && at == D) { EXPECT_EQ(v, float(depth)) << voxelSize; }
-        });
+        const Errors errors = fieldErrors<TypeParam, float>(*result->native(), "depth", [](double3 const& p, int at) { return within(p, 20) && at == D; },
+                                                            [&, expected = depth](double3 const&, float v) { return v - float(expected); });
+        EXPECT_TRUE(areWithin(errors, 0, 100)) << voxelSize;
     }
 }
 
@@ -249,12 +266,21 @@ TYPED_TEST(Resample, refuses_singular_maps_and_leaves_the_target)
 {
     const HostPtr source = linearVolume<TypeParam>(8, Layout::kUniform), target = linearVolume<TypeParam>(5, Layout::kUniform);
     const float nan = std::nanf(""), inf = INFINITY;
+    const Messages ignored;
+    const CoreGL::CorvidLogger logger(ignored.services());
     for (float4x4 const& matrix : {float4x4(), scaled(1, 0, 1), scaled(1, 1, nan), shifted(inf, 0, 0), scaled(1e-30f, 1, 1)}) {
         Messages messages;
         const HostPtr result = resampled(source, {.property = "f", .transform = matrix, .target = target}, messages);
         EXPECT_EQ(messages.list(), (Messages::List{{Severity::kError, "Resample transform is not invertible."}}));
         EXPECT_EQ((bytesOf<TypeParam, float>(*result->native(), "f")), (bytesOf<TypeParam, float>(*target->native(), "f")));
+        // And without the node.
+        HostPtr left = target;
+        EXPECT_FALSE(VolumeGL::TileTree3D::resample("f", matrix, 0, AutoSubdivisionStructure::kAutomatic, OST::TileTree3D::kLinear, *source, left, logger));
+        EXPECT_EQ(left, target);
     }
+    HostPtr made;
+    EXPECT_TRUE(VolumeGL::TileTree3D::resample("f", identity(), 0, AutoSubdivisionStructure::kAutomatic, OST::TileTree3D::kLinear, *source, made, logger));
+    EXPECT_TRUE(made && made->native());
 }
 
 TYPED_TEST(Resample, says_when_the_property_is_missing)
@@ -300,18 +326,14 @@ TYPED_TEST(Resample, makes_distances_anew_where_they_are_stretched_unevenly)
         const HostPtr result = resampled(source, call, messages);
         EXPECT_EQ(messages.list(), Messages::List());
         const auto tree = treeOf<TypeParam>(*result->native());
-        double worst = 0;
-        int seen = 0;
+        Errors errors;
         forLeafVoxels<TypeParam, float>(*result->native(), sVoxelSignedDistance, [&](double3 const& p, float v, int depth, auto const&, int) {
             if (depth != TypeParam::maxDepth || std::abs(length(p) - 15) > 5) return;
             const double exact = spheroidDistance(p, 12, 18);
-            if (std::abs(exact) > 2) return;
-            worst = std::max(worst, std::abs(v - exact) / double(tree->voxelSize()));
-            ++seen;
+            if (std::abs(exact) <= 2) errors.add((v - exact) / double(tree->voxelSize()));
         });
-        EXPECT_GT(seen, 1000);
         // As of a copy that is scaled evenly: the cubic's error, which the stretch enlarges; the scaled values alone are off by 0.4.
-        EXPECT_LE(worst, 0.02);
+        EXPECT_TRUE(areWithin(errors, 0.02, 1000));
         EXPECT_FALSE(result->native()->hasComponentFromName(Ostara::Geometry::sVoxelDegreeOfFreedom));
     }
 }
@@ -325,12 +347,11 @@ TYPED_TEST(Resample, keeps_distances_as_they_are_read_where_all_lengths_change_a
     for (auto const& matrix : {scaled(2, 2, 2), turned(90), scaled(1, -1, 1)}) {
         const HostPtr result = resampled(source, {.property = sVoxelSignedDistance, .transform = matrix});
         const double scale = double(treeOf<TypeParam>(*result->native())->voxelSize());
-        int seen = 0;
-        forLeafVoxels<TypeParam, float>(*result->native(), sVoxelSignedDistance, [&](double3 const& p, float v, int depth, auto const&, int) {
-            if (depth != TypeParam::maxDepth || length(p) > 9 * scale || ++seen > 1000) return;
-            EXPECT_NEAR(v, 3 * (length(p) - 6 * scale), 1e-3);
+        const auto inside = [&](double3 const& p, int depth) { return depth == TypeParam::maxDepth && length(p) <= 9 * scale; };
+        const Errors errors = fieldErrors<TypeParam, float>(*result->native(), sVoxelSignedDistance, inside, [&](double3 const& p, float v) {
+            return v - 3 * (length(p) - 6 * scale);
         });
-        EXPECT_GT(seen, 500);
+        EXPECT_TRUE(areWithin(errors, 1e-3, 2500));
     }
 }
 
@@ -347,11 +368,12 @@ TYPED_TEST(Resample, of_a_volume_into_itself_reads_what_it_was)
 {
     const HostPtr volume = linearVolume<TypeParam>(20, Layout::kUniform);
     const std::string before = bytesOf<TypeParam, float>(*volume->native(), "f");
-    const HostPtr result = resampled(volume, {.property = "f", .transform = shifted(0.5f, 0, 0), .target = volume});
+    const HostPtr result = resampled(volume, {.property = "f", .transform = shifted(0.3f, 0, 0), .target = volume});
     EXPECT_EQ((bytesOf<TypeParam, float>(*volume->native(), "f")), before) << "shared with the caller";
-    forLeafVoxels<TypeParam, float>(*result->native(), "f", [&](double3 const& p, float v, int, auto const&, int) {
-        if (within(p, 5)) { EXPECT_NEAR(v, 1 + 2 * (p.x - 0.5) - 3 * p.y + p.z, 1e-5); }
+    const Errors errors = fieldErrors<TypeParam, float>(*result->native(), "f", inBox(5), [](double3 const& p, float v) {
+        return v - linear(p - double3(double(0.3f), 0, 0));
     });
+    EXPECT_TRUE(areWithin(errors, 1e-5, 21 * 21 * 21));
 }
 
 TYPED_TEST(Resample, takes_an_empty_source)
@@ -366,16 +388,20 @@ TYPED_TEST(Resample, takes_an_empty_source)
 TYPED_TEST(Resample, gives_the_same_bytes_on_any_number_of_threads)
 {
     const HostPtr source = sphereVolume<TypeParam>(11, 16, Layout::kJump);
-    for (Mode mode : {Mode::kLinear, Mode::kCubicC1}) {
-        std::string first;
-        for (int threads : kThreadCounts)
-            parallel::runJob(nullptr, threads, [&] {
-                const HostPtr result = resampled(source, {.property = "", .transform = turned(33), .mode = mode});
-                const std::string bytes = bytesOf<TypeParam, float>(*result->native(), sVoxelSignedDistance);
-                if (first.empty()) first = bytes;
-                EXPECT_TRUE(bytes == first) << threads << " threads";
-            });
-    }
+    for (bool into : {false, true})
+        for (Mode mode : kModes) {
+            std::string first;
+            for (int threads : kThreadCounts) {
+                const HostPtr target = into ? sphereVolume<TypeParam>(3, 12) : HostPtr();
+                parallel::runJob(nullptr, threads, [&] {
+                    const HostPtr result = resampled(source, {.property = "", .transform = turned(33), .mode = mode, .target = target});
+                    const std::string bytes = bytesOf<TypeParam, float>(*result->native(), sVoxelSignedDistance);
+                    if (first.empty()) first = bytes;
+                    EXPECT_TRUE(bytes == first) << threads << " threads" << (into ? ", into a volume" : "");
+                });
+            }
+            EXPECT_GT(first.size(), 10000u);
+        }
 }
 
 TYPED_TEST(Resample, gives_an_empty_object_when_cancelled)

@@ -1,10 +1,12 @@
 #include "TilegridOps/algorithms/splat.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "cancelled_node.h"
-#include "support/field_volumes.h"
+#include "field_errors.h"
+#include "level_set_volume.h"
 #include "support/jobs.h"
 
 #include <map>
+#include <numeric>
 
 namespace tilegrid::test {
 namespace {
@@ -27,6 +29,15 @@ template <class T> HostPtr cloudWith(Places const& positions, Corvid::String con
     return cloud;
 }
 
+/// With the points' own factors on the radius.
+template <class T> HostPtr cloudWith(Places const& positions, Corvid::String const& name, Corvid::Array<T> const& values, Corvid::Array<float> const& radii)
+{
+    HostPtr shared = cloudWith(positions, name, values);
+    auto cloud = Corvid::toMutable(shared);
+    cloud->set(Corvid::String("point_radius"), radii);
+    return cloud;
+}
+
 /// Places in a cube around the origin of that half width, world units.
 Places randomPlaces(int count, double half, std::uint64_t seed)
 {
@@ -39,14 +50,25 @@ Places randomPlaces(int count, double half, std::uint64_t seed)
     }
     return places;
 }
-Corvid::Array<float> someValues(int count)
+Corvid::Array<float> someValues(std::size_t count, float least = -4)
 {
     Corvid::Array<float> values;
-    for (int n = 0; n < count; ++n) values.push_back(float(n % 17) - 4.0f);
+    for (std::size_t n = 0; n < count; ++n) values.push_back(float(n % 17) + least);
     return values;
 }
 
 constexpr float kVoxel = 0.5f;
+
+/// Points in a cube, and such that lie on voxels, half-way between them, on the corner, an edge and a face of tiles, and next to those.
+template <class Tr> Places manyPlaces(int count, double half, std::uint64_t seed)
+{
+    Places places = randomPlaces(count, half, seed);
+    const float border = kVoxel * float(Tr::rangeMin % Tr::width + Tr::width), inside = std::nextafter(border, 9.0f), outside = std::nextafter(border, -9.0f);
+    for (float3 const& odd : {float3(0, 0, 0), float3(1, -1.5f, 0.5f), float3(0.25f, 0.75f, -0.25f), float3(border, border, border),
+                              float3(border, border, 0.3f), float3(0.1f, border, 0.7f), float3(inside, 0.2f, outside)})
+        places.push_back(odd);
+    return places;
+}
 template <class Tr> Corvid::MutablePtr<Native> emptyTarget()
 {
     return nativeVolume<Tr>([](Tree<Tr>& tree) { tree.tileAccessor().addTile(0, 0, 0, 0); }, kVoxel);
@@ -90,19 +112,19 @@ double spline(double q)
     return t < 0.5 ? 0.75 - t * t : t < 1.5 ? 0.5 * (1.5 - t) * (1.5 - t) : 0;
 }
 
-/// The largest difference from the sums over all finest voxels, and how many of them there are.
-template <class Tr> double worstAgainst(Sums sums, Native const& volume, Corvid::String const& name)
+/// Differences from the sums, over all finest voxels.
+template <class Tr> Errors errorsAgainst(Sums sums, Native const& volume, Corvid::String const& name)
 {
-    double worst = 0;
+    Errors errors;
     forLeafVoxels<Tr, float>(volume, name, [&](double3 const& p, float v, int depth, auto const&, int) {
         if (depth != Tr::maxDepth) return;
         const std::array<int, 3> site{int(std::lround(p.x / kVoxel)), int(std::lround(p.y / kVoxel)), int(std::lround(p.z / kVoxel))};
         const auto found = sums.find(site);
-        worst = std::max(worst, std::abs(v - (found == sums.end() ? 0 : found->second)));
+        errors.add(v - (found == sums.end() ? 0 : found->second));
         if (found != sums.end()) sums.erase(found);
     });
     EXPECT_TRUE(sums.empty()) << sums.size() << " voxels with weight have no tile";
-    return worst;
+    return errors;
 }
 
 template <class Tr> class SplatTest : public ::testing::Test {};
@@ -110,25 +132,46 @@ TYPED_TEST_SUITE(SplatTest, Structures, StructureNames);
 
 TYPED_TEST(SplatTest, keeps_the_sum_of_the_values)
 {
-    const Places places = randomPlaces(500, 8, 1);
-    const auto values = someValues(500);
-    double exact = 0, size = 0;
-    for (float v : values) exact += v, size += std::abs(v);
-    for (float radius : {0.0f, 0.5f, 0.75f, 1.3f, 2.2f}) {
-        const auto run = [&]<class Kernel>() {
-            auto volume = emptyTarget<TypeParam>();
-            ASSERT_TRUE(splatPoints<Kernel>(radius, 0, 0, 1, 1, false, "q", *cloudWith(places, "q", values), *volume));
-            EXPECT_NEAR(sumAtFinest<TypeParam>(*volume, "q"), exact, 1e-5 * size) << radius;
-        };
-        run.template operator()<Splat::LinearKernel>();
-        run.template operator()<Splat::QuadraticKernel>();
+    const Places places = manyPlaces<TypeParam>(500, 8, 1);
+    // Of both signs, and of one.
+    for (float least : {-4.0f, 1.0f}) {
+        const auto values = someValues(places.size(), least);
+        const double exact = std::accumulate(values.begin(), values.end(), 0.0);
+        for (float radius : {0.0f, 0.5f, 0.75f, 1.3f, 2.2f}) {
+            const auto run = [&]<class Kernel>() {
+                auto volume = emptyTarget<TypeParam>();
+                ASSERT_TRUE(splatPoints<Kernel>(radius, 0, 0, 1, 1, false, "q", *cloudWith(places, "q", values), *volume));
+                EXPECT_NEAR(sumAtFinest<TypeParam>(*volume, "q"), exact, 1e-5 * std::abs(exact)) << radius;
+            };
+            run.template operator()<Splat::LinearKernel>();
+            run.template operator()<Splat::QuadraticKernel>();
+        }
     }
+}
+
+TYPED_TEST(SplatTest, keeps_the_sum_of_points_whose_footprints_leave_tile_space)
+{
+    // Floats nearest to the ends: up to 10 voxels from the low one, and up to 31 from the high one.
+    const double first = double(TypeParam::rangeMin) * kVoxel, last = double(TypeParam::rangeMax) * kVoxel;
+    const auto nearest = [](double end) { return std::abs(float(end)) > std::abs(end) ? std::nextafter(float(end), 0.0f) : float(end); };
+    const float low = nearest(first), high = nearest(last);
+    ASSERT_TRUE(low >= first && low - 12.0 * kVoxel < first && high <= last && high + 40.0 * kVoxel > last);
+    Places places;
+    for (float3 const& place : {float3(low, low, low), float3(low, 0.3f, -0.7f), float3(0.2f, high, 0.1f)}) places.push_back(place);
+    const HostPtr cloud = cloudWith(places, "q", Corvid::Array<float>{1, 2, 5}, Corvid::Array<float>{12, 12, 40});
+    const auto run = [&]<class Kernel>() {
+        auto volume = emptyTarget<TypeParam>();
+        ASSERT_TRUE(splatPoints<Kernel>(kVoxel, 0, 0, 1, 1, false, "q", *cloud, *volume));
+        EXPECT_NEAR(sumAtFinest<TypeParam>(*volume, "q"), 8, 8e-5);
+    };
+    run.template operator()<Splat::LinearKernel>();
+    run.template operator()<Splat::QuadraticKernel>();
 }
 
 TYPED_TEST(SplatTest, with_a_radius_of_one_voxel_is_cloud_in_cell)
 {
-    const Places places = randomPlaces(300, 5, 2);
-    const auto values = someValues(300);
+    const Places places = manyPlaces<TypeParam>(300, 5, 2);
+    const auto values = someValues(places.size());
     auto volume = emptyTarget<TypeParam>();
     ASSERT_TRUE(splatPoints<Splat::LinearKernel>(kVoxel, 0, 0, 1, 1, false, "q", *cloudWith(places, "q", values), *volume));
     // Trilinear weights in their own words: the eight corners of the cell.
@@ -146,41 +189,68 @@ TYPED_TEST(SplatTest, with_a_radius_of_one_voxel_is_cloud_in_cell)
             if (w != 0) cells[site] += w;
         }
     }
-    EXPECT_LE(worstAgainst<TypeParam>(cells, *volume, "q"), 1e-5);
+    EXPECT_TRUE(areWithin(errorsAgainst<TypeParam>(cells, *volume, "q"), 1e-5, 2000));
 }
 
 TYPED_TEST(SplatTest, agrees_with_a_sum_over_all_points_for_both_kernels_and_any_radius)
 {
-    const Places places = randomPlaces(120, 4, 3);
-    const auto values = someValues(120);
+    const Places places = manyPlaces<TypeParam>(120, 4, 3);
+    const auto values = someValues(places.size());
     for (double voxels : {1.0, 1.5, 2.7, 4.0}) {
         auto linear = emptyTarget<TypeParam>(), quadratic = emptyTarget<TypeParam>();
         const HostPtr cloud = cloudWith(places, "q", values);
         ASSERT_TRUE(splatPoints<Splat::LinearKernel>(float(voxels) * kVoxel, 0, 0, 1, 1, false, "q", *cloud, *linear));
         ASSERT_TRUE(splatPoints<Splat::QuadraticKernel>(float(voxels) * kVoxel, 0, 0, 1, 1, false, "q", *cloud, *quadratic));
         const double radius = double(float(voxels) * kVoxel) / kVoxel;
-        EXPECT_LE(worstAgainst<TypeParam>(bruteSums(places, values, radius, hat), *linear, "q"), 1e-5) << voxels;
-        EXPECT_LE(worstAgainst<TypeParam>(bruteSums(places, values, radius, spline), *quadratic, "q"), 1e-5) << voxels;
+        EXPECT_TRUE(areWithin(errorsAgainst<TypeParam>(bruteSums(places, values, radius, hat), *linear, "q"), 1e-5, 2000)) << voxels;
+        EXPECT_TRUE(areWithin(errorsAgainst<TypeParam>(bruteSums(places, values, radius, spline), *quadratic, "q"), 1e-5, 2000)) << voxels;
     }
 }
 
 TYPED_TEST(SplatTest, normalized_keeps_a_constant)
 {
-    const Places places = randomPlaces(400, 5, 4);
-    const Corvid::Array<float> values(std::size_t(400), 3.25f);
-    for (int depths : {1, 3}) {
+    const Places places = manyPlaces<TypeParam>(400, 5, 4);
+    const Corvid::Array<float> values(places.size(), 3.25f);
+    const auto run = [&]<class Kernel>(double (*weight)(double)) {
         auto volume = emptyTarget<TypeParam>();
-        ASSERT_TRUE(splatPoints<Splat::QuadraticKernel>(0.9f, 0, 0, 1, depths, true, "q", *cloudWith(places, "q", values), *volume));
-        const Sums touched = bruteSums(places, values, double(0.9f) / kVoxel, spline);
-        std::size_t seen = 0;
-        forLeafVoxels<TypeParam, float>(*volume, "q", [&](double3 const& p, float v, int depth, auto const&, int) {
-            const std::array<int, 3> site{int(std::lround(p.x / kVoxel)), int(std::lround(p.y / kVoxel)), int(std::lround(p.z / kVoxel))};
-            if (depth != TypeParam::maxDepth || !touched.count(site)) return;
-            EXPECT_NEAR(v, 3.25f, 1e-6 * 3.25);
-            ++seen;
+        ASSERT_TRUE(splatPoints<Kernel>(0.9f, 0, 0, 1, 1, true, "q", *cloudWith(places, "q", values), *volume));
+        Sums means = bruteSums(places, values, double(0.9f) / kVoxel, weight);
+        for (auto& [site, mean] : means) mean = 3.25;
+        EXPECT_TRUE(areWithin(errorsAgainst<TypeParam>(means, *volume, "q"), 1e-6 * 3.25, 2000));
+    };
+    run.template operator()<Splat::LinearKernel>(hat);
+    run.template operator()<Splat::QuadraticKernel>(spline);
+}
+
+TYPED_TEST(SplatTest, normalized_keeps_a_constant_of_points_of_three_depths)
+{
+    constexpr int D = TypeParam::maxDepth;
+    const Places places = manyPlaces<TypeParam>(400, 5, 4);
+    // Beyond 2 B and 2 B^2 voxels points go one and two depths up.
+    const auto depthOf = [](std::size_t n) { return D - (n % 80 == 0 ? 2 : n % 16 == 5 ? 1 : 0); };
+    Corvid::Array<float> values(places.size(), 3.25f), radii;
+    for (std::size_t n = 0; n < places.size(); ++n) radii.push_back(2.2f * float(TypeParam::voxelDataWidth(depthOf(n))));
+    const HostPtr cloud = cloudWith(places, "q", values, radii);
+    const auto run = [&]<class Kernel>() {
+        auto volume = emptyTarget<TypeParam>();
+        ASSERT_TRUE(splatPoints<Kernel>(kVoxel, 0, 0, 1, 3, true, "q", *cloud, *volume));
+        Errors byDepth[3];
+        forFreeVoxels<TypeParam>(*volume, "q", [&](int depth, Point const& p, double value) {
+            // A voxel of its lattice away from the rim of a point, which has weight there, also where it is interpolated.
+            bool touched = false;
+            for (std::size_t n = 0; n < places.size() && !touched; ++n) {
+                double off = 0;
+                for (int a = 0; a < 3; ++a) off = std::max(off, std::abs(p[std::size_t(a)] - double(places[n][a]) / kVoxel));
+                touched = depth >= depthOf(n) && off < double(radii[n]) - TypeParam::voxelDataWidth(depthOf(n));
+            }
+            if (!touched && value == 0) return;
+            ASSERT_GE(depth, D - 2);
+            byDepth[D - depth].add(value * kVoxel / 3.25 - 1);
         });
-        EXPECT_EQ(seen, touched.size());
-    }
+        for (Errors const& errors : byDepth) EXPECT_TRUE(areWithin(errors, 1e-6, 30));
+    };
+    run.template operator()<Splat::LinearKernel>();
+    run.template operator()<Splat::QuadraticKernel>();
 }
 
 TYPED_TEST(SplatTest, sends_large_points_to_coarse_tiles_and_every_depth_shows_both)
@@ -191,9 +261,7 @@ TYPED_TEST(SplatTest, sends_large_points_to_coarse_tiles_and_every_depth_shows_b
     places.push_back({0.3f, 0.2f, -0.1f});
     places.push_back({1.1f, 0.4f, 0.6f});
     Corvid::Array<float> values{8.0f, 1.0f}, radii{2.0f * B * 1.1f, 1.0f};
-    HostPtr shared = cloudWith(places, "q", values);
-    auto cloud = Corvid::toMutable(shared);
-    cloud->set(Corvid::String("point_radius"), radii);
+    const HostPtr cloud = cloudWith(places, "q", values, radii);
     auto volume = emptyTarget<TypeParam>();
     ASSERT_TRUE(splatPoints<Splat::LinearKernel>(kVoxel, 0, 0, 1, 4, false, "q", *cloud, *volume));
 
@@ -232,15 +300,15 @@ TYPED_TEST(SplatTest, sends_large_points_to_coarse_tiles_and_every_depth_shows_b
         return sum;
     };
     int atCoarse = 0, atFine = 0;
-    double worst = 0;
+    Errors errors;
     forLeafVoxels<TypeParam, float>(*volume, "q", [&](double3 const& p, float v, int depth, auto const&, int) {
         if (depth < D - 1) return;
         (depth == D ? atFine : atCoarse) += v != 0;
-        worst = std::max(worst, std::abs(v - expected(p)));
+        errors.add(v - expected(p));
     });
     EXPECT_GT(atCoarse, 20);
     EXPECT_GT(atFine, 8);
-    EXPECT_LE(worst, 1e-5);
+    EXPECT_TRUE(areWithin(errors, 1e-5, 300));
 }
 
 TYPED_TEST(SplatTest, takes_values_of_any_real_type_and_ones_without)
@@ -250,16 +318,13 @@ TYPED_TEST(SplatTest, takes_values_of_any_real_type_and_ones_without)
         auto volume = emptyTarget<TypeParam>();
         const Corvid::Array<T> values(places.size(), value);
         ASSERT_TRUE(splatPoints<Splat::LinearKernel>(0, 0, 0, 1, 1, true, "q", *cloudWith(places, "q", values), *volume));
-        double worst = 0;
-        int seen = 0;
+        Errors errors;
         forLeafVoxels<TypeParam, T>(*volume, "q", [&](double3 const&, T const& v, int, auto const&, int) {
             using Element = Ostara::Math::ElementTraits<T>;
             if (Element::at(v, 0) == 0) return;
-            ++seen;
-            for (int c = 0; c < Element::components; ++c) worst = std::max(worst, std::abs(double(Element::at(v, c) - Element::at(value, c))));
+            for (int c = 0; c < Element::components; ++c) errors.add(double(Element::at(v, c)) / double(Element::at(value, c)) - 1);
         });
-        EXPECT_GT(seen, 100);
-        EXPECT_LE(worst, 4e-6);
+        EXPECT_TRUE(areWithin(errors, 1e-6, 100));
     };
     run(2.5f);
     run(Ostara::Math::float2(1, 2));
@@ -334,14 +399,15 @@ TYPED_TEST(SplatTest, adds_to_what_is_there_or_replaces_it_where_points_are)
     ASSERT_TRUE(splatPoints<Splat::LinearKernel>(0.8f, 0, 0, 1, 1, false, "q", *cloud, *added));
     ASSERT_TRUE(splatPoints<Splat::LinearKernel>(0.8f, 0, 0, 1, 1, true, "q", *cloud, *mean));
     const Sums sums = bruteSums(places, values, double(0.8f) / kVoxel, hat);
-    forLeafVoxels<TypeParam, float>(*added, "q", [&](double3 const& p, float v, int depth, auto const&, int) {
+    const auto finest = [](double3 const&, int depth) { return depth == TypeParam::maxDepth; };
+    const auto sumAt = [&sums](double3 const& p) {
         const auto found = sums.find({int(std::lround(p.x / kVoxel)), int(std::lround(p.y / kVoxel)), int(std::lround(p.z / kVoxel))});
-        if (depth == TypeParam::maxDepth) { EXPECT_NEAR(v, 10 + (found == sums.end() ? 0 : found->second), 1e-5); }
-    });
-    forLeafVoxels<TypeParam, float>(*mean, "q", [&](double3 const& p, float v, int depth, auto const&, int) {
-        const bool near = sums.count({int(std::lround(p.x / kVoxel)), int(std::lround(p.y / kVoxel)), int(std::lround(p.z / kVoxel))}) > 0;
-        if (depth == TypeParam::maxDepth) { EXPECT_NEAR(v, near ? 4 : 10, 1e-5); }
-    });
+        return found == sums.end() ? 0 : found->second;
+    };
+    const Errors more = fieldErrors<TypeParam, float>(*added, "q", finest, [&](double3 const& p, float v) { return v - (10 + sumAt(p)); });
+    const Errors other = fieldErrors<TypeParam, float>(*mean, "q", finest, [&](double3 const& p, float v) { return v - (sumAt(p) > 0 ? 4 : 10); });
+    EXPECT_TRUE(areWithin(more, 1e-5, 24 * 24 * 24));
+    EXPECT_TRUE(areWithin(other, 1e-5, 24 * 24 * 24));
 }
 
 TYPED_TEST(SplatTest, refuses_a_property_of_another_type)
@@ -360,16 +426,21 @@ TYPED_TEST(SplatTest, gives_the_same_bytes_on_any_number_of_threads)
     Corvid::Array<float> radii;
     for (std::size_t n = 0; n < places.size(); ++n) radii.push_back(n % 500 ? 1.0f : 12.0f);
     const HostPtr cloud = cloudWith(places, "point_radius", radii);
-    for (bool mean : {false, true}) {
+    const auto run = [&]<class Kernel>(bool mean) {
         std::string first;
         for (int threads : kThreadCounts)
             parallel::runJob(nullptr, threads, [&] {
                 auto volume = emptyTarget<TypeParam>();
-                ASSERT_TRUE(splatPoints<Splat::QuadraticKernel>(0.8f, 0, 0, 1, 4, mean, "q", *cloud, *volume));
+                ASSERT_TRUE(splatPoints<Kernel>(0.8f, 0, 0, 1, 4, mean, "q", *cloud, *volume));
                 const std::string bytes = bytesOf<TypeParam, float>(*volume, "q");
                 if (first.empty()) first = bytes;
                 EXPECT_TRUE(bytes == first) << threads << " threads";
             });
+        EXPECT_GT(first.size(), 100000u);
+    };
+    for (bool mean : {false, true}) {
+        run.template operator()<Splat::LinearKernel>(mean);
+        run.template operator()<Splat::QuadraticKernel>(mean);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "TilegridOps/algorithms/extrapolate.h"
 #include "TilegridOps/algorithms/volume_depth.h"
+#include "field_errors.h"
 #include "level_set_volume.h"
 #include "support/clusters.h"
 
@@ -37,6 +38,16 @@ struct World {
         VolumeGL::TileTree3D::LevelSet::extrapolateChannel<Tr, float>(type, field.tree, field.topology, marker, *field.values, order,
                                                                       dofs ? &*field.dofs : nullptr, 0, Tr::maxDepth, clamp);
     }
+    /// The bytes of all markers.
+    std::string markers() const
+    {
+        std::string all;
+        for (OST::int64 n = 0; n < field.tree.tileCount(-1); ++n) {
+            const auto data = marker.tileData(field.tree.tile(n).treeIndex());
+            all.append(reinterpret_cast<char const*>(data.data()), std::size_t(data.size()));
+        }
+        return all;
+    }
 };
 
 TileSet<Tr> jump(int half)
@@ -49,22 +60,29 @@ TileSet<Tr> jump(int half)
 
 TEST(ExtrapolateChannel, continues_linear_data_exactly_also_across_jumps)
 {
-    const Field linear = [](Point const& p) { return 0.3 * p[0] - 0.2 * p[1] + 0.5 * p[2] + 1; };
-    for (bool withJump : {false, true}) {
-        World world(withJump ? jump(16) : gradedClosure(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16), 0, Tr::maxDepth));
-        world.fill(linear, [](Point const& p) { return p[2] <= 0.4 * p[0] ? 1 : 0; });
-        world.run(ExtrapolationType::kLinear);
-        double most = 0;
-        world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
-            // Also at the ends of finer tiles, where a known voxel may have its only known neighbours in coarser ones. Far out, where a
-            // depth has a few voxels, one may be known that has none at all.
-            if (std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 1000 || !world.field.isLeafVoxel(t, v)) return;
-            most = std::max(most, std::abs(world.field.at(t, v) - linear(p)) / (0.3 * std::abs(p[0]) + 0.2 * std::abs(p[1]) + 0.5 * std::abs(p[2]) + 1));
-            EXPECT_EQ(world.marker.tileData(t)(v), p[2] <= 0.4 * p[0] ? 1 : world.field.at(t, v) < 0 ? 1 : 2);
-        });
-        // Relative to the terms of the field: some forty layers of float sums.
-        EXPECT_LE(most, 1e-5) << (withJump ? "jump" : "uniform");
-    }
+    // The values of the first field are floats; those of the second are rounded. Half a unit in the last place, 1e-6 in the box of fine
+    // tiles, makes slopes wrong by up to 4e-6 at its border, and each of some twenty layers takes that on: 1.1e-5 was measured.
+    // Further out, up to forty layers round values that are as large as their place is far.
+    struct { Point slope; double inBox, byTerms; } const cases[] = {{{0.25, -0.125, 0.5}, 0, 0}, {{0.3, -0.2, 0.5}, 2e-5, 40 * 6e-8}};
+    for (auto const& [slope, boundInBox, boundByTerms] : cases)
+        for (bool withJump : {false, true}) {
+            const Field linear = [s = slope](Point const& p) { return s[0] * p[0] + s[1] * p[1] + s[2] * p[2] + 1; };
+            World world(withJump ? jump(16) : gradedClosure(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16), 0, Tr::maxDepth));
+            world.fill(linear, [](Point const& p) { return p[2] <= 0.4 * p[0] ? 1 : 0; });
+            world.run(ExtrapolationType::kLinear);
+            Errors fine, byTerms;
+            world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
+                // Also at the ends of finer tiles, where a known voxel may have its only known neighbours in coarser ones. Far out, where a
+                // depth has a few voxels, one may be known that has none at all.
+                if (std::max({std::abs(p[0]), std::abs(p[1]), std::abs(p[2])}) > 1000 || !world.field.isLeafVoxel(t, v)) return;
+                const double error = world.field.at(t, v) - linear(p);
+                byTerms.add(error / (std::abs(slope[0] * p[0]) + std::abs(slope[1] * p[1]) + std::abs(slope[2] * p[2]) + 1));
+                if (t.depth == Tr::maxDepth) fine.add(error);
+                EXPECT_EQ(world.marker.tileData(t)(v), p[2] <= 0.4 * p[0] ? 1 : world.field.at(t, v) < 0 ? 1 : 2);
+            });
+            EXPECT_TRUE(areWithin(fine, boundInBox, 15000)) << withJump;
+            EXPECT_TRUE(areWithin(byTerms, boundByTerms, 40000)) << withJump;
+        }
 }
 
 TEST(ExtrapolateChannel, continues_a_sphere_with_the_error_of_its_curvature)
@@ -94,8 +112,8 @@ TEST(ExtrapolateChannel, continues_a_sphere_with_the_error_of_its_curvature)
         if (layer == 3) third.add(world.field.at(t, v) - exact(p));
     });
     EXPECT_TRUE(kept);
-    EXPECT_LE(first.largest, 0.03);
-    EXPECT_LE(third.largest, 0.15);
+    EXPECT_TRUE(areWithin(first, 0.03, 4000));
+    EXPECT_TRUE(areWithin(third, 0.15, 4500));
 }
 
 TEST(ExtrapolateChannel, a_plateau_gets_its_surface_two_voxels_outside)
@@ -103,11 +121,11 @@ TEST(ExtrapolateChannel, a_plateau_gets_its_surface_two_voxels_outside)
     World world(cubeOfTiles<Tr>(Tr::maxDepth, -16, 16));
     world.fill([](Point const&) { return -2.0; }, [](Point const& p) { return p[1] <= 0 ? 1 : 0; });
     world.run();
+    Errors errors;
     world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
-        if (t.depth == Tr::maxDepth && p[1] > 0 && p[1] < 6 && std::max(std::abs(p[0]), std::abs(p[2])) < 10) {
-            EXPECT_NEAR(world.field.at(t, v), p[1] - 2, 0.1);
-        }
+        if (t.depth == Tr::maxDepth && p[1] > 0 && p[1] < 6 && std::max(std::abs(p[0]), std::abs(p[2])) < 10) errors.add(world.field.at(t, v) - (p[1] - 2));
     });
+    EXPECT_TRUE(areWithin(errors, 0.1, 19 * 19 * 5));
 }
 
 // Air is unknown, liquid and solids are known, and solids hold -2.
@@ -118,12 +136,13 @@ TEST(ExtrapolateChannel, the_free_surface_of_a_pool_stays_where_it_is)
     const auto isSolid = [](Point const& p) { return std::abs(p[0]) > 10 || p[1] < -12; };
     world.fill([&](Point const& p) { return isSolid(p) ? -2.0 : p[1] - surface; }, [&](Point const& p) { return isSolid(p) || p[1] < surface ? 1 : 0; });
     world.run();
+    // Between the walls, less one voxel for each layer that their level has come in by.
+    Errors layers[8];
     world.field.forVoxels([&](TreeIndex const& t, int v, Point const& p) {
-        // Of the crossing in open water: the first air voxel.
-        if (t.depth == Tr::maxDepth && std::abs(p[0]) < 9 && std::abs(p[2]) < 15 && p[1] > surface && p[1] < surface + 1) {
-            EXPECT_NEAR(world.field.at(t, v), p[1] - surface, 0.02);
-        }
+        const int n = int(std::floor(p[1] - surface));
+        if (t.depth == Tr::maxDepth && n >= 0 && n < 8 && std::abs(p[0]) < 9 - n && std::abs(p[2]) < 15) layers[n].add(world.field.at(t, v) - (p[1] - surface));
     });
+    for (Errors const& errors : layers) EXPECT_TRUE(areWithin(errors, 0.02, 29));
 }
 
 TEST(ExtrapolateChannel, obeys_order_clamp_and_what_is_not_finite)
@@ -172,8 +191,9 @@ TEST(ExtrapolateChannel, same_bytes_for_any_number_of_threads)
         const Field exact = sphere(kCentre, 8);
         world.fill(exact, [&](Point const& p) { return exact(p) < 0 ? 1 : 0; });
         parallel::runJob(nullptr, threads, [&] { world.run(); });
-        if (first.empty()) first = world.field.bytes();
-        EXPECT_TRUE(first == world.field.bytes()) << threads << " threads";
+        const std::string bytes = world.field.bytes() + world.markers();
+        if (first.empty()) first = bytes;
+        EXPECT_TRUE(first == bytes) << threads << " threads";
     }
 }
 

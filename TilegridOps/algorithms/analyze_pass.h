@@ -105,7 +105,7 @@ template <class Tr, class T> bool isInStep(Container<Tr> const& tree, Channel<Tr
     using Tile = typename Container<Tr>::Tile;
     std::atomic<bool> inStep{true};
     for (int depth = channel.minDepth(); depth < channel.depth(); ++depth)
-        parallel::forRanges(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
+        parallel::loop(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
             for (int64 n = begin; n < end && inStep; ++n) {
                 Tile const& tile = tree.tile(n, depth);
                 if (tile.isLeaf()) continue;

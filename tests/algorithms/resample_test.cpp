@@ -413,7 +413,7 @@ TYPED_TEST(Resample, gives_an_empty_object_when_cancelled)
         resample_volume(*source, nullptr, "", turned(20), 0, AutoSubdivisionStructure::kAutomatic, Mode::kLinear, output, messages.services());
         return output;
     };
-    expectEmptyWhenCancelled(run);
+    expectEmptyWhenCancelled("resample_volume", run);
 }
 
 }  // namespace

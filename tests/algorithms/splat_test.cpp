@@ -502,7 +502,19 @@ TYPED_TEST(SplatTest, node_gives_an_empty_object_when_cancelled_at_any_poll)
         splat_points_into_volume(hostVolume(emptyTarget<TypeParam>()), *cloud, true, "q", SplatKernelType::kLinear, 1, 0, 0, 1, 1, output, messages.services());
         return output;
     };
-    expectEmptyWhenCancelled(run);
+    expectEmptyWhenCancelled("splat_points_into_volume", run);
+}
+
+TYPED_TEST(SplatTest, node_takes_points_that_its_output_alone_owns)
+{
+    const auto splat = [](HostPtr& output, Host const& points) {
+        splat_points_into_volume(hostVolume(emptyTarget<TypeParam>()), points, true, "q", SplatKernelType::kLinear, 1, 0, 0, 1, 1, output, Messages().services());
+        return bytesOf<TypeParam, float>(*output->native(), "q");
+    };
+    HostPtr apart, alias = cloudOf(randomPlaces(20, 2, 3));
+    const std::string expected = splat(apart, *cloudOf(randomPlaces(20, 2, 3)));
+    Host const& owned = *alias;
+    EXPECT_TRUE(splat(alias, owned) == expected);
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ template <class Tr> void LevelSetBand<Tr>::grow(BandTarget const& target)
             if (!surface_.inDepth(depth)) continue;
             // A place of a tile to come lies within a diagonal of a voxel beside it that is nearer to the surface.
             const double margin = (std::max(target.band, 1.0f) + 2 * kDiagonal) * Tr::voxelDataWidth(depth);
-            const int64 tiles = int64(wave_.neighbors(depth).size() / 27);
+            const int64 tiles = wave_.tileCount(depth);
             std::vector<std::uint32_t> wanted(static_cast<std::size_t>(tiles));
             parallel::loop(0, tiles, kTilesAtOnce, [&](int64 begin, int64 end) {
                 for (int64 n = begin; n < end; ++n) wanted[std::size_t(n)] = missingDirections(n, depth, low, high, margin);
@@ -141,7 +141,7 @@ template <class Tr> bool LevelSetBand<Tr>::passes(float distance) const
 {
     std::atomic<bool> below{false}, above{false};
     for (int depth = 0; depth <= tree_.deepestDepth(); ++depth)
-        parallel::loop(0, int64(wave_.neighbors(depth).size() / 27), kTilesAtOnce, [&](int64 begin, int64 end) {
+        parallel::loop(0, wave_.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
             for (int64 n = begin; n < end && !(below && above); ++n)
                 forVoxels(n, depth, [&](int, double d, bool ofDepth) {
                     if (ofDepth) (d * voxelSize_ < distance ? below : above).store(true, std::memory_order_relaxed);

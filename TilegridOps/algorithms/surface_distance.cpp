@@ -60,7 +60,7 @@ template <class Tr> std::int32_t SurfaceDistances<Tr>::pointKnownAt(double3 cons
         cell[a] = int(std::floor(place[a]));
     }
     const TreeIndex found = accessor_.find(cell.x, cell.y, cell.z, wave_.maxDepth());
-    if (found.depth < wave_.minDepth()) return Wave<Tr>::kNone;
+    if (!found.valid() || found.index >= wave_.tileCount(found.depth)) return Wave<Tr>::kNone;
     auto const& tile = accessor_.container().tile(found);
     int3 at;
     for (int a = 0; a < 3; ++a)

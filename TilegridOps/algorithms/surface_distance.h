@@ -27,7 +27,7 @@ SurfaceFoot surfaceFoot(SurfaceShape const& shape, OST::TileTree3D::double3 cons
 /// Where the shape at a point has the nearest place lie further along the surface than it is trusted, the voxels on the way there are
 /// asked for a point that is nearer, and so on.
 ///
-/// Cheap to make; for one thread. The wave must not run meanwhile.
+/// Cheap to make; for one thread. The wave must not run meanwhile; of tiles that came after it nothing is asked.
 template <class Tr> class SurfaceDistances {
 public:
     using Container = OST::TileTree3D::Container<Tr>;

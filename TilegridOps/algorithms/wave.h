@@ -53,8 +53,6 @@ public:
     void restrict();
     /// The W^3 bytes of a tile, after `restrict`.
     std::uint8_t* writable(OST::int64 tile, int depth) { return levels_[std::size_t(depth)].writable.data() + tile * Tr::voxelCount; }
-    int minDepth() const { return limits_.minDepth; }
-    int maxDepth() const { return limits_.maxDepth; }
     void setPoints(WavePoint const* points) { points_ = points; }
 
     /// The V-cycle, from what the payloads hold.
@@ -63,6 +61,9 @@ public:
     /// Takes in tiles that the tree got since, or whose payloads were left at `kNone`: only the way back from the coarsest depth.
     /// \throws as above
     void extend();
+    /// Of each depth the tiles that take part: those there were in the beginning or at the last `extend`; none outside the limits.
+    OST::int64 tileCount(int depth) const { return OST::int64(levels_[std::size_t(depth)].neighbors.size() / 27); }
+    int maxDepth() const { return limits_.maxDepth; }
     /// For each tile of a depth the tiles around it (`sameDepthNeighbors`).
     std::vector<std::int32_t> const& neighbors(int depth) const { return levels_[std::size_t(depth)].neighbors; }
 

@@ -127,6 +127,39 @@ TYPED_TEST(LevelSetEdit, a_moved_sphere_is_the_sphere_of_the_other_radius)
     }
 }
 
+TYPED_TEST(LevelSetEdit, a_sphere_of_two_depths_grows_at_both)
+{
+    constexpr int coarse = TypeParam::maxDepth - 1;
+    const double width = double(TileSet<TypeParam>::voxelWidth(coarse)), radius = 12 * width / 2;
+    const Field before = sphere(kCentre, radius), after = sphere(kCentre, radius + 10);
+    // Tiles of the coarser depth around the surface, and finer ones within those where x is negative.
+    TileSet<TypeParam> set;
+    const auto half = std::int64_t(radius + 4 * width), step = std::int64_t(TypeParam::width * width);
+    const TileKey first = TileSet<TypeParam>::keyAt({-half, -half, -half}, coarse);
+    for (std::int64_t k = first.low[2]; k < half; k += step)
+        for (std::int64_t j = first.low[1]; j < half; j += step)
+            for (std::int64_t i = first.low[0]; i < half; i += step) {
+                const double middle = 0.5 * double(step);
+                if (std::abs(before({double(i) + middle, double(j) + middle, double(k) + middle})) > double(step)) continue;
+                if (i < 0)
+                    set.addBox({i, j, k}, {i + step - 1, j + step - 1, k + step - 1}, TypeParam::maxDepth);
+                else
+                    set.add({i, j, k}, coarse);
+            }
+    auto volume = levelSetVolume<TypeParam>(set, before);
+    EXPECT_EQ(this->move(*volume, 10), kNothingSaid);
+    // Off the plane where the depths meet.
+    const Errors fine = finestErrors<TypeParam>(*volume, after, 3, [&](Point const& p) { return p[0] < -3 * width; });
+    EXPECT_GT(fine.count, 1000);
+    EXPECT_LE(fine.largest, 0.01);
+    Errors others;
+    forFreeVoxels<TypeParam>(*volume, sVoxelSignedDistance, [&](int depth, Point const& p, double value) {
+        if (depth == coarse && std::abs(after(p)) <= 3 * width && p[0] > 3 * width) others.add(value - after(p));
+    });
+    EXPECT_GT(others.count, 300);
+    EXPECT_LE(others.largest, 0.01 * width);
+}
+
 TYPED_TEST(LevelSetEdit, qualities_agree_without_a_mask)
 {
     std::vector<Corvid::MutablePtr<Native>> moved;

@@ -20,10 +20,10 @@ template <int W> struct SideRange {
     explicit SideRange(int side) : first(side < 0 ? -2 : side == 0 ? 0 : W), count(side == 0 ? W : 2) {}
 };
 
-/// Mixes four samples, of which the outer two may be missing: the cubic of `LimitedCubic`.
+/// Mixes four samples, of which the outer two may be missing: the cubic of `EdgeCurve`.
 double mixedCubic(double const* samples, int stride, double t)
 {
-    return LimitedCubic(samples[0], samples[stride], samples[2 * stride], samples[3 * stride])(t);
+    return EdgeCurve(samples[0], samples[stride], samples[2 * stride], samples[3 * stride])(t);
 }
 
 }  // namespace

@@ -122,12 +122,13 @@ private:
         if (cube_.incomplete()) resolveAround(at, axis);
         const int step = Cube::kStride[std::size_t(axis)];
         float const* value = cube_.values() + Cube::at(at.x, at.y, at.z);
-        const LimitedCubic cubic(value[-step], value[0], value[step], value[2 * step]);
-        const double t = cubic.root(), width = tile.voxelDataWidth();
+        const Derivatives at0 = derivativesAt(value, Cube::kStride), at1 = derivativesAt(value + step, Cube::kStride);
+        const EdgeCurve curve(value[-step], value[0], value[step], value[2 * step], std::max(at0.steepness(), at1.steepness()));
+        const double t = curve.root(), width = tile.voxelDataWidth();
         double3 p;
         for (int a = 0; a < 3; ++a) p[a] = tile.tijk()[a] + (at[a] + double(offset_[a]) + (a == axis ? t : 0.0)) * width;
         found_.points.push_back({p.x, p.y, p.z});
-        found_.shapes.push_back(shapeAt(derivativesAt(value, Cube::kStride), derivativesAt(value + step, Cube::kStride), t, axis,
+        found_.shapes.push_back(shapeAt(at0, at1, t, axis,
                                         value[step] >= 0, width));
         SurfaceShape& shape = found_.shapes.back();
         // Points of a coarser tile lie far apart: of places whose foot is over there this one may be the nearest.

@@ -153,11 +153,14 @@ TYPED_TEST(Redistancing, of_a_box_is_exact_off_its_edges)
     auto world = this->cube([&](Point const& p) { return boxDistance(p, half); });
     std::vector<bool> inside;
     world.forVoxels([&](TreeIndex const& t, int v, Point const&) { inside.push_back(world.at(t, v) < 0); });
-    // A crease moves only by what samples cannot hold of it: in the mean over the voxel edges cut beside it.
+    // A crease moves only by what samples cannot hold of it: by 0.01 in the mean over the voxel edges cut beside it, where these are
+    // taken as cubics throughout by 0.035; a few move by 0.2.
     for (int call = 0; call < 3; ++call) {
         const auto before = world;
         world.redistance();
-        EXPECT_LE(shiftAtEdges(before, world, half).mean, 0.06) << "call " << call;
+        const Errors shift = shiftAtEdges(before, world, half);
+        EXPECT_LE(shift.mean, 0.02) << "call " << call;
+        EXPECT_LE(shift.largest, 0.25) << "call " << call;
     }
     Errors faces;
     std::size_t n = 0;

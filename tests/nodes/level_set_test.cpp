@@ -3,6 +3,7 @@
 #include "TilegridOps/substrate/dofs.h"
 
 #include "support/components.h"
+#include "support/field_volumes.h"
 #include "support/jobs.h"
 #include "support/output.h"
 #include "support/volumes.h"
@@ -40,18 +41,7 @@ template <class Tr> float at(HostPtr const& volume, int i, int j, int k, Corvid:
     return volume->native()->template component<Floats<Tr>>(name)->tileData(tile.treeIndex())(i - tile.tijk().x, j - tile.tijk().y, k - tile.tijk().z);
 }
 
-/// Every voxel of every depth.
-template <class Tr> std::string bytesOf(HostPtr const& volume)
-{
-    std::string bytes;
-    const auto tree = treeOf<Tr>(*volume->native());
-    const auto channel = volume->native()->template component<Floats<Tr>>(sVoxelSignedDistance);
-    for (OST::int64 n = 0; n < tree->tileCount(-1); ++n) {
-        const auto values = channel->tileData(tree->tile(n).treeIndex());
-        bytes.append(reinterpret_cast<char const*>(values.data()), sizeof(float) * Tr::voxelCount);
-    }
-    return bytes;
-}
+template <class Tr> std::string bytesOf(HostPtr const& volume) { return test::bytesOf<Tr, float>(*volume->native(), sVoxelSignedDistance); }
 
 template <class Tr> class LevelSetNodes : public ::testing::Test {};
 TYPED_TEST_SUITE(LevelSetNodes, Structures, StructureNames);

@@ -19,7 +19,7 @@ struct SurfaceFoot {
 /// \param reach  how far the shape is trusted at the least
 /// \par Source  one Newton step to the foot on the osculating paraboloid, kept within reach of the point; the distance is never above
 ///      that from the point itself
-SurfaceFoot surfaceFoot(SurfaceShape const& shape, OST::TileTree3D::double3 const& place, double reach = 0);
+SurfaceFoot surfaceFoot(SurfaceShape const& shape, OST::TileTree3D::double3 const& place, double reach);
 
 /// Distances from a surface to places, from the points that a wave has brought near them.
 ///

@@ -1,4 +1,6 @@
 #pragma once
+#include "support/paths.h"
+
 #include <sys/types.h>
 
 #include <filesystem>
@@ -48,5 +50,5 @@ inline std::string fileText(std::string const& path)
 
 inline std::string bunny()
 {
-    return TILEGRID_TEST_DATA "/bunny.obj";
+    return tilegrid::test::exampleFile("bunny.obj");
 }

@@ -5,6 +5,7 @@
 #include "graph/run.h"
 #include "io/error.h"
 #include "support/files.h"
+#include "support/paths.h"
 
 #include <sstream>
 
@@ -17,7 +18,7 @@ using tilegrid::test::errorOf;
 using tilegrid::test::TestFolder;
 using Words = std::vector<std::string>;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = tilegrid::test::exampleFile("bunny.obj");
 
 Plan planOf(Words const& words)
 {

@@ -5,6 +5,7 @@
 #include "graph/run.h"
 #include "io/error.h"
 #include "support/files.h"
+#include "support/paths.h"
 
 #include <nlohmann/json.hpp>
 
@@ -18,7 +19,7 @@ using tilegrid::test::contains;
 using tilegrid::test::errorOf;
 using Words = std::vector<std::string>;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = tilegrid::test::exampleFile("bunny.obj");
 
 struct Outcome {
     std::string results, messages;

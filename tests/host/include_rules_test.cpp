@@ -1,3 +1,4 @@
+#include "support/paths.h"
 #include "support/text_match.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +32,7 @@ std::string includedBy(std::string const& line)
 std::vector<Include> allIncludes()
 {
     std::vector<Include> includes;
-    const fs::path root(TILEGRID_SOURCE_DIR);
+    const fs::path root(sourceFolder());
     for (char const* top : {"TilegridOps", "io", "graph", "cli"}) {
         if (!fs::exists(root / top)) continue;
         for (auto const& entry : fs::recursive_directory_iterator(root / top)) {
@@ -103,7 +104,7 @@ TEST(IncludeRules, nothing_above_the_host_knows_the_embedded_host)
 
 TEST(IncludeRules, sources_of_the_library_name_each_other_from_the_repository_root)
 {
-    const fs::path root(TILEGRID_SOURCE_DIR);
+    const fs::path root(sourceFolder());
     for (auto const& [file, target] : allIncludes()) {
         const fs::path beside = root / fs::path(file).parent_path() / target;
         EXPECT_FALSE(target.find('/') == std::string::npos && fs::exists(beside))

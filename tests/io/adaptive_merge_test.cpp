@@ -2,11 +2,12 @@
 #include "io/mesh.h"
 #include "merge/plain_growth.h"
 #include "support/level_sets.h"
+#include "support/paths.h"
 
 namespace tilegrid::test {
 namespace {
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = exampleFile("bunny.obj");
 
 template <class Tr> class AdaptiveMergeOfMeshes : public ::testing::Test {};
 TYPED_TEST_SUITE(AdaptiveMergeOfMeshes, Structures, StructureNames);

@@ -3,6 +3,7 @@
 #include "io/points.h"
 #include "io/vdb.h"
 #include "support/files.h"
+#include "support/paths.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,7 @@ namespace fs = std::filesystem;
 template <class Read> int forCorpus(std::string const& target, Read const& read)
 {
     int files = 0;
-    for (auto const& entry : fs::directory_iterator(fs::path(TILEGRID_SOURCE_DIR) / "tests/fuzz/corpus" / target)) {
+    for (auto const& entry : fs::directory_iterator(fs::path(sourceFolder()) / "tests/fuzz/corpus" / target)) {
         std::ifstream in(entry.path(), std::ios::binary);
         read(entry.path().filename().string(), std::string(std::istreambuf_iterator<char>(in), {}));
         ++files;

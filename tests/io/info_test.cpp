@@ -6,6 +6,7 @@
 #include "support/jobs.h"
 #include "support/level_sets.h"
 #include "support/meshes.h"
+#include "support/paths.h"
 #include "support/structures.h"
 
 #include <numbers>
@@ -20,7 +21,7 @@ using Ostara::Math::float3;
 using Ostara::Math::int3;
 using namespace OST::TileTree3D;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = exampleFile("bunny.obj");
 
 template <class Tr> class VolumeDescription : public ::testing::Test {};
 TYPED_TEST_SUITE(VolumeDescription, Structures, StructureNames);

@@ -4,6 +4,7 @@
 #include "support/jobs.h"
 #include "support/level_sets.h"
 #include "support/meshes.h"
+#include "support/paths.h"
 #include "support/structures.h"
 
 namespace tilegrid::test {
@@ -16,7 +17,7 @@ using Ostara::Geometry::sVoxelSignedDistance;
 using Ostara::Math::float3;
 using Ostara::Math::int3;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = exampleFile("bunny.obj");
 
 template <class Tr> class LevelSetFromMesh : public ::testing::Test {};
 TYPED_TEST_SUITE(LevelSetFromMesh, Structures, StructureNames);

@@ -2,6 +2,7 @@
 #include "io/mesh.h"
 #include "support/files.h"
 #include "support/meshes.h"
+#include "support/paths.h"
 #include "support/structures.h"
 
 #include <bit>
@@ -17,7 +18,7 @@ using io::writeMesh;
 using Ostara::Math::float3;
 using Ostara::Math::int3;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = exampleFile("bunny.obj");
 
 constexpr char const* kTetrahedronObj = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nf 1 3 2\nf 1 2 4\nf 1 4 3\nf 2 3 4\n";
 

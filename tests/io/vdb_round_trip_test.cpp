@@ -7,6 +7,7 @@
 #include "support/jobs.h"
 #include "support/level_sets.h"
 #include "support/meshes.h"
+#include "support/paths.h"
 #include "support/structures.h"
 
 namespace tilegrid::test {
@@ -19,7 +20,7 @@ using io::VdbOptions;
 using io::writeVdb;
 using namespace OST::TileTree3D;
 
-const std::string kBunny = std::string(TILEGRID_TEST_DATA) + "/bunny.obj";
+const std::string kBunny = exampleFile("bunny.obj");
 
 template <class Tr> Corvid::Ptr<Ostara::Object> readOne(std::string const& path)
 {

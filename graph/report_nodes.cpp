@@ -7,8 +7,8 @@
 #include "io/check.h"
 #include "io/compare.h"
 #include "io/info.h"
-#include "io/picture.h"
 #include "io/sample.h"
+#include "io/slice.h"
 
 #include <nlohmann/json.hpp>
 

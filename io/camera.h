@@ -1,5 +1,6 @@
 #pragma once
 #include "TilegridOps/host/math.h"
+#include "io/view.h"
 
 namespace tilegrid::io {
 
@@ -7,14 +8,6 @@ namespace tilegrid::io {
 struct Ray {
     Ostara::Math::double3 origin, direction;
     Ostara::Math::double3 at(double t) const { return origin + t * direction; }
-};
-
-/// Where a camera stands, in degrees. At 0, 0 it looks along -z, with x to the right and y up.
-struct View {
-    /// How far it walks around the y axis, towards x.
-    double azimuth = 0.0;
-    /// How far it climbs from there; at 90 it looks down and -z is up in the picture.
-    double elevation = 0.0;
 };
 
 /// A rectangle of the plane at distance 1 from a camera, x to the right and y up. Empty until something is added.

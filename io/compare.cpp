@@ -2,6 +2,7 @@
 
 #include "TilegridOps/substrate/parallel.h"
 #include "io/plain_channel.h"
+#include "io/property_reader.h"
 #include "io/text.h"
 #include "io/volume_access.h"
 

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 /// Point clouds: objects with an array of positions (`point_position`, float3, world units) and arrays of equal length for further
 /// attributes, among them `point_radius` (float). No tiles.
@@ -28,16 +27,5 @@ Corvid::Ptr<Ostara::Object> readPoints(std::string const& path, std::uint64_t ma
 /// \throws InputError if there are no positions, an array has another length, a .vdb would hold a position that is not finite, or the
 ///         file cannot be written
 void writePoints(std::string const& path, Ostara::Object const& points, Corvid::RuntimeServices const& services);
-
-/// Points as columns of numbers, the form that text and binary tables share.
-struct PointTable {
-    std::vector<std::string> names;
-    /// By column, all of one length.
-    std::vector<std::vector<float>> columns;
-    std::size_t rows() const { return columns.empty() ? 0 : columns.front().size(); }
-};
-/// \throws InputError without the name of a file
-Corvid::Ptr<Ostara::Object> pointsOf(PointTable const& table);
-PointTable tableOf(Ostara::Object const& points, Corvid::RuntimeServices const& services);
 
 }  // namespace tilegrid::io

@@ -1,10 +1,25 @@
 #pragma once
-#include "io/points.h"
+#include "TilegridOps/host/object.h"
+#include "TilegridOps/host/runtime.h"
 
+#include <cstdint>
+#include <string>
 #include <string_view>
+#include <vector>
 
-/// The two forms of files in which points are tables. All throw InputError without the name of the file.
+/// Points as tables, and the two forms of files that hold such tables. All throw InputError without the name of the file.
 namespace tilegrid::io {
+
+/// Points as columns of numbers, the form that text and binary tables share.
+struct PointTable {
+    std::vector<std::string> names;
+    /// By column, all of one length.
+    std::vector<std::vector<float>> columns;
+    std::size_t rows() const { return columns.empty() ? 0 : columns.front().size(); }
+};
+/// \throws InputError without the name of a file
+Corvid::Ptr<Ostara::Object> pointsOf(PointTable const& table);
+PointTable tableOf(Ostara::Object const& points, Corvid::RuntimeServices const& services);
 
 /// \param maxBytes  0: no limit for what the table takes
 PointTable tableFromCsv(std::string_view content, std::uint64_t maxBytes);

@@ -2,10 +2,11 @@
 
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
+#include "io/camera.h"
 #include "io/error.h"
+#include "io/property_reader.h"
 #include "io/render_light.h"
 #include "io/render_shading.h"
-#include "io/sample.h"
 #include "io/surface_tracer.h"
 #include "io/volume_access.h"
 

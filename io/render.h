@@ -1,7 +1,7 @@
 #pragma once
 #include "TilegridOps/host/object.h"
-#include "io/camera.h"
-#include "io/picture.h"
+#include "io/image.h"
+#include "io/view.h"
 
 #include <string>
 

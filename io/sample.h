@@ -2,40 +2,21 @@
 #include "TilegridOps/host/object.h"
 
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace tilegrid::io {
 
-/// How values between voxels are made (TilegridOps/sampling).
+/// How values between voxels are made: trilinear, or by one of four kernels of three and four samples along an axis.
 enum class SampleMode { kLinear, kQuadratic, kCubic, kCubicC1, kCubicMonotonic };
-
-/// Reads one property at places of tile space. One per thread.
-class PlaceReader {
-public:
-    virtual ~PlaceReader() = default;
-    /// Writes as many numbers as the property has components; its default value outside every tile.
-    virtual void read(Ostara::Math::float3 const& place, double* components) const = 0;
-};
-
-/// Makes readers of one property. Refers to the volume.
-struct PropertyReaders {
-    int components = 0;
-    /// Callable from many threads at once.
-    std::function<std::unique_ptr<PlaceReader>()> make;
-};
-/// No components for types without a fraction, which no sampler reads.
-/// \throws InputError for an object without a tile tree, or a property that it has not
-PropertyReaders readersOf(Ostara::Object const& volume, std::string const& property, SampleMode mode);
 
 /// Values at places of world space, `components` numbers for each.
 struct Samples {
     int components = 0;
     std::vector<double> values;
 };
-/// \throws InputError as above, and for a type without a fraction
+/// Reads a property at positions of world space; its default value outside every tile.
+/// \throws InputError for an object without a tile tree, a property that it has not, or one of a type without a fraction
 Samples samplePlaces(Ostara::Object const& volume, std::string const& property, SampleMode mode,
                      std::vector<Ostara::Math::float3> const& places);
 

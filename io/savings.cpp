@@ -4,7 +4,7 @@
 #include "TilegridOps/substrate/parallel.h"
 #include "io/error.h"
 #include "io/info.h"
-#include "io/sample.h"
+#include "io/property_reader.h"
 #include "io/text.h"
 
 #include <nlohmann/json.hpp>

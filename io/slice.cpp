@@ -1,7 +1,9 @@
+#include "io/slice.h"
+
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "io/error.h"
-#include "io/picture.h"
+#include "io/property_reader.h"
 #include "io/volume_access.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "TilegridOps/host/geometry.h"
 #include "io/error.h"
-#include "io/points.h"
+#include "io/points_table.h"
 
 #include <openvdb/points/PointConversion.h>
 

@@ -1,6 +1,7 @@
 #include "io/error.h"
 #include "io/mesh.h"
 #include "io/points.h"
+#include "io/points_table.h"
 #include "io/vdb.h"
 #include "support/files.h"
 #include "support/paths.h"

@@ -1,5 +1,6 @@
 #include "io/error.h"
-#include "io/picture.h"
+#include "io/image.h"
+#include "io/slice.h"
 #include "io/volume_builder.h"
 #include "support/files.h"
 #include "support/jobs.h"

@@ -1,7 +1,7 @@
 // Values between voxels: from points in a table, and in pictures.
 #include "io/error.h"
-#include "io/picture.h"
 #include "io/sample.h"
+#include "io/slice.h"
 #include "io/volume_builder.h"
 #include "support/files.h"
 #include "support/jobs.h"

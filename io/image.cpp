@@ -1,4 +1,4 @@
-#include "io/picture.h"
+#include "io/image.h"
 
 #include "io/atomic_file.h"
 #include "io/error.h"

@@ -1,0 +1,80 @@
+#include "cli/run_command.h"
+
+#include "TilegridOps/host/logger.h"
+#include "cli/progress.h"
+#include "graph/chain.h"
+#include "graph/error.h"
+#include "graph/files.h"
+#include "graph/json.h"
+#include "graph/plan.h"
+#include "graph/run.h"
+#include "graph/settings.h"
+#include "io/atomic_file.h"
+#include "io/error.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace tilegrid::cli {
+
+namespace {
+
+std::string readText(std::string const& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    if (file) text << file.rdbuf();
+    if (!file || std::filesystem::is_directory(path)) throw io::InputError(path + ": the file cannot be read. Is it there, and is it a file?");
+    return text.str();
+}
+
+graph::Graph graphOfFile(std::string const& path)
+{
+    const std::string text = readText(path);
+    try {
+        return graph::graphFromJson(text);
+    } catch (graph::UsageError const& error) {
+        throw graph::UsageError(path + ": " + error.what());
+    } catch (io::InputError const& error) {
+        throw io::InputError(path + ": " + error.what());
+    }
+}
+
+graph::Graph graphOf(Options const& options)
+{
+    if (options.words.front() != "run") {
+        if (!options.settings.empty()) throw graph::UsageError("--set goes with `tilegrid run GRAPH.json`; in a chain write key=value.");
+        return graph::parseChain(options.words, [](std::string const& path) { return std::filesystem::exists(path); });
+    }
+    if (options.words.size() != 2) throw graph::UsageError("run: give one file, as in `tilegrid run graph.json --set voxel=0.02`.");
+    graph::Graph graph = graphOfFile(options.words[1]);
+    for (std::string const& setting : options.settings) graph::applySetting(graph, setting);
+    return graph;
+}
+
+}  // namespace
+
+void runSteps(Options const& options, Job& job, std::ostream& results)
+{
+    CoreGL::Logger::setVerboseLevel(options.verbose);
+    const graph::Graph graph = graphOf(options);
+    const graph::Plan plan = graph::makePlan(graph);
+    if (!options.save.empty()) {
+        // Only a graph that could run is worth keeping.
+        graph::createParentFolders(options.save);
+        io::writeAtomically(options.save, [&](std::ostream& file) { file << graph::toJson(graph); });
+        return;
+    }
+    ProgressReporter reporter(options.progress);
+    const auto message = [&reporter](Severity severity, Corvid::StringView text) {
+        reporter.clear();
+        std::cerr << (severity == Severity::kError ? "error: " : severity == Severity::kWarning ? "warning: " : "")
+                  << std::string_view(text) << std::endl;
+    };
+    graph::run(plan, {.job = &job, .threads = options.threads, .maxBytes = options.maxMemory, .results = results, .messages = message,
+                      .progress = [&reporter](graph::Progress const& progress) { reporter.show(progress); }});
+}
+
+}  // namespace tilegrid::cli

@@ -3,22 +3,22 @@
 include(CMakePackageConfigHelpers)
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/TilegridOps")
 
-# The named headers of the source tree, and those that they include. A header that none of them reaches is internal.
+# The headers of a component, core or io, that docs/public_headers.txt lists.
 function(tilegrid_install_headers component)
   install(CODE "
     set(source_dir [==[${PROJECT_SOURCE_DIR}]==])
     set(staging_dir [==[${PROJECT_BINARY_DIR}/install_headers]==])
     set(include_dir [==[${CMAKE_INSTALL_INCLUDEDIR}]==])
-    set(headers [==[${ARGN}]==])" COMPONENT ${component})
+    set(component [==[${component}]==])" COMPONENT ${component})
   install(SCRIPT "${PROJECT_SOURCE_DIR}/cmake/InstallHeaders.cmake" COMPONENT ${component})
 endfunction()
 
 # A library of the package: its target is exported as TilegridOps::COMPONENT, and NAME.pc describes it to pkg-config.
 function(tilegrid_install_library target component name description)
-  cmake_parse_arguments(arg "" "PKG_CONFIG_REQUIRES" "HEADERS" ${ARGN})
+  cmake_parse_arguments(arg "" "PKG_CONFIG_REQUIRES" "" ${ARGN})
   install(TARGETS ${target} EXPORT TilegridOps_${component} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component})
   install(EXPORT TilegridOps_${component} NAMESPACE TilegridOps:: DESTINATION ${package_dir} COMPONENT ${component})
-  tilegrid_install_headers(${component} ${arg_HEADERS})
+  tilegrid_install_headers(${component})
 
   foreach(kind LIBDIR INCLUDEDIR)
     if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
@@ -44,12 +44,10 @@ install(FILES "${PROJECT_BINARY_DIR}/TilegridOpsConfig.cmake" "${PROJECT_BINARY_
   DESTINATION ${package_dir} COMPONENT core)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT core)
 
-tilegrid_install_library(tilegrid_core core TilegridOps "Volume operators on sparse, adaptive voxel grids"
-  HEADERS TilegridOps/TilegridOps.h)
+tilegrid_install_library(tilegrid_core core TilegridOps "Volume operators on sparse, adaptive voxel grids")
 if(TILEGRID_BUILD_IO)
   tilegrid_install_library(tilegrid_io io TilegridOpsIo "Meshes, .vdb files and pictures for TilegridOps"
-    PKG_CONFIG_REQUIRES "TilegridOps = ${PROJECT_VERSION}"
-    HEADERS io/check.h io/error.h io/info.h io/level_set_from_mesh.h io/mesh.h io/picture.h io/sample.h io/surface.h io/vdb.h)
+    PKG_CONFIG_REQUIRES "TilegridOps = ${PROJECT_VERSION}")
   file(RELATIVE_PATH bin_to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_target_properties(tilegrid_io PROPERTIES INSTALL_RPATH "$ORIGIN")
   set_target_properties(tilegrid PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")

@@ -24,3 +24,10 @@ function(expect_output component)
     message(FATAL_ERROR "The consumer printed '${output}' instead of '${expected_${component}}'")
   endif()
 endfunction()
+
+# How the examples are run, and what they print. The points fill a cube of side 2 on a lattice of spacing 1/4. By symmetry half the
+# density is found half a spacing beyond its faces, which gives 2.25^3 = 11.4 less what is rounded off along the edges.
+set(arguments_adaptive_merge SOURCE/examples/data/bunny.obj OUT)
+set(expected_adaptive_merge "\nvoxel size +0.01935.*\n[1-9][0-9]* triangles, closed\n$")
+set(arguments_level_set_from_points SOURCE/tests/install/points.csv 0.125 0.75 OUT/points.ply)
+set(expected_level_set_from_points "^[1-9][0-9]* triangles, volume ([89]|1[01])([.][0-9]+)?\n$")

@@ -1,15 +1,17 @@
 #include "cli/failure.h"
 #include "cli/help_command.h"
 #include "cli/options.h"
-#include "cli/output_loan.h"
 #include "cli/run_command.h"
+#include "cli/streams.h"
 #include "graph/error.h"
 #include "io/error.h"
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <iostream>
+#include <system_error>
 
 namespace {
 
@@ -26,7 +28,7 @@ extern "C" void cancelJob(int signal)
     std::signal(signal, SIG_DFL);
 }
 
-int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
+void runCommand(std::vector<std::string> const& arguments, std::ostream& results)
 {
     const Options options = parseOptions(arguments, isatty(STDERR_FILENO) != 0);
     if (options.version) {
@@ -39,9 +41,18 @@ int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
     } else {
         runSteps(options, job, results);
     }
-    results.flush();
-    if (!results) throw io::InputError("standard output cannot be written.");
-    return kDone;
+}
+
+/// The end of a command that ran through: its results may not have reached anybody.
+int endOf(Streams& streams)
+{
+    const int error = streams.lostResults();
+    if (error == 0) return kDone;
+    if (error != EPIPE) throw io::InputError("standard output cannot be written: " + std::system_category().message(error) + ".");
+    // Whoever read it has enough. That is how programs end then, without a word.
+    std::signal(SIGPIPE, SIG_DFL);
+    std::raise(SIGPIPE);
+    return kClosedPipe;
 }
 
 }  // namespace
@@ -51,9 +62,10 @@ int main(int argc, char** argv)
     std::signal(SIGINT, cancelJob);
     std::signal(SIGTERM, cancelJob);
     std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write
-    OutputLoan output;
+    Streams streams;
     try {
-        return runCommand({argv + 1, argv + argc}, output.results);
+        runCommand({argv + 1, argv + argc}, streams.results);
+        return endOf(streams);
     } catch (...) {
         const Failure failure = currentFailure();
         std::cerr << "tilegrid: " << failure.text << std::endl;

@@ -250,7 +250,7 @@ std::string toText(VolumeInfo const& info)
             out << std::setw(5) << depth << std::setw(16) << grouped(info.tilesByDepth[depth]) << std::setw(18)
                 << grouped(info.leafVoxelsByDepth[depth]) << "\n";
     for (PropertyInfo const& property : info.properties)
-        out << "property    " << property.name << " (" << property.type << "), default " << property.defaultValue
+        out << "property    " << printableName(property.name) << " (" << property.type << "), default " << property.defaultValue
             << ", from " << property.min << " to " << property.max << "\n";
     if (info.levelSet) {
         LevelSetInfo const& set = *info.levelSet;

@@ -33,7 +33,7 @@ std::vector<std::string> WorkFolder::files() const
     return names;
 }
 
-pid_t WorkFolder::start(std::vector<std::string> const& words) const
+pid_t WorkFolder::start(std::vector<std::string> const& words, int output) const
 {
     std::vector<std::string> arguments = {TILEGRID_COMMAND};
     arguments.insert(arguments.end(), words.begin(), words.end());
@@ -43,7 +43,7 @@ pid_t WorkFolder::start(std::vector<std::string> const& words) const
 
     const pid_t child = fork();
     if (child == 0) {
-        const int out = open(stream(".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        const int out = output >= 0 ? output : open(stream(".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         const int err = open(stream(".err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 || chdir(folder_.c_str()) != 0) _exit(99);
         execv(argv[0], argv.data());
@@ -73,6 +73,33 @@ CommandResult WorkFolder::ended(int status) const
 CommandResult WorkFolder::run(std::vector<std::string> const& words) const
 {
     return finish(start(words));
+}
+
+CommandResult WorkFolder::runReading(std::size_t bytes, std::vector<std::string> const& words) const
+{
+    int ends[2];
+    // Closed by exec, so that the command itself holds no end that reads.
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the test");
+    if (bytes == 0) close(ends[0]);
+    const pid_t child = start(words, ends[1]);
+    close(ends[1]);
+    std::string text(bytes, '\0');
+    for (std::size_t held = 0; held < bytes;) {
+        const ssize_t count = read(ends[0], text.data() + held, bytes - held);
+        if (count <= 0) text.resize(bytes = held);
+        held += std::size_t(std::max<ssize_t>(count, 0));
+    }
+    if (!text.empty()) close(ends[0]);
+    CommandResult result = finish(child);
+    result.out = text;
+    return result;
+}
+
+CommandResult WorkFolder::runTo(int output, std::vector<std::string> const& words) const
+{
+    CommandResult result = finish(start(words, output));
+    close(output);
+    return result;
 }
 
 CommandResult WorkFolder::signalAt(std::string const& text, int signal, std::vector<std::string> const& words) const

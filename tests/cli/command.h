@@ -30,8 +30,14 @@ public:
     /// The same, and sends a signal as soon as its standard error holds `text`.
     CommandResult signalAt(std::string const& text, int signal, std::vector<std::string> const& words) const;
 
+    /// The same, with a reader of its standard output that takes so many bytes and goes away; 0: before the command starts.
+    CommandResult runReading(std::size_t bytes, std::vector<std::string> const& words) const;
+    /// The same, with this descriptor as its standard output, which is closed here afterwards.
+    CommandResult runTo(int output, std::vector<std::string> const& words) const;
+
 private:
-    pid_t start(std::vector<std::string> const& words) const;
+    /// \param output  descriptor that becomes its standard output; none: a file
+    pid_t start(std::vector<std::string> const& words, int output = -1) const;
     CommandResult finish(pid_t child) const;
     CommandResult ended(int status) const;
     /// Streams go to files outside the folder, so that its listing shows what the command itself wrote.

@@ -1,6 +1,8 @@
 #include "cli/options.h"
 
+#include "cli/option_table.h"
 #include "graph/error.h"
+#include "graph/help.h"
 #include "graph/registry.h"
 #include "graph/suggest.h"
 
@@ -68,9 +70,10 @@ bool belongsToAStep(std::string const& word)
 
 [[noreturn]] void refuseOption(std::string const& word)
 {
-    const std::vector<std::string> known = {"--help", "--version", "--threads", "--max-memory", "--progress", "--save", "--set", "--json"};
+    std::vector<std::string> known = {"--json"};
+    for (OptionInfo const& option : optionTable()) known.push_back(option.name);
     throw graph::UsageError("there is no option '" + word + "'." + graph::suggestion(word.substr(0, word.find('=')), known) +
-                            " `tilegrid --help` lists them; for a file of that name write ./" + word + ".");
+                            " `tilegrid --help` lists them; for a file of that name write -- before it, or ./" + word + ".");
 }
 
 }  // namespace
@@ -98,10 +101,17 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
     std::optional<ProgressForm> progress;
     for (std::size_t n = 0; n < arguments.size(); ++n) {
         std::string const& word = arguments[n];
-        if (word == "--help" || word == "-h")
+        if (word == "--") {
+            options.words.insert(options.words.end(), arguments.begin() + std::ptrdiff_t(n), arguments.end());
+            break;
+        }
+        if (word == "--help" || word == "-h") {
             options.help = true;
-        else if (word == "--version")
+            options.helpAt = options.words.size();
+        } else if (word == "--version")
             options.version = true;
+        else if (word == "--quiet" || word == "-q")
+            options.quiet = true;
         else if (word == "-v" || word == "-vv" || word == "-vvv")
             options.verbose += int(word.size()) - 1;
         else if (const auto threads = optionValue(arguments, n, "--threads"))
@@ -119,38 +129,31 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
         else
             options.words.push_back(word);
     }
+    if (options.quiet && options.verbose > 0) throw graph::UsageError("--quiet and -v contradict each other. Give one of them.");
     // Diagnostics go to the same terminal, and would tear the bar.
-    options.progress = progress.value_or(barWanted && options.verbose == 0 ? ProgressForm::kBar : ProgressForm::kNone);
+    options.progress = progress.value_or(barWanted && options.verbose == 0 && !options.quiet ? ProgressForm::kBar : ProgressForm::kNone);
     return options;
 }
 
 std::string usageText()
 {
-    return R"(usage: tilegrid STEP [! STEP]...           run a chain of steps
-       tilegrid run GRAPH.json [--set NAME=VALUE]...
-       tilegrid nodes [NAME] [--json]         what steps there are, or one of them in full (also: tilegrid NAME --help)
-
-A step is NODE [INPUT...] [FILE] [key=value...] [as=NAME]. `!` ends a step (`then` does the same, for shells that take `!`
-for themselves), as=NAME names its result, _ is the last result, and an input that is left out is the last result too.
-An input may also be a file: it is read first, with the parameters of read that stand in the step.
-Lengths are world units; 3vx means three finest voxels.
-
-  tilegrid read bunny.obj voxel=0.0387 as=bunny ! info bunny ! slice bunny bunny.png ! write bunny bunny.vdb
-  tilegrid info bunny.vdb --json
-  tilegrid read bunny.obj voxel=0.0387 ! write bunny.vdb --save graph.json
-  tilegrid run graph.json --set voxel=0.02
-
-options:
-  --save FILE           write the chain as JSON and run nothing
-  --set NAME=VALUE      with run: give every step that has it this parameter; STEP.NAME=VALUE for one step
-  --threads N           work on N threads (default: all cores)
-  --max-memory SIZE     refuse results that need more, such as 4G (default: three quarters of the machine)
-  --progress=FORM       bar, json or none (default: bar on a terminal), on standard error
-  -v, -vv, -vvv         tell more and more, on standard error
-  --help, --version
-
-exit status: 0 done, 1 usage, 2 input or file, 3 a node reported an error, 130 cancelled
-)";
+    constexpr std::size_t kColumns = 118;
+    std::size_t width = 0;
+    for (UseForm const& form : useForms()) width = std::max(width, std::string(form.line).size() + 2);
+    std::string text;
+    for (UseForm const& form : useForms())
+        text += (text.empty() ? "usage: tilegrid " : "       tilegrid ") + graph::padded(form.line, width) + form.help + "\n";
+    text += "\n";
+    for (std::string const& paragraph : stepSyntax()) text += graph::wrapped(paragraph, 0, kColumns) + "\n";
+    text += "\n";
+    for (std::string const& line : exampleLines()) text += "  " + line + "\n";
+    text += "\noptions:\n";
+    constexpr std::size_t kOptionWidth = 24;
+    for (OptionInfo const& option : optionTable())
+        text += graph::padded("  " + optionUse(option), kOptionWidth) + graph::wrapped(option.help, kOptionWidth, kColumns) + "\n";
+    text += "\nexit status:";
+    for (ExitStatus const& exit : exitStatuses()) text += (exit.status > 0 ? ", " : " ") + std::to_string(exit.status) + " " + exit.meaning;
+    return text + "\n";
 }
 
 }  // namespace tilegrid::cli

@@ -10,6 +10,10 @@ enum class ProgressForm { kNone, kBar, kJson };
 /// The words of a command line, sorted: options of the command itself, and the rest.
 struct Options {
     bool help = false, version = false;
+    /// The word before which help was asked for: its place among the words.
+    std::size_t helpAt = 0;
+    /// Results and errors only.
+    bool quiet = false;
     int verbose = 0;
     /// 0: as many as the machine has.
     int threads = 0;
@@ -19,10 +23,11 @@ struct Options {
     std::string save;
     /// For `run`: assignments in their order.
     std::vector<std::string> settings;
+    /// With the `--` that ends the options, if it was given.
     std::vector<std::string> words;
 };
 
-/// Options may stand anywhere; flags that belong to steps (`info b --json`) stay among the words.
+/// Options may stand anywhere before `--`; flags that belong to steps (`info b --json`) stay among the words.
 /// \param barWanted  whether a progress bar is the default (standard error is a terminal)
 /// \throws graph::UsageError for an option without its value, or with one that makes no sense
 Options parseOptions(std::vector<std::string> const& arguments, bool barWanted);

@@ -68,7 +68,8 @@ void runSteps(Options const& options, Job& job, std::ostream& results)
         return;
     }
     ProgressReporter reporter(options.progress);
-    const auto message = [&reporter](Severity severity, Corvid::StringView text) {
+    const auto message = [&reporter, quiet = options.quiet](Severity severity, Corvid::StringView text) {
+        if (quiet && severity != Severity::kError) return;
         reporter.clear();
         std::cerr << (severity == Severity::kError ? "error: " : severity == Severity::kWarning ? "warning: " : "")
                   << std::string_view(text) << std::endl;

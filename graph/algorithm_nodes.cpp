@@ -111,7 +111,7 @@ Result runSplat(StepContext& step)
 
 NodeInfo analyzeNode()
 {
-    NodeInfo node{.name = "analyze_volume", .help = "makes a gradient, curvature or the like of a property", .run = runAnalyze};
+    NodeInfo node{.name = "analyze_volume", .help = "makes a gradient, curvature or the like of a property", .run = runAnalyze, .group = "properties"};
     node.inputs = {{.name = "volume", .help = "a volume with the property"}};
     node.parameters = {
         {.name = "property", .help = "name of the property", .positional = true},
@@ -157,7 +157,7 @@ NodeInfo resampleIntoNode()
 
 NodeInfo splatNode()
 {
-    NodeInfo node{.name = "splat_points_into_volume", .help = "spreads values of points over the voxels around them", .run = runSplat};
+    NodeInfo node{.name = "splat_points_into_volume", .help = "spreads values of points over the voxels around them", .run = runSplat, .group = "points"};
     node.inputs = {{.name = "volume", .help = "any volume, also an empty one"}, {.name = "points", .help = "a point cloud"}};
     node.parameters = {
         {.name = "property", .help = "name of the points' values and of the volume's property; without such values each point counts 1", .positional = true},

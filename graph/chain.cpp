@@ -34,8 +34,11 @@ class ChainParser {
 public:
     explicit ChainParser(std::function<bool(std::string const&)> const& exists) : exists_(exists) {}
 
-    Graph parse(std::vector<std::string> const& words)
+    Graph parse(std::vector<std::string> words)
     {
+        const auto flagsEnd = std::find(words.begin(), words.end(), kFlagsEnd);
+        auto flags = flagsEnd - words.begin();
+        if (flagsEnd != words.end()) words.erase(flagsEnd);
         for (std::string const& word : words)
             if (word.starts_with("as=")) givenNames_.push_back(word.substr(3));
         auto begin = words.begin();
@@ -44,7 +47,7 @@ public:
             if (begin == end)
                 problem("step " + std::to_string(number) + " is empty. Remove the separator next to it, or write a step.");
             else
-                addStep({begin, end});
+                addStep({begin, end}, flags - (begin - words.begin()));
             if (end == words.end()) break;
             begin = end + 1;
         }
@@ -55,13 +58,14 @@ public:
 private:
     void problem(std::string const& text) { problems_ += (problems_.empty() ? "" : "\n") + text; }
 
-    void addStep(std::vector<std::string> const& words)
+    /// \param flags  how many of the words come before the end of flags
+    void addStep(std::vector<std::string> const& words, std::ptrdiff_t flags)
     {
         Step step;
         step.node = words.front();
         std::vector<std::string> positional;
         for (auto word = words.begin() + 1; word != words.end(); ++word) {
-            if (word->starts_with("--"))
+            if (word->starts_with("--") && word - words.begin() < flags)
                 addFlag(step, *word);
             else if (const auto end = keyEnd(*word))
                 addKey(step, word->substr(0, *end), word->substr(*end + 1));

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 
 namespace tilegrid::graph {
 
@@ -14,11 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string padded(std::string text, std::size_t width)
-{
-    text.resize(std::max(width, text.size()), ' ');
-    return text;
-}
+constexpr std::size_t kColumns = 118;
 
 std::string useLine(NodeInfo const& node)
 {
@@ -85,12 +82,40 @@ std::string inputWord(InputInfo const& input)
     return "[" + input.name + (input.repeated ? "...]" : "]");
 }
 
-std::string nodeList()
+std::string padded(std::string text, std::size_t width)
+{
+    text.resize(std::max(width, text.size()), ' ');
+    return text;
+}
+
+std::string wrapped(std::string const& text, std::size_t indent, std::size_t columns)
+{
+    std::istringstream words(text);
+    std::string result;
+    std::size_t used = indent;
+    for (std::string word; words >> word;) {
+        if (!result.empty() && used + 1 + word.size() > columns) {
+            result += "\n" + std::string(indent, ' ') + word;
+            used = indent + word.size();
+        } else {
+            result += (result.empty() ? "" : " ") + word;
+            used += word.size() + (result.size() == word.size() ? 0 : 1);
+        }
+    }
+    return result;
+}
+
+std::string nodeList(std::string const& group)
 {
     std::size_t width = 0;
-    for (NodeInfo const& node : nodes()) width = std::max(width, node.name.size());
+    for (NodeInfo const& node : nodes()) width = std::max(width, node.name.size() + 4);
     std::string text;
-    for (NodeInfo const& node : nodes()) text += padded(node.name, width + 2) + node.help + "\n";
+    for (std::string const& name : nodeGroups()) {
+        if (!group.empty() && name != group) continue;
+        text += (text.empty() ? "" : "\n") + name + "\n";
+        for (NodeInfo const& node : nodes())
+            if (node.group == name) text += padded("  " + node.name, width) + wrapped(node.help, width, kColumns) + "\n";
+    }
     return text;
 }
 
@@ -117,7 +142,7 @@ std::string nodesToJson(std::vector<NodeInfo> const& nodes)
         Json inputs = Json::array(), parameters = Json::array();
         for (InputInfo const& input : node.inputs) inputs.push_back(inputToJson(input));
         for (ParameterInfo const& parameter : node.parameters) parameters.push_back(parameterToJson(parameter));
-        list.push_back({{"name", node.name}, {"help", node.help}, {"inputs", inputs}, {"parameters", parameters}, {"has_result", node.hasResult}});
+        list.push_back({{"name", node.name}, {"group", node.group}, {"help", node.help}, {"inputs", inputs}, {"parameters", parameters}, {"has_result", node.hasResult}});
     }
     return list.dump(2) + "\n";
 }

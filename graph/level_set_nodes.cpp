@@ -109,6 +109,11 @@ NodeInfo nodeOf(std::string name, std::string help, std::string input, Result (*
     node.parameters = std::move(parameters);
     return node;
 }
+NodeInfo inGroup(std::string group, NodeInfo node)
+{
+    node.group = std::move(group);
+    return node;
+}
 
 }  // namespace
 
@@ -121,14 +126,14 @@ std::vector<NodeInfo> levelSetNodes()
         nodeOf("rebuild_level_set",
                "makes a level set the true distance again and leaves its surface where it is; hanging voxels are interpolated, which is near only in a graded tree",
                "volume", runRebuild, {levelSetParameter()}),
-        nodeOf("coarsen_voxel_property", "removes tiles whose values of a property the next coarser voxels can give", "volume", runCoarsen,
+        inGroup("resolution", nodeOf("coarsen_voxel_property", "removes tiles whose values of a property the next coarser voxels can give", "volume", runCoarsen,
                {{.name = "property", .help = "the property", .defaultText = sVoxelSignedDistance.str()},
                 {.name = "error", .type = ParameterType::kFloat, .help = "how far a value may be off", .unit = "the property's unit", .positional = true,
                  .range = {.min = 0}},
                 {.name = "relative_error", .type = ParameterType::kFloat, .help = "how far it may be off besides, as a part of the tile's largest value",
                  .defaultText = "0", .range = {.min = 0}},
                 {.name = "protect_surface", .type = ParameterType::kBool, .help = "keep tiles at and near a change of sign", .defaultText = "false"},
-                {.name = "surface_band", .type = ParameterType::kFloat, .help = "what near means", .unit = "voxels", .defaultText = "0", .range = {.min = 0}}}),
+                {.name = "surface_band", .type = ParameterType::kFloat, .help = "what near means", .unit = "voxels", .defaultText = "0", .range = {.min = 0}}})),
         nodeOf("resize_level_set", "gives a level set a band of another width around its surface", "level_set", runResize,
                {{.name = "bandwidth", .type = ParameterType::kFloat, .help = "half width of the band", .unit = "voxels", .positional = true}}),
         nodeOf("set_voxel_size", "scales a volume as a whole; values stay as they are", "volume", runSetVoxelSize,

@@ -52,6 +52,8 @@ struct NodeInfo {
     /// \throws io::InputError for what cannot be served, UsageError for parameters that do not fit what the inputs turned out
     ///         to be. Errors of the node itself come as messages.
     Result (*run)(StepContext& step) = nullptr;
+    /// Where help shows it. Empty: in the group of its family (registry.cpp).
+    std::string group = "";
 
     ParameterInfo const* parameter(std::string_view parameterName) const
     {

@@ -3,18 +3,46 @@
 #include "graph/node_families.h"
 
 #include <algorithm>
-#include <iterator>
+#include <utility>
 
 namespace tilegrid::graph {
+
+namespace {
+
+/// The families in the order of help, and the group of those of their nodes that name none.
+struct Family {
+    char const* group;
+    std::vector<NodeInfo> (*nodes)();
+};
+constexpr Family kFamilies[] = {
+    {"files", fileNodes},           {"shapes", shapeNodes},          {"shapes", constructionNodes}, {"merging", mergeNodes},
+    {"level sets", levelSetNodes},  {"properties", propertyNodes},   {"properties", fogNodes},      {"resolution", gradingNodes},
+    {"resampling", algorithmNodes}, {"reports", reportNodes},        {"reports", queryNodes},       {"pictures", renderNodes},
+};
+
+}  // namespace
 
 std::vector<NodeInfo> const& nodes()
 {
     static const std::vector<NodeInfo> all = [] {
         std::vector<NodeInfo> joined;
-        for (auto family : {fileNodes, shapeNodes, reportNodes, renderNodes, queryNodes, constructionNodes, propertyNodes, fogNodes, gradingNodes,
-                            levelSetNodes, mergeNodes, algorithmNodes})
-            std::ranges::move(family(), std::back_inserter(joined));
+        for (Family const& family : kFamilies)
+            for (NodeInfo& node : family.nodes()) {
+                if (node.group.empty()) node.group = family.group;
+                joined.push_back(std::move(node));
+            }
         return joined;
+    }();
+    return all;
+}
+
+std::vector<std::string> const& nodeGroups()
+{
+    static const std::vector<std::string> all = [] {
+        std::vector<std::string> groups;
+        for (NodeInfo const& node : nodes())
+            if (!contains(groups, node.group)) groups.push_back(node.group);
+        return groups;
     }();
     return all;
 }

@@ -8,5 +8,7 @@ std::vector<NodeInfo> const& nodes();
 /// Null if there is none of that name.
 NodeInfo const* findNode(std::string_view name);
 std::vector<std::string> nodeNames();
+/// The groups of nodes, in the order in which help shows them.
+std::vector<std::string> const& nodeGroups();
 
 }  // namespace tilegrid::graph

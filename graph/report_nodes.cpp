@@ -8,6 +8,7 @@
 #include "io/compare.h"
 #include "io/info.h"
 #include "io/sample.h"
+#include "io/text.h"
 #include "io/slice.h"
 
 #include <nlohmann/json.hpp>
@@ -29,7 +30,7 @@ template <class Report> void print(StepContext& step, std::string const& name, R
         step.results << document.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
         return;
     }
-    if (!name.empty()) step.results << name << "\n";
+    if (!name.empty()) step.results << io::printableName(name) << "\n";
     const std::string text = io::toText(report);
     step.results << text << (text.ends_with('\n') ? "" : "\n");
 }
@@ -160,7 +161,7 @@ NodeInfo sliceNode()
 {
     std::vector<std::string> modes = kModes;
     modes.insert(modes.begin(), "nearest");
-    NodeInfo node{.name = "slice", .help = "draws one plane of a property, with the tile borders, as a picture", .hasResult = false, .run = runSlice};
+    NodeInfo node{.name = "slice", .help = "draws one plane of a property, with the tile borders, as a picture", .hasResult = false, .run = runSlice, .group = "pictures"};
     node.inputs = {{.name = "volume", .help = "a volume with a property of numbers"}};
     node.parameters = {
         {.name = "file", .type = ParameterType::kOutputFile, .help = "the picture", .positional = true, .endings = {".png"}},

@@ -61,12 +61,12 @@ Result runRead(StepContext& step)
     return contains(kVolumeEndings, endingOf(file)) ? readVolumeFile(step) : readMeshFile(step);
 }
 
-void tellEdges(StepContext& step, io::TriangleMesh const& surface)
+void reportEdges(StepContext& step, io::TriangleMesh const& surface)
 {
     const io::MeshTopology edges = io::meshTopology(surface);
-    const std::string text = "wrote " + std::to_string(surface.triangles.size()) + " triangles with " + std::to_string(edges.openEdges) +
-                             " open edges and " + std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles.";
-    step.services.message(edges.closed() ? Severity::kInfo : Severity::kWarning, text);
+    std::string text = "wrote " + std::to_string(surface.triangles.size()) + " triangles, " + (edges.closed() ? "closed" : "not closed: " + io::openEdgesText(edges));
+    if (edges.nonManifoldEdges > 0) text += "; " + std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles";
+    step.services.message(edges.closed() ? Severity::kInfo : Severity::kWarning, text + ".");
 }
 
 Result runWrite(StepContext& step)
@@ -88,7 +88,7 @@ Result runWrite(StepContext& step)
         if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
         io::writeMesh(file, surface);
-        tellEdges(step, surface);
+        reportEdges(step, surface);
     }
     return {};
 }

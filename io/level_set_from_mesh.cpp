@@ -76,12 +76,10 @@ Corvid::Ptr<Ostara::Object> levelSet(TriangleMesh const& mesh, LevelSetOptions c
     const MeshTopology edges = meshTopology(mesh);
     if (!edges.closed())
         services.message(Severity::kWarning,
-                         "the mesh is not closed (" + std::to_string(edges.openEdges) + " open and "
-                             + std::to_string(edges.nonManifoldEdges)
-                             + " non-manifold edges): inside is taken to be where the surface winds around a "
-                               "place by more than one half");
+                         "the mesh is not closed: " + openEdgesText(edges)
+                             + ". Assumed: what it winds around by more than one half is inside, so holes count as covered");
     const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
-    return buildLevelSet<Tr>(MeshDistance(surface, edges.closed() && edges.flippedEdges == 0), options);
+    return buildLevelSet<Tr>(MeshDistance(surface, edges.closed()), options);
 }
 
 }  // namespace

@@ -3,10 +3,10 @@
 #include "io/error.h"
 #include "io/file_content.h"
 #include "io/mesh_check.h"
+#include "io/polygon.h"
 #include "io/text.h"
 
 #include <assimp/Importer.hpp>
-#include <assimp/postprocess.h>
 #include <assimp/scene.h>
 
 #include <algorithm>
@@ -73,35 +73,24 @@ std::uint64_t checkScene(aiScene const& scene, std::string const& path)
     return faces;
 }
 
-/// Whether a face has more than three corners. Says of each mesh what it holds: assimp ends the program when it is to divide
-/// faces and finds a mesh that only has lines or points to offer.
-bool hasPolygons(aiScene const& scene)
-{
-    bool any = false;
-    for (aiMesh* mesh : std::span(scene.mMeshes, scene.mNumMeshes)) {
-        bool polygons = false;
-        for (aiFace const& face : std::span(mesh->mFaces, mesh->mNumFaces)) polygons |= face.mNumIndices > 3;
-        mesh->mPrimitiveTypes = polygons ? aiPrimitiveType_POLYGON : aiPrimitiveType_TRIANGLE;
-        any |= polygons;
-    }
-    return any;
-}
-
 TriangleMesh weldedTriangles(aiScene const& scene)
 {
     TriangleMesh result;
     Welder welder(result);
+    std::vector<std::int32_t> corners;
+    std::vector<int3> triangles;
     for (aiMesh const* mesh : std::span(scene.mMeshes, scene.mNumMeshes))
         for (aiFace const& face : std::span(mesh->mFaces, mesh->mNumFaces)) {
-            if (face.mNumIndices != 3) continue;
-            int3 triangle;
-            for (int corner = 0; corner < 3; ++corner) {
-                aiVector3D const& v = mesh->mVertices[face.mIndices[corner]];
-                triangle[corner] = welder.add({v.x, v.y, v.z});
+            corners.clear();
+            for (const unsigned index : std::span(face.mIndices, face.mNumIndices)) {
+                aiVector3D const& v = mesh->mVertices[index];
+                corners.push_back(welder.add({v.x, v.y, v.z}));
             }
+            triangles.clear();
+            appendTriangles(result.vertices, corners, triangles);
             // Without two equal corners a triangle stays, even with no area: its neighbours need its edges.
-            if (triangle.x != triangle.y && triangle.y != triangle.z && triangle.z != triangle.x)
-                result.triangles.push_back(triangle);
+            for (int3 const& t : triangles)
+                if (t.x != t.y && t.y != t.z && t.z != t.x) result.triangles.push_back(t);
         }
     return result;
 }
@@ -115,26 +104,12 @@ TriangleMesh imported(std::string const& path, std::string const& content, std::
     if (const std::uint64_t faces = checkScene(*scene, path); faces != counts.faces)
         fail(path,
              "it has " + std::to_string(counts.faces) + " faces, and " + std::to_string(faces) + " could be read");
-    if (!hasPolygons(*scene)) return weldedTriangles(*scene);
-    scene = importer.ApplyPostProcessing(aiProcess_Triangulate);
-    if (!scene) fail(path, "its polygons cannot be divided into triangles");
     return weldedTriangles(*scene);
-}
-
-void warnOfDefects(std::string const& path, MeshTopology const& edges, Corvid::RuntimeServices const& services)
-{
-    if (edges.closed() && edges.flippedEdges == 0) return;
-    services.message(Severity::kWarning,
-                     "the mesh '" + path + "' has " + std::to_string(edges.openEdges) + " open edges, "
-                         + std::to_string(edges.nonManifoldEdges) + " edges of more than two triangles and "
-                         + std::to_string(edges.flippedEdges)
-                         + " edges where the orientation flips. Assumed: what it winds around by more than one "
-                           "half is inside, so holes count as covered");
 }
 
 }  // namespace
 
-TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services)
+TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const&)
 {
     const std::string ending = endingOf(path);
     if (ending != "obj" && ending != "ply" && ending != "stl")
@@ -152,36 +127,7 @@ TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::R
         fail(path, "its " + std::to_string(counts.triangles) + " triangles are too many for the limit");
     TriangleMesh mesh = imported(path, content, ending, counts);
     if (mesh.triangles.empty()) fail(path, "it holds no triangle with three different corners");
-    warnOfDefects(path, meshTopology(mesh), services);
     return mesh;
-}
-
-MeshTopology meshTopology(TriangleMesh const& mesh)
-{
-    /// An edge with the lower vertex first, and whether a triangle runs along it that way.
-    struct Edge {
-        std::int32_t low, high;
-        bool forward;
-        auto operator<=>(Edge const&) const = default;
-    };
-    std::vector<Edge> edges;
-    edges.reserve(3 * mesh.triangles.size());
-    for (int3 const& t : mesh.triangles)
-        for (int corner = 0; corner < 3; ++corner) {
-            const std::int32_t from = t[corner], to = t[(corner + 1) % 3];
-            edges.push_back({std::min(from, to), std::max(from, to), from < to});
-        }
-    std::sort(edges.begin(), edges.end());
-    MeshTopology result;
-    for (std::size_t begin = 0, end; begin < edges.size(); begin = end) {
-        for (end = begin;
-             end < edges.size() && edges[end].low == edges[begin].low && edges[end].high == edges[begin].high;)
-            ++end;
-        if (end - begin == 1) ++result.openEdges;
-        if (end - begin > 2) ++result.nonManifoldEdges;
-        if (end - begin == 2 && edges[begin].forward == edges[begin + 1].forward) ++result.flippedEdges;
-    }
-    return result;
 }
 
 double enclosedVolume(TriangleMesh const& mesh)

@@ -17,18 +17,20 @@ struct TriangleMesh {
     bool hasNormals() const { return !normals.empty() && normals.size() == vertices.size(); }
 };
 
-/// What is known about the edges of a mesh. Closed and manifold: every edge lies in two triangles, in opposite
-/// directions.
+/// What is known about the edges of a mesh. Closed: triangles run along every edge as often one way as the other, so that the
+/// surface has no rim; it may still meet itself along edges of four and more triangles.
 struct MeshTopology {
-    /// Of one triangle; of more than two; of two that run along it the same way.
+    std::int64_t edges = 0;
+    /// Those that triangles run along more often one way than the other.
     std::int64_t openEdges = 0;
-    std::int64_t nonManifoldEdges = 0;
+    /// Of the open ones: of an even number of triangles, so that turning some of them around would close the edge.
     std::int64_t flippedEdges = 0;
-    bool closed() const { return openEdges == 0 && nonManifoldEdges == 0; }
+    /// Of more than two triangles, open or not.
+    std::int64_t nonManifoldEdges = 0;
+    bool closed() const { return openEdges == 0; }
 };
 
-/// Reads OBJ, PLY or STL. Polygons are triangulated, identical vertices joined, degenerate triangles dropped. Warns
-/// about open and non-manifold meshes and says what is assumed.
+/// Reads OBJ, PLY or STL. Polygons are triangulated, identical vertices joined, degenerate triangles dropped.
 /// \throws InputError for files that are missing, empty, truncated, hold no triangle, an index out of range, a
 ///         coordinate that is NaN or infinite, or more than `maxBytes` (0: no limit) would hold
 TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services);
@@ -37,7 +39,10 @@ TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::R
 /// \throws InputError if the file cannot be written
 void writeMesh(std::string const& path, TriangleMesh const& mesh);
 
+/// Vertices count as one only if their index is the same. Triangles that use a vertex twice have no part in it.
 MeshTopology meshTopology(TriangleMesh const& mesh);
+/// "12 of 300 edges are open (4%), 3 of them because neighbours face opposite ways": what messages say of a mesh that is not closed.
+std::string openEdgesText(MeshTopology const& edges);
 /// Volume enclosed (divergence theorem) and area, summed in index order.
 double enclosedVolume(TriangleMesh const& mesh);
 double surfaceArea(TriangleMesh const& mesh);

@@ -1,4 +1,5 @@
 #include "io/error.h"
+#include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
 #include "support/files.h"
 #include "support/meshes.h"
@@ -131,30 +132,6 @@ TEST(MeshReader, understands_relative_indices_and_corners_with_normals)
     EXPECT_EQ(mesh.vertices.size(), 4u);
     EXPECT_TRUE(io::meshTopology(mesh).closed());
     EXPECT_NEAR(io::enclosedVolume(mesh), 1.0 / 6.0, 1e-15);
-}
-
-TEST(MeshReader, says_what_is_open_and_what_it_assumes)
-{
-    const TestFolder folder;
-    KeptMessages messages;
-    TriangleMesh box = boxMesh({0, 0, 0}, {1, 1, 1});
-    box.triangles.pop_back();
-    writeMesh(folder.file("open.ply"), box);
-    readMesh(folder.file("open.ply"), 0, messages.services());
-    ASSERT_EQ(messages.texts().size(), 1u);
-    EXPECT_TRUE(messages.mention("warning: ") && messages.mention("3 open edges") && messages.mention("Assumed"));
-}
-
-TEST(MeshReader, counts_edges_that_are_not_manifold)
-{
-    const TestFolder folder;
-    KeptMessages messages;
-    TriangleMesh mesh = boxMesh({0, 0, 0}, {1, 1, 1});
-    mesh.vertices.push_back({2, 2, 2});
-    mesh.triangles.push_back({0, 1, 8});  // a fin on an edge
-    writeMesh(folder.file("fin.ply"), mesh);
-    readMesh(folder.file("fin.ply"), 0, messages.services());
-    EXPECT_TRUE(messages.mention("1 edges of more than two triangles"));
 }
 
 TEST(MeshReader, refuses_files_that_are_no_mesh)
@@ -332,9 +309,52 @@ TEST(MeshTopology, finds_the_edges_where_orientation_flips)
     TriangleMesh box = boxMesh({0, 0, 0}, {1, 1, 1});
     std::swap(box.triangles[4].x, box.triangles[4].y);
     const io::MeshTopology edges = io::meshTopology(box);
-    EXPECT_TRUE(edges.closed());
+    EXPECT_FALSE(edges.closed());
+    EXPECT_EQ(edges.edges, 18);  // 12 of the box, a diagonal in each side
+    EXPECT_EQ(edges.openEdges, 3);
     EXPECT_EQ(edges.flippedEdges, 3);
+    EXPECT_EQ(io::openEdgesText(edges), "3 of 18 edges are open (17%), 3 of them because neighbours face opposite ways");
     EXPECT_NEAR(io::enclosedVolume(turnedInsideOut(boxMesh({5, 5, 5}, {6, 7, 8}))), -6.0, 1e-12);
+}
+
+/// Two boxes that share an edge: four triangles there, whose directions cancel.
+TriangleMesh boxesAlongAnEdge()
+{
+    TriangleMesh boxes = joined(boxMesh({0, 0, 0}, {1, 1, 1}), boxMesh({1, 1, 0}, {2, 2, 1}));
+    for (int3& t : boxes.triangles)
+        for (int corner = 0; corner < 3; ++corner)
+            for (int vertex = 0; vertex < 8; ++vertex)
+                if (boxes.vertices[t[corner]] == boxes.vertices[vertex]) t[corner] = vertex;
+    return boxes;
+}
+
+TEST(MeshTopology, calls_a_mesh_closed_whose_edges_cancel_however_many_faces_they_have)
+{
+    const io::MeshTopology edges = io::meshTopology(boxesAlongAnEdge());
+    EXPECT_TRUE(edges.closed());
+    EXPECT_EQ(edges.nonManifoldEdges, 1);
+    EXPECT_EQ(edges.edges, 35);  // twice 18, one of them in both
+    const TestFolder folder;
+    io::writeMesh(folder.file("boxes.ply"), boxesAlongAnEdge());
+    KeptMessages messages;
+    io::LevelSetOptions options;
+    options.voxelSize = 0.1f;
+    io::levelSetFromMesh(readMesh(folder.file("boxes.ply"), 0, messages.services()), options, messages.services());
+    EXPECT_TRUE(messages.texts().empty());
+}
+
+TEST(MeshTopology, calls_a_fin_open_although_its_third_triangle_leaves_no_edge_single)
+{
+    // Three triangles around one edge: two cancel there, the third does not.
+    TriangleMesh mesh = boxMesh({0, 0, 0}, {1, 1, 1});
+    mesh.vertices.push_back({2, 2, 2});
+    mesh.triangles.push_back({0, 1, 8});
+    const io::MeshTopology edges = io::meshTopology(mesh);
+    EXPECT_FALSE(edges.closed());
+    EXPECT_EQ(edges.nonManifoldEdges, 1);
+    EXPECT_EQ(edges.openEdges, 3);
+    EXPECT_EQ(edges.flippedEdges, 0);
+    EXPECT_EQ(io::openEdgesText(edges), "3 of 20 edges are open (15%)");
 }
 
 }  // namespace

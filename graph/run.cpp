@@ -3,9 +3,11 @@
 #include "TilegridOps/nodes/query.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "graph/error.h"
+#include "graph/resources.h"
 #include "io/error.h"
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <new>
 #include <ostream>
@@ -24,6 +26,8 @@ public:
         for (std::size_t n = 0; n < plan_.steps.size(); ++n) {
             stopIfCancelled();
             report(n, "", 0);
+            if (options_.stepEnded) resetPeakMemory();
+            const auto start = std::chrono::steady_clock::now();
             failed_ = false;
             Result result = runLabelled(n);
             stopIfCancelled();
@@ -31,6 +35,8 @@ public:
             if (failed_) throw NodeError(plan_.steps[n].label + " reported an error; the steps after it were not run.");
             checkResult(plan_.steps[n], result);
             options_.results.flush();
+            const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+            if (options_.stepEnded) options_.stepEnded({n, seconds.count(), bytesOf(result), peakMemory()});
             if (plan_.steps[n].resultUsed) results_[n] = std::move(result);
             report(n, "", 1);
         }

@@ -1,6 +1,7 @@
 #pragma once
 #include "graph/plan.h"
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 
@@ -12,6 +13,15 @@ struct Progress {
     std::string node, what;
     /// Of the work named, 0 to 1.
     double done = 0;
+};
+
+/// What a step took that has ended.
+struct StepReport {
+    /// Place among the steps, from 0.
+    std::size_t step = 0;
+    double seconds = 0;
+    /// Of what it left, and the most that the whole process had meanwhile (see resources.h).
+    std::uint64_t resultBytes = 0, peakBytes = 0;
 };
 
 struct RunOptions {
@@ -26,6 +36,8 @@ struct RunOptions {
     /// Both may be called from any thread of the run, but not from two at once. Messages come with the step's label.
     MessageSink messages;
     std::function<void(Progress const&)> progress;
+    /// Called on the calling thread after each step that went well.
+    std::function<void(StepReport const&)> stepEnded = {};
 };
 
 /// Runs the steps in their order, after `checkFiles`, and stops at the first that fails. What steps wrote before stays.

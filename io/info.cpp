@@ -191,20 +191,26 @@ VolumeInfo describeTiles(Ostara::Object const& volume)
     });
 }
 
+std::uint64_t contentBytes(Ostara::Object const& volume)
+{
+    if (!volume.native()) return 0;
+    std::size_t used = 0, reserved = 0;
+    for (Corvid::String const& name : volume.native()->componentRange())
+        volume.native()->component<OST::Component>(name)->memUse(used, reserved, /*withLookup*/ false);
+    return used;
+}
+
 VolumeInfo describeVolume(Ostara::Object const& volume)
 {
     return withTree(
         volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
             VolumeInfo info = describeTiles(volume);
             if (float const* error = volume.get<float>(kRefinementError)) info.refinementError = *error;
-            for (Corvid::String const& name : native.componentRange()) {
-                std::size_t used = 0, reserved = 0;
-                native.component<OST::Component>(name)->memUse(used, reserved, /*withLookup*/ false);
-                info.bytes += used;
+            info.bytes = contentBytes(volume);
+            for (Corvid::String const& name : native.componentRange())
                 tryElements<Tr>(native, name, [&]<class C>() {
                     info.properties.push_back(describeProperty<Tr>(tree, *native.component<C>(name), name.str()));
                 });
-            }
             info.levelSet = describeLevelSet<Tr>(volume, native, tree, topology.offsetType());
             return info;
         });

@@ -41,6 +41,9 @@ VolumeInfo describeVolume(Ostara::Object const& volume);
 /// Structure, voxel size, tiles and leaf voxels alone, without a look at any value. \throws as above
 VolumeInfo describeTiles(Ostara::Object const& volume);
 
+/// `VolumeInfo::bytes` alone; 0 for an object without a native part.
+std::uint64_t contentBytes(Ostara::Object const& volume);
+
 /// Keys: structure, voxel_size, tiles_by_depth, leaf_voxels_by_depth, bytes, properties[{name,type,default,min,max}],
 /// level_set{bounds_min,bounds_max,volume,area} (only for level sets), refinement_error (only if the volume has it). One object, indented.
 std::string toJson(VolumeInfo const& info);

@@ -28,7 +28,8 @@ extern "C" void cancelJob(int signal)
     std::signal(signal, SIG_DFL);
 }
 
-void runCommand(std::vector<std::string> const& arguments, std::ostream& results)
+/// \return the exit status
+int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
 {
     const Options options = parseOptions(arguments, isatty(STDERR_FILENO) != 0);
     if (options.version) {
@@ -39,8 +40,9 @@ void runCommand(std::vector<std::string> const& arguments, std::ostream& results
     } else if (options.words.front() == "nodes") {
         printNodes(options, results);
     } else {
-        runSteps(options, job, results);
+        return runSteps(options, job, results);
     }
+    return kDone;
 }
 
 /// The end of a command that ran through: its results may not have reached anybody.
@@ -64,8 +66,8 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write
     Streams streams;
     try {
-        runCommand({argv + 1, argv + argc}, streams.results);
-        return endOf(streams);
+        const int status = runCommand({argv + 1, argv + argc}, streams.results);
+        return status == kDone ? endOf(streams) : status;
     } catch (...) {
         const Failure failure = currentFailure();
         std::cerr << "tilegrid: " << failure.text << std::endl;

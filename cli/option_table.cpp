@@ -9,9 +9,14 @@ std::vector<OptionInfo> const& optionTable()
     static const std::vector<OptionInfo> table = {
         {.name = "--save", .value = "FILE", .help = "write the chain as JSON and run nothing", .valueIsFile = true},
         {.name = "--set", .value = "NAME=VALUE", .help = "with run: give every step that has it this parameter; STEP.NAME=VALUE for one step"},
+        {.name = "--frames", .value = "RANGE",
+         .help = "run the chain for each frame of 1-240, 1-240x2 or 7, with its number in place of #### in names of files; print a line of JSON a frame"},
+        {.name = "--skip-existing", .help = "with --frames: leave out frames whose files are all there"},
         {.name = "--threads", .value = "N", .help = "work on N threads (default: all cores)"},
         {.name = "--max-memory", .value = "SIZE", .help = "refuse results that need more, such as 4G (default: three quarters of the machine)"},
         {.name = "--progress", .value = "FORM", .help = "bar, json or none (default: bar on a terminal), on standard error", .choices = {"bar", "json", "none"}},
+        {.name = "--timings", .value = "FORM", .valueOptional = true,
+         .help = "print seconds and bytes of each step on standard error, as a table or json", .choices = {"table", "json"}},
         {.name = "--quiet", .shortName = "-q", .help = "print results and errors only: no progress, no warnings, no remarks"},
         {.name = "-v", .shortName = "-vv, -vvv", .help = "print more and more diagnostics, on standard error"},
         {.name = "--", .help = "end of the options: a word after it that begins with - is a file or an input"},
@@ -57,6 +62,9 @@ std::vector<std::string> const& stepSyntax()
         "themselves), as=NAME names its result, _ is the last result, and an input that is left out is the last result too. An input may "
         "also be a file: it is read first, with the parameters of read that stand in the step. Lengths are world units; 3vx means three "
         "finest voxels.",
+        "With --frames the chain runs once a frame. In names of files, ## and longer runs of # stand for its number, with zeros in front up to "
+        "their length. Each frame prints one line of JSON: frame, state (done, skipped, failed or cancelled), status, seconds, outputs, "
+        "results and messages. A frame that fails does not stop those after it; the exit status is that of the first that failed.",
     };
     return paragraphs;
 }
@@ -68,6 +76,7 @@ std::vector<std::string> const& exampleLines()
         "tilegrid info bunny.vdb --json",
         "tilegrid read bunny.obj voxel=0.0387 ! write bunny.vdb --save graph.json",
         "tilegrid run graph.json --set voxel=0.02",
+        "tilegrid read sim.####.vdb ! rebuild_level_set ! write out/sim.####.obj --frames 1-240x2 --skip-existing",
     };
     return lines;
 }

@@ -43,6 +43,13 @@ ProgressForm parseProgress(std::string const& text, bool barWanted)
     throw graph::UsageError("--progress=" + text + ": choose bar, json or none.");
 }
 
+TimingsForm parseTimings(std::string const& word)
+{
+    if (word == "--timings" || word == "--timings=table") return TimingsForm::kTable;
+    if (word == "--timings=json") return TimingsForm::kJson;
+    throw graph::UsageError(word + ": choose table or json.");
+}
+
 /// The value of `--name VALUE` or `--name=VALUE` at word `n`, which moves on to the word of the value. Nothing if word `n` is
 /// another one.
 std::optional<std::string> optionValue(std::vector<std::string> const& words, std::size_t& n, std::string const& name)
@@ -114,6 +121,12 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
             options.quiet = true;
         else if (word == "-v" || word == "-vv" || word == "-vvv")
             options.verbose += int(word.size()) - 1;
+        else if (word == "--skip-existing")
+            options.skipExisting = true;
+        else if (word == "--timings" || word.starts_with("--timings="))
+            options.timings = parseTimings(word);
+        else if (const auto frames = optionValue(arguments, n, "--frames"))
+            options.frames = frames->empty() ? throw graph::UsageError("--frames: a range must follow, such as 1-240.") : *frames;
         else if (const auto threads = optionValue(arguments, n, "--threads"))
             options.threads = parseThreads(*threads);
         else if (const auto bytes = optionValue(arguments, n, "--max-memory"))
@@ -130,6 +143,9 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
             options.words.push_back(word);
     }
     if (options.quiet && options.verbose > 0) throw graph::UsageError("--quiet and -v contradict each other. Give one of them.");
+    if (options.skipExisting && options.frames.empty()) throw graph::UsageError("--skip-existing goes with --frames.");
+    if (!options.save.empty() && !options.frames.empty())
+        throw graph::UsageError("--save keeps #### in the graph as it is. Give --frames where the graph is run: tilegrid run GRAPH.json --frames 1-240.");
     // Diagnostics go to the same terminal, and would tear the bar.
     options.progress = progress.value_or(barWanted && options.verbose == 0 && !options.quiet ? ProgressForm::kBar : ProgressForm::kNone);
     return options;
@@ -144,8 +160,7 @@ std::string usageText()
     for (UseForm const& form : useForms())
         text += (text.empty() ? "usage: tilegrid " : "       tilegrid ") + graph::padded(form.line, width) + form.help + "\n";
     text += "\n";
-    for (std::string const& paragraph : stepSyntax()) text += graph::wrapped(paragraph, 0, kColumns) + "\n";
-    text += "\n";
+    for (std::string const& paragraph : stepSyntax()) text += graph::wrapped(paragraph, 0, kColumns) + "\n\n";
     for (std::string const& line : exampleLines()) text += "  " + line + "\n";
     text += "\noptions:\n";
     constexpr std::size_t kOptionWidth = 24;

@@ -6,6 +6,7 @@
 namespace tilegrid::cli {
 
 enum class ProgressForm { kNone, kBar, kJson };
+enum class TimingsForm { kNone, kTable, kJson };
 
 /// The words of a command line, sorted: options of the command itself, and the rest.
 struct Options {
@@ -19,6 +20,11 @@ struct Options {
     int threads = 0;
     std::uint64_t maxMemory = 0;
     ProgressForm progress = ProgressForm::kNone;
+    TimingsForm timings = TimingsForm::kNone;
+    /// Frames to run, as `graph::parseFrames` takes them; empty: no sequence.
+    std::string frames;
+    /// Leave out frames whose files are all there.
+    bool skipExisting = false;
     /// File for the chain as JSON; empty: run it.
     std::string save;
     /// For `run`: assignments in their order.

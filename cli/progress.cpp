@@ -3,14 +3,23 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
+#include <iostream>
 
 namespace tilegrid::cli {
+
+void ProgressReporter::beginFrame(std::int64_t frame, std::int64_t n, std::int64_t count)
+{
+    frame_ = frame;
+    frameNumber_ = n;
+    frameCount_ = count;
+}
 
 void ProgressReporter::show(graph::Progress const& progress)
 {
     if (form_ == ProgressForm::kJson) {
-        const nlohmann::ordered_json line = {{"step", progress.step}, {"steps", progress.steps}, {"node", progress.node},
+        nlohmann::ordered_json line = {{"step", progress.step}, {"steps", progress.steps}, {"node", progress.node},
                                              {"what", progress.what}, {"done", progress.done}};
+        if (frameCount_ > 0) line["frame"] = frame_;
         std::fprintf(stderr, "%s\n", line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
     }
     if (form_ == ProgressForm::kBar) {
@@ -19,7 +28,8 @@ void ProgressReporter::show(graph::Progress const& progress)
         const int filled = int(whole * kWidth);
         std::string bar(std::size_t(filled), '#');
         bar.resize(kWidth, '.');
-        std::fprintf(stderr, "\r\033[K[%s] %d/%d %s", bar.c_str(), progress.step, progress.steps, progress.node.c_str());
+        const std::string frame = frameCount_ > 0 ? "frame " + std::to_string(frame_) + " (" + std::to_string(frameNumber_) + "/" + std::to_string(frameCount_) + ") " : "";
+        std::fprintf(stderr, "\r\033[K%s[%s] %d/%d %s", frame.c_str(), bar.c_str(), progress.step, progress.steps, progress.node.c_str());
         std::fflush(stderr);
         drawn_ = true;
     }
@@ -31,6 +41,13 @@ void ProgressReporter::clear()
     std::fprintf(stderr, "\r\033[K");
     std::fflush(stderr);
     drawn_ = false;
+}
+
+void showMessage(ProgressReporter& reporter, Options const& options, Severity severity, std::string_view text, std::string const& before)
+{
+    if (options.quiet && severity != Severity::kError) return;
+    reporter.clear();
+    std::cerr << before << (severity == Severity::kError ? "error: " : severity == Severity::kWarning ? "warning: " : "") << text << std::endl;
 }
 
 }  // namespace tilegrid::cli

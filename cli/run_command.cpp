@@ -1,10 +1,14 @@
 #include "cli/run_command.h"
 
 #include "TilegridOps/host/logger.h"
+#include "cli/failure.h"
+#include "cli/frames_command.h"
 #include "cli/progress.h"
+#include "cli/timings.h"
 #include "graph/chain.h"
 #include "graph/error.h"
 #include "graph/files.h"
+#include "graph/frames.h"
 #include "graph/json.h"
 #include "graph/plan.h"
 #include "graph/run.h"
@@ -14,7 +18,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 
 namespace tilegrid::cli {
@@ -54,28 +57,34 @@ graph::Graph graphOf(Options const& options)
     return graph;
 }
 
+/// Only a graph that could run is worth keeping.
+void saveGraph(graph::Graph const& graph, std::string const& file)
+{
+    graph::makePlan(graph);
+    graph::createParentFolders(file);
+    io::writeAtomically(file, [&](std::ostream& out) { out << graph::toJson(graph); });
+}
+
 }  // namespace
 
-void runSteps(Options const& options, Job& job, std::ostream& results)
+int runSteps(Options const& options, Job& job, std::ostream& results)
 {
     CoreGL::Logger::setVerboseLevel(options.verbose);
     const graph::Graph graph = graphOf(options);
-    const graph::Plan plan = graph::makePlan(graph);
     if (!options.save.empty()) {
-        // Only a graph that could run is worth keeping.
-        graph::createParentFolders(options.save);
-        io::writeAtomically(options.save, [&](std::ostream& file) { file << graph::toJson(graph); });
-        return;
+        saveGraph(graph, options.save);
+        return kDone;
     }
+    Timings timings(options.timings);
+    if (!options.frames.empty()) return runFrames(graph, options, job, results, timings);
+    graph::refuseFrameNames(graph);
+    const graph::Plan plan = graph::makePlan(graph);
     ProgressReporter reporter(options.progress);
-    const auto message = [&reporter, quiet = options.quiet](Severity severity, Corvid::StringView text) {
-        if (quiet && severity != Severity::kError) return;
-        reporter.clear();
-        std::cerr << (severity == Severity::kError ? "error: " : severity == Severity::kWarning ? "warning: " : "")
-                  << std::string_view(text) << std::endl;
-    };
+    const auto message = [&](Severity severity, Corvid::StringView text) { showMessage(reporter, options, severity, std::string_view(text)); };
     graph::run(plan, {.job = &job, .threads = options.threads, .maxBytes = options.maxMemory, .results = results, .messages = message,
-                      .progress = [&reporter](graph::Progress const& progress) { reporter.show(progress); }});
+                      .progress = [&](graph::Progress const& progress) { reporter.show(progress); },
+                      .stepEnded = timings.sinkFor(plan)});
+    return kDone;
 }
 
 }  // namespace tilegrid::cli

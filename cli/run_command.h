@@ -6,9 +6,10 @@
 
 namespace tilegrid::cli {
 
-/// Runs the chain of the words, or the file of `run`; with --save only writes it as JSON.
+/// Runs the chain of the words, or the file of `run`, once or for each frame; with --save only writes it as JSON.
 /// \param job  what a signal cancels
+/// \return the exit status: kDone, or that of the first frame that failed
 /// \throws graph::UsageError, io::InputError, graph::NodeError, graph::Cancelled
-void runSteps(Options const& options, Job& job, std::ostream& results);
+int runSteps(Options const& options, Job& job, std::ostream& results);
 
 }  // namespace tilegrid::cli

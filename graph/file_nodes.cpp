@@ -3,6 +3,7 @@
 #include "graph/node_families.h"
 #include "graph/suggest.h"
 #include "io/error.h"
+#include "io/formats.h"
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
 #include "io/mesh_transform.h"
@@ -17,8 +18,17 @@ namespace tilegrid::graph {
 
 namespace {
 
-const std::vector<std::string> kMeshEndings = {".obj", ".ply", ".stl"};
+const std::vector<std::string> kMeshEndings = io::endingsThat(&io::FileFormat::readsMeshes);
 const std::vector<std::string> kVolumeEndings = {".vdb"};
+
+/// The endings of formats that can do one of these, in the order of the table.
+std::vector<std::string> endingsThatAny(std::vector<bool io::FileFormat::*> const& can)
+{
+    std::vector<std::string> endings;
+    for (io::FileFormat const& format : io::fileFormats())
+        if (std::ranges::any_of(can, [&format](bool io::FileFormat::*what) { return format.*what; })) endings.push_back(format.ending);
+    return endings;
+}
 
 io::MeshTransform placementOf(Arguments const& arguments)
 {
@@ -77,7 +87,7 @@ Result runWrite(StepContext& step)
         createParentFolders(file);
         io::writePoints(file, volume, step.services);
     } else if (endingOf(file) == ".csv") {
-        throw io::InputError("'" + file + "' would hold points, and this is a volume. Write .vdb, .obj or .ply.");
+        throw io::InputError("'" + file + "' would hold points, and this is a volume. Write .vdb, or its surface as " + io::endingsText(&io::FileFormat::writesMeshes) + ".");
     } else if (contains(kVolumeEndings, endingOf(file))) {
         createParentFolders(file);
         const auto layout = step.arguments.choice("layout") == 0 ? io::VdbLayout::kFlat : io::VdbLayout::kLevels;
@@ -87,7 +97,7 @@ Result runWrite(StepContext& step)
         // A cancelled run must not replace a file any more.
         if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
-        io::writeMesh(file, surface);
+        io::writeMesh(file, surface, step.services);
         reportEdges(step, surface);
     }
     return {};
@@ -97,7 +107,8 @@ NodeInfo readNode()
 {
     NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh, or reads points", .run = runRead};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = {".vdb", ".obj", ".ply", ".stl", ".csv"}}};
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true,
+         .endings = endingsThatAny({&io::FileFormat::readsVolumes, &io::FileFormat::readsMeshes, &io::FileFormat::readsPoints})}};
     std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
     // A .ply file without faces holds points.
     std::ranges::find(node.parameters, "voxel", &ParameterInfo::name)->optionalFor = {".ply"};
@@ -122,7 +133,7 @@ NodeInfo writeNode()
     node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh; points"}};
     node.parameters = {
         {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete", .positional = true,
-         .endings = {".vdb", ".obj", ".ply", ".csv"}},
+         .endings = endingsThatAny({&io::FileFormat::writesVolumes, &io::FileFormat::writesMeshes, &io::FileFormat::writesPoints})},
         {.name = "layout", .type = ParameterType::kEnum,
          .help = "flat: one grid of the finest voxels for each property, for any program; levels: one for each property and depth, which "
                  "keeps all voxel sizes and reads back as it was",

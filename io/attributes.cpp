@@ -38,6 +38,13 @@ unsigned char byteOf(float value)
 
 unsigned char srgbByte(float linear) { return byteOf(static_cast<float>(srgbFromLinear(linear))); }
 
+Attribute colorsFromCodes(std::vector<float> codes)
+{
+    const bool bytes = std::any_of(codes.begin(), codes.end(), [](float code) { return code > 1.0f; });
+    for (float& code : codes) code = linearFromSrgb(bytes ? code / 255.0 : code);
+    return {kColor, 3, std::move(codes)};
+}
+
 std::array<std::string, 3> vectorColumns(std::string const& name)
 {
     if (name == Ostara::Geometry::sPointPosition.str()) return {"x", "y", "z"};

@@ -2,12 +2,11 @@
 
 #include "io/error.h"
 #include "io/file_content.h"
-#include "io/mesh_check.h"
+#include "io/formats.h"
+#include "io/gltf.h"
+#include "io/mesh_readers.h"
 #include "io/polygon.h"
 #include "io/text.h"
-
-#include <assimp/Importer.hpp>
-#include <assimp/scene.h>
 
 #include <algorithm>
 #include <bit>
@@ -55,77 +54,55 @@ private:
     std::unordered_map<float3, std::int32_t, Hash> known_;
 };
 
-bool isFinite(aiVector3D const& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
-
-/// What must hold before anything is computed from an imported scene. \return its number of faces
-std::uint64_t checkScene(aiScene const& scene, std::string const& path)
-{
-    std::uint64_t faces = 0;
-    for (aiMesh const* mesh : std::span(scene.mMeshes, scene.mNumMeshes)) {
-        for (aiVector3D const& v : std::span(mesh->mVertices, mesh->mNumVertices))
-            if (!isFinite(v)) fail(path, "a vertex has a coordinate that is not a finite number");
-        for (aiFace const& face : std::span(mesh->mFaces, mesh->mNumFaces)) {
-            faces += face.mNumIndices >= 3;
-            for (unsigned index : std::span(face.mIndices, face.mNumIndices))
-                if (index >= mesh->mNumVertices) fail(path, "a face names a vertex that is not there");
-        }
-    }
-    return faces;
-}
-
-TriangleMesh weldedTriangles(aiScene const& scene)
+/// Divides polygons and joins vertices. Values at the vertices stay as many as the file has.
+TriangleMesh weldedTriangles(PolygonMesh&& polygons)
 {
     TriangleMesh result;
     Welder welder(result);
-    std::vector<std::int32_t> corners;
-    std::vector<int3> triangles;
-    for (aiMesh const* mesh : std::span(scene.mMeshes, scene.mNumMeshes))
-        for (aiFace const& face : std::span(mesh->mFaces, mesh->mNumFaces)) {
-            corners.clear();
-            for (const unsigned index : std::span(face.mIndices, face.mNumIndices)) {
-                aiVector3D const& v = mesh->mVertices[index];
-                corners.push_back(welder.add({v.x, v.y, v.z}));
-            }
-            triangles.clear();
-            appendTriangles(result.vertices, corners, triangles);
+    std::vector<int3> parts;
+    std::uint32_t begin = 0;
+    for (const std::uint32_t end : polygons.ends) {
+        parts.clear();
+        appendTriangles(polygons.vertices, std::span(polygons.corners).subspan(begin, end - begin), parts);
+        begin = end;
+        for (int3 const& part : parts) {
+            int3 triangle;
+            for (int corner = 0; corner < 3; ++corner)
+                triangle[corner] = welder.add(polygons.vertices[std::size_t(part[corner])]);
             // Without two equal corners a triangle stays, even with no area: its neighbours need its edges.
-            for (int3 const& t : triangles)
-                if (t.x != t.y && t.y != t.z && t.z != t.x) result.triangles.push_back(t);
+            if (triangle.x == triangle.y || triangle.y == triangle.z || triangle.z == triangle.x) continue;
+            result.triangles.push_back(triangle);
+            if (!polygons.attributes.empty()) result.attributeCorners.push_back(part);
         }
+    }
+    result.attributes = std::move(polygons.attributes);
     return result;
 }
 
-TriangleMesh imported(std::string const& path, std::string const& content, std::string const& ending,
-                      MeshCounts const& counts)
+PolygonMesh polygonsOf(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services)
 {
-    Assimp::Importer importer;
-    aiScene const* scene = importer.ReadFileFromMemory(content.data(), content.size(), 0, ending.c_str());
-    if (!scene) fail(path, importer.GetErrorString());
-    if (const std::uint64_t faces = checkScene(*scene, path); faces != counts.faces)
-        fail(path,
-             "it has " + std::to_string(counts.faces) + " faces, and " + std::to_string(faces) + " could be read");
-    return weldedTriangles(*scene);
+    const std::string ending = endingOf(path), content = fileContent(path, "mesh", maxBytes);
+    try {
+        if (ending == "glb" || ending == "gltf") return gltfMesh(content, path, maxBytes, services);
+        if (ending == "obj") return objMesh(content, maxBytes);
+        if (ending == "ply") return plyMesh(content, maxBytes);
+        if (ending == "stl") return stlMesh(content, maxBytes);
+        return offMesh(content, maxBytes);
+    } catch (InputError const& error) {
+        fail(path, error.what());
+    }
 }
 
 }  // namespace
 
-TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const&)
+TriangleMesh readMesh(std::string const& path, std::uint64_t maxBytes, Corvid::RuntimeServices const& services)
 {
-    const std::string ending = endingOf(path);
-    if (ending != "obj" && ending != "ply" && ending != "stl")
-        fail(path, "the ending tells the form, and only .obj, .ply and .stl are known");
-    const std::string content = fileContent(path, "mesh", maxBytes);
-    MeshCounts counts;
-    try {
-        counts = checkMeshContent(content, ending);
-    } catch (InputError const& error) {
-        fail(path, error.what());
-    }
-    if (counts.triangles == 0) fail(path, "it holds no triangle");
-    const std::uint64_t bytes = counts.vertices * sizeof(float3) + counts.triangles * sizeof(int3);
-    if (counts.vertices > INT32_MAX || 3 * counts.triangles > INT32_MAX || (maxBytes > 0 && bytes > maxBytes))
-        fail(path, "its " + std::to_string(counts.triangles) + " triangles are too many for the limit");
-    TriangleMesh mesh = imported(path, content, ending, counts);
+    const std::vector<std::string> endings = endingsThat(&FileFormat::readsMeshes);
+    if (std::find(endings.begin(), endings.end(), "." + endingOf(path)) == endings.end())
+        fail(path, "the ending tells the form, and only " + endingsText(&FileFormat::readsMeshes) + " are known");
+    PolygonMesh polygons = polygonsOf(path, maxBytes, services);
+    if (polygons.ends.empty()) fail(path, "it holds no triangle");
+    TriangleMesh mesh = weldedTriangles(std::move(polygons));
     if (mesh.triangles.empty()) fail(path, "it holds no triangle with three different corners");
     return mesh;
 }

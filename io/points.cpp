@@ -10,9 +10,7 @@
 #include "io/vdb.h"
 
 #include <algorithm>
-#include <array>
 #include <ostream>
-#include <set>
 
 namespace tilegrid::io {
 
@@ -23,22 +21,6 @@ namespace {
 
 constexpr char kRadius[] = "point_radius";
 
-/// How the three columns of a vector are called.
-std::array<std::string, 3> vectorColumns(std::string const& name)
-{
-    if (name == sPointPosition.str()) return {"x", "y", "z"};
-    if (name == "normal") return {"nx", "ny", "nz"};
-    return {name + "_x", name + "_y", name + "_z"};
-}
-
-/// The attribute whose first column this could be; empty if it is none.
-std::string vectorName(std::string const& column)
-{
-    if (column == "x") return sPointPosition.str();
-    if (column == "nx") return "normal";
-    return column.size() > 2 && column.ends_with("_x") ? column.substr(0, column.size() - 2) : std::string();
-}
-
 template <class T> Corvid::Array<T> const* arrayOf(Corvid::Any const& entry, std::string const& name, std::size_t length)
 {
     auto const* array = entry.get<Corvid::Array<T>>();
@@ -47,66 +29,53 @@ template <class T> Corvid::Array<T> const* arrayOf(Corvid::Any const& entry, std
     return array;
 }
 
-void addColumns(PointTable& table, std::string const& name, Corvid::Array<float3> const& values)
+Attribute attributeOf(std::string const& name, Corvid::Array<float3> const& values)
 {
-    const auto columns = vectorColumns(name);
-    for (int axis = 0; axis < 3; ++axis) {
-        table.names.push_back(columns[std::size_t(axis)]);
-        auto& column = table.columns.emplace_back();
-        for (float3 const& v : values) column.push_back(v[axis]);
-    }
+    Attribute attribute{name, 3, {}};
+    attribute.values.reserve(3 * values.size());
+    for (float3 const& v : values)
+        for (int axis = 0; axis < 3; ++axis) attribute.values.push_back(v[axis]);
+    return attribute;
 }
 
 }  // namespace
 
 bool isPointCloud(Ostara::Object const& object) { return Ostara::Object::isA(object, *Ostara::Geometry::getPointCloudPrototype()); }
 
-Corvid::Ptr<Ostara::Object> pointsOf(PointTable const& table)
+Corvid::Ptr<Ostara::Object> pointsOf(AttributeTable const& table)
 {
+    std::vector<Attribute> attributes = attributesOf(table);
     auto points = Corvid::makeMutable<Ostara::Object>(Ostara::Geometry::getPointCloudPrototype());
-    const auto column = [&table](std::string const& name) -> std::vector<float> const* {
-        const auto found = std::find(table.names.begin(), table.names.end(), name);
-        return found == table.names.end() ? nullptr : &table.columns[std::size_t(found - table.names.begin())];
-    };
-    std::set<std::string> made;
-    const auto put = [&](std::string const& name, auto&& values) {
-        if (!made.insert(name).second) throw InputError("columns give the attribute '" + name + "' twice");
-        points->set(Corvid::String(name), std::move(values));
-    };
-    std::vector<std::string> used;
-    for (std::string const& first : table.names) {
-        const std::string name = vectorName(first);
-        if (name.empty()) continue;
-        const auto names = vectorColumns(name);
-        const auto *x = column(names[0]), *y = column(names[1]), *z = column(names[2]);
-        if (!x || !y || !z) continue;
-        Corvid::Array<float3> values(x->size());
-        for (std::size_t n = 0; n < x->size(); ++n) values[n] = {(*x)[n], (*y)[n], (*z)[n]};
-        put(name, std::move(values));
-        used.insert(used.end(), names.begin(), names.end());
+    for (Attribute& attribute : attributes) {
+        if (attribute.components == 1 && attribute.name == "radius") attribute.name = kRadius;
+        const Corvid::String name(attribute.name);
+        if (points->get<Corvid::Array<float>>(name) || points->get<Corvid::Array<float3>>(name))
+            throw InputError("columns give the attribute '" + attribute.name + "' twice");
+        if (attribute.components == 1) {
+            points->set(name, Corvid::Array<float>(attribute.values.begin(), attribute.values.end()));
+            continue;
+        }
+        Corvid::Array<float3> values(attribute.values.size() / 3);
+        for (std::size_t n = 0; n < values.size(); ++n) values[n] = {attribute.values[3 * n], attribute.values[3 * n + 1], attribute.values[3 * n + 2]};
+        points->set(name, std::move(values));
     }
     if (!points->get<Corvid::Array<float3>>(sPointPosition)) throw InputError("it has no columns x, y and z");
-    for (std::size_t n = 0; n < table.names.size(); ++n) {
-        std::string const& name = table.names[n];
-        if (std::find(used.begin(), used.end(), name) != used.end()) continue;
-        put(name == "radius" ? kRadius : name, Corvid::Array<float>(table.columns[n].begin(), table.columns[n].end()));
-    }
     return points;
 }
 
-PointTable tableOf(Ostara::Object const& points, Corvid::RuntimeServices const& services)
+AttributeTable tableOf(Ostara::Object const& points, Corvid::RuntimeServices const& services)
 {
     auto const* positions = points.get<Corvid::Array<float3>>(sPointPosition);
     if (!positions) throw InputError("the points have no positions");
-    PointTable table;
-    addColumns(table, sPointPosition.str(), *positions);
+    AttributeTable table;
+    addColumns(table, attributeOf(sPointPosition.str(), *positions));
     for (auto const& [name, entry] : points.entries()) {
         if (name == sPointPosition) continue;
         if (auto const* scalars = arrayOf<float>(entry, name.str(), positions->size())) {
             table.names.push_back(name.str() == kRadius ? "radius" : name.str());
             table.columns.emplace_back(scalars->begin(), scalars->end());
         } else if (auto const* vectors = arrayOf<float3>(entry, name.str(), positions->size())) {
-            addColumns(table, name.str(), *vectors);
+            addColumns(table, attributeOf(name.str(), *vectors));
         } else {
             services.message(Severity::kWarning, "attribute '" + name.str() + "' is left out: its values are neither float nor float3");
         }
@@ -147,7 +116,7 @@ void writePoints(std::string const& path, Ostara::Object const& points, Corvid::
     const std::string ending = endingOf(path);
     if (ending == "vdb") return writeVdb(path, points, services);
     try {
-        const PointTable table = tableOf(points, services);
+        const AttributeTable table = tableOf(points, services);
         if (ending != "csv" && ending != "ply") throw InputError("points are written as .csv, .ply or .vdb");
         const std::string text = ending == "csv" ? csvOf(table) : plyOf(table);
         writeAtomically(path, [&text](std::ostream& out) { out << text; });

@@ -1,6 +1,6 @@
 #pragma once
 #include "TilegridOps/host/math.h"
-#include "io/attributes.h"
+#include "io/attribute.h"
 
 #include <cstdint>
 #include <string>

@@ -1,4 +1,6 @@
 #pragma once
+#include "io/error.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -90,6 +92,25 @@ inline std::optional<std::int64_t> integerFrom(std::string_view word)
 inline bool isFiniteFloat(double value)
 {
     return std::isfinite(value) && std::abs(value) <= double(std::numeric_limits<float>::max());
+}
+
+[[noreturn]] inline void failAt(std::uint64_t line, std::string const& what)
+{
+    throw InputError("line " + std::to_string(line) + ": " + what);
+}
+
+/// Takes three coordinates off the words of a line. \throws InputError for what is no finite float
+inline void takeCoordinates(std::string_view& words, std::uint64_t line, double (&place)[3])
+{
+    for (double& coordinate : place) {
+        const std::string_view word = takeWord(words);
+        if (word.empty()) failAt(line, "a vertex with fewer than three coordinates; the file may be cut off");
+        const auto value = realFrom(word);
+        if (!value) failAt(line, quoted(word) + " is no number");
+        if (!isFiniteFloat(*value))
+            failAt(line, "the coordinate " + std::string(word.substr(0, 40)) + " is not a finite number");
+        coordinate = *value;
+    }
 }
 
 }  // namespace tilegrid::io

@@ -5,6 +5,7 @@
 #include "io/points.h"
 #include "io/points_table.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,7 @@ Corvid::RuntimeServices silent()
     return Corvid::RuntimeServices(nullptr, [](tilegrid::Severity, Corvid::StringView) {});
 }
 
-bool sameBits(PointTable const& a, PointTable const& b)
+bool sameBits(AttributeTable const& a, AttributeTable const& b)
 {
     bool same = a.names == b.names && a.columns.size() == b.columns.size();
     for (std::size_t n = 0; same && n < a.columns.size(); ++n)
@@ -28,7 +29,7 @@ bool sameBits(PointTable const& a, PointTable const& b)
 }
 
 /// What is written as text or bytes must read as the same points; names that a form cannot hold are refused when writing.
-template <class Write, class Read> void survives(PointTable const& table, Write const& write, Read const& read)
+template <class Write, class Read> void survives(AttributeTable const& table, Write const& write, Read const& read)
 {
     std::string text;
     try {
@@ -37,6 +38,20 @@ template <class Write, class Read> void survives(PointTable const& table, Write 
         return;
     }
     if (!sameBits(tableOf(*pointsOf(read(text, 0)), silent()), table)) std::abort();
+}
+
+/// As a .ply keeps it: colours, and the opacity beside them, have 8 bits there.
+AttributeTable inBytes(AttributeTable table)
+{
+    const auto colors = vectorColumns(kColor);
+    const auto has = [&table](std::string const& name) { return std::find(table.names.begin(), table.names.end(), name) != table.names.end(); };
+    if (!std::all_of(colors.begin(), colors.end(), has)) return table;
+    for (std::size_t n = 0; n < table.names.size(); ++n)
+        for (float& value : table.columns[n]) {
+            if (std::find(colors.begin(), colors.end(), table.names[n]) != colors.end()) value = linearFromSrgb(srgbByte(value) / 255.0);
+            if (table.names[n] == kAlpha) value = static_cast<float>(byteOf(value) / 255.0);
+        }
+    return table;
 }
 
 }  // namespace
@@ -54,13 +69,13 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         return 0;  // the documented answer to a bad file
     }
     if (!isPointCloud(*points)) std::abort();
-    const PointTable table = tableOf(*points, silent());
+    const AttributeTable table = tableOf(*points, silent());
     for (auto const& column : table.columns) {
         if (column.size() != table.rows()) std::abort();
         for (float value : column)
             if (!std::isfinite(value)) std::abort();
     }
     survives(table, csvOf, tableFromCsv);
-    survives(table, plyOf, tableFromPly);
+    survives(inBytes(table), plyOf, tableFromPly);
     return 0;
 }

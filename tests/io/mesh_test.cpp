@@ -142,7 +142,7 @@ TEST(MeshReader, refuses_files_that_are_no_mesh)
     EXPECT_TRUE(contains(errorOf<InputError>([&] { readMesh(folder.file(""), 0, {}); }), "ending"));
     std::filesystem::create_directory(folder.file("folder.obj"));
     EXPECT_TRUE(contains(errorOf<InputError>([&] { readMesh(folder.file("folder.obj"), 0, {}); }), "no regular file"));
-    EXPECT_TRUE(contains(complaintAbout(folder, "a.fbx", "x"), ".obj, .ply and .stl"));
+    EXPECT_TRUE(contains(complaintAbout(folder, "a.fbx", "x"), ".obj, .ply, .stl, .off, .glb and .gltf"));
     for (const std::string ending : {"obj", "ply", "stl"})
         EXPECT_TRUE(contains(complaintAbout(folder, "empty." + ending, ""), "empty"));
     EXPECT_TRUE(contains(complaintAbout(folder, "points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n"), "no triangle"));
@@ -287,7 +287,7 @@ TEST(MeshWriter, leaves_the_old_file_when_it_fails)
     EXPECT_TRUE(contains(errorOf<InputError>([&] {
                              writeMesh(folder.file("a.xyz"), boxMesh({0, 0, 0}, {1, 1, 1}));
                          }),
-                         ".ply or .obj"));
+                         ".obj, .ply, .stl and .glb"));
     EXPECT_EQ(folder.read("a.xyz"), old);
     EXPECT_TRUE(contains(errorOf<InputError>([&] { writeMesh(folder.file("no/such/a.ply"), {}); }), "no such folder"));
     std::filesystem::create_directory(folder.file("b.ply"));

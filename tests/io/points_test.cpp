@@ -1,4 +1,5 @@
 #include "TilegridOps/host/geometry.h"
+#include "io/attributes.h"
 #include "io/error.h"
 #include "io/points.h"
 #include "io/vdb.h"
@@ -6,6 +7,7 @@
 #include "support/structures.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace tilegrid::test {
@@ -144,6 +146,43 @@ TEST(Points, in_ply_files_of_other_programs_are_found_by_their_content)
     EXPECT_FALSE(io::holdsPoints(folder.file("missing.ply")));
 }
 
+TEST(Points, colours_of_eight_bits_survive_every_format)
+{
+    const TestFolder folder;
+    KeptMessages messages;
+    std::string text = "ply\nformat ascii 1.0\nelement vertex 256\nproperty float x\nproperty float y\nproperty float z\nproperty float heat\nproperty uchar red\n"
+                       "property uchar green\nproperty uchar blue\nproperty uchar alpha\nend_header\n";
+    const auto codes = [](int n) { return std::array<int, 4>{n, 255 - n, (n * 7) % 256, (n * 3) % 256}; };
+    for (int n = 0; n < 256; ++n) {
+        text += std::to_string(n % 16) + " " + std::to_string(n / 16) + " 0 " + std::to_string(n) + ".5";
+        for (int code : codes(n)) text += " " + std::to_string(code);
+        text += "\n";
+    }
+    const auto cloud = io::readPoints(folder.write("a.ply", text), 0);
+    EXPECT_EQ(cloud->entries().size(), 4u) << "place, heat, color, alpha";
+    const auto check = [&](Ostara::Object const& points) {
+        auto const& colors = arrayOf<float3>(points, "color");
+        auto const &heat = arrayOf<float>(points, "heat"), &alpha = arrayOf<float>(points, "alpha");
+        ASSERT_EQ(colors.size(), 256u);
+        for (std::size_t at = 0; at < 256; ++at) {
+            const auto code = codes(int(heat[at]));
+            for (int c = 0; c < 3; ++c) ASSERT_EQ(int(io::srgbByte(colors[at][c])), code[std::size_t(c)]);
+            ASSERT_EQ(int(io::byteOf(alpha[at])), code[3]);
+        }
+    };
+    check(*cloud);
+    io::writePoints(folder.file("b.ply"), *cloud, messages.services());
+    EXPECT_TRUE(contains(folder.read("b.ply"), "property uchar red\nproperty uchar green\nproperty uchar blue\n"));
+    io::writePoints(folder.file("b.csv"), *cloud, messages.services());
+    io::writePoints(folder.file("b.vdb"), *cloud, messages.services());
+    check(*io::readPoints(folder.file("b.ply"), 0));
+    check(*io::readPoints(folder.file("b.csv"), 0));
+    check(*io::readVdb(folder.file("b.vdb"), {}, messages.services())[0].volume);
+    // A second time the bytes are the same.
+    io::writePoints(folder.file("c.ply"), *io::readPoints(folder.file("b.ply"), 0), messages.services());
+    EXPECT_TRUE(folder.read("c.ply") == folder.read("b.ply"));
+}
+
 TEST(Points, that_cannot_be_read_are_refused_with_the_place)
 {
     const TestFolder folder;
@@ -164,7 +203,7 @@ TEST(Points, that_cannot_be_read_are_refused_with_the_place)
     EXPECT_TRUE(contains(problem("k.csv", "x,y,z,radius,point_radius\n1,2,3,4,5\n"), "'point_radius' twice"));
     const std::string head = "ply\nformat binary_little_endian 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
     EXPECT_TRUE(contains(problem("a.ply", head + std::string(20, '\0')), "and only 20 bytes follow") ||
-                contains(problem("a.ply", head + std::string(20, '\0')), "it ends in element 'vertex' 2"));
+                contains(problem("a.ply", head + std::string(20, '\0')), "the file ends in number 2"));
     EXPECT_TRUE(contains(problem("b.ply", head + std::string(12, '\0') + std::string(12, '\xff')), "point 2 has a 'x' that is not a finite number"));
     EXPECT_TRUE(contains(problem("c.ply", "ply\nformat ascii 1.0\nelement vertex 4000000000000000000\nproperty float x\nend_header\n1\n"), "bytes follow"));
     EXPECT_TRUE(contains(problem("d.ply", "ply\nformat ascii 1.0\nelement edge 1\nproperty int a\nend_header\n1\n"), "no element 'vertex'"));

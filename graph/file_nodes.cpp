@@ -6,6 +6,7 @@
 #include "io/formats.h"
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
+#include "io/mesh_properties.h"
 #include "io/mesh_transform.h"
 #include "io/points.h"
 #include "io/surface.h"
@@ -47,6 +48,7 @@ Result readMeshFile(StepContext& step)
     if (!step.arguments.has("voxel")) throw UsageError("'voxel' is missing. Give voxel=length: size of a voxel of the band.");
     io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
     io::transformMesh(mesh, placementOf(step.arguments));
+    if (!step.arguments.flag("attributes")) mesh.attributes.clear(), mesh.attributeCorners.clear();
     return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, levelSetOptions(step), step.services)}};
 }
 
@@ -93,7 +95,8 @@ Result runWrite(StepContext& step)
         const auto layout = step.arguments.choice("layout") == 0 ? io::VdbLayout::kFlat : io::VdbLayout::kLevels;
         io::writeVdb(file, volume, step.services, layout);
     } else {
-        const io::TriangleMesh surface = io::extractSurface(volume);
+        io::TriangleMesh surface = io::extractSurface(volume);
+        io::addPropertiesAtVertices(surface, volume);
         // A cancelled run must not replace a file any more.
         if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
@@ -105,7 +108,7 @@ Result runWrite(StepContext& step)
 
 NodeInfo readNode()
 {
-    NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh, or reads points", .run = runRead};
+    NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh with its attributes, or reads points", .run = runRead};
     node.parameters = {
         {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true,
          .endings = endingsThatAny({&io::FileFormat::readsVolumes, &io::FileFormat::readsMeshes, &io::FileFormat::readsPoints})}};
@@ -121,6 +124,8 @@ NodeInfo readNode()
          .defaultText = "0,0,0", .onlyFor = kMeshEndings},
         {.name = "move", .type = ParameterType::kVector, .help = "way that the mesh moves: x,y,z", .unit = "world units", .defaultText = "0,0,0",
          .onlyFor = kMeshEndings},
+        {.name = "attributes", .type = ParameterType::kBool, .help = "whether colours and other values at the vertices of a mesh become properties",
+         .defaultText = "true", .onlyFor = kMeshEndings},
         {.name = "volume", .help = "name of the volume to take, where the file holds several; .2, .3, ... stand behind a name that comes again", .defaultText = "", .onlyFor = kVolumeEndings},
     };
     node.parameters.insert(node.parameters.end(), others.begin(), others.end());
@@ -129,7 +134,7 @@ NodeInfo readNode()
 
 NodeInfo writeNode()
 {
-    NodeInfo node{.name = "write", .help = "writes a volume as .vdb, its surface as a mesh, or points; creates missing folders", .hasResult = false, .run = runWrite};
+    NodeInfo node{.name = "write", .help = "writes a volume as .vdb, its surface with its properties as a mesh, or points; creates missing folders", .hasResult = false, .run = runWrite};
     node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh; points"}};
     node.parameters = {
         {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete", .positional = true,

@@ -3,6 +3,7 @@
 #include "io/error.h"
 #include "io/level_set_build.h"
 #include "io/mesh_distance.h"
+#include "io/mesh_properties.h"
 
 #include <algorithm>
 #include <cmath>
@@ -87,8 +88,9 @@ Corvid::Ptr<Ostara::Object> levelSet(TriangleMesh const& mesh, LevelSetOptions c
 Corvid::Ptr<Ostara::Object> levelSetFromMesh(TriangleMesh const& mesh, LevelSetOptions const& options,
                                              Corvid::RuntimeServices const& services)
 {
-    return options.structure == Structure::kBinary ? levelSet<BinaryTraits>(mesh, options, services)
-                                                   : levelSet<QuinaryTraits>(mesh, options, services);
+    auto volume = options.structure == Structure::kBinary ? levelSet<BinaryTraits>(mesh, options, services)
+                                                          : levelSet<QuinaryTraits>(mesh, options, services);
+    return withMeshProperties(std::move(volume), mesh, options.maxBytes, services);
 }
 
 }  // namespace tilegrid::io

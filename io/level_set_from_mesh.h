@@ -40,6 +40,7 @@ struct LevelSetOptions {
 /// Inside is where the surface winds around a place, in either direction: parts may overlap, and cavities whose
 /// triangles look into them stay outside. Holes count as covered where the winding number passes one half; a message
 /// says so.
+/// The attributes of the mesh become properties (io/mesh_properties.h).
 /// \throws InputError for a mesh that no reader makes; for a voxel size that is not positive and finite, is larger than
 ///         the mesh, or is too small for tile space or `maxBytes`, with the estimate; for a finer box that is empty, not
 ///         finite or beside the mesh, or more levels than there are

@@ -4,6 +4,7 @@
 #include "io/formats.h"
 #include "io/gltf.h"
 #include "io/mesh.h"
+#include "io/mesh_properties.h"
 #include "io/points_table.h"
 #include "io/stl.h"
 #include "io/text.h"
@@ -155,24 +156,6 @@ void checkTriangles(TriangleMesh const& mesh)
         for (int corner = 0; corner < 3; ++corner)
             if (t[corner] < 0 || std::size_t(t[corner]) >= mesh.vertices.size())
                 throw InputError("the mesh has a triangle with a vertex that is not there");
-}
-
-void checkAttributes(TriangleMesh const& mesh)
-{
-    const bool ownCorners = !mesh.attributeCorners.empty();
-    std::size_t rows = mesh.vertices.size();
-    if (ownCorners && !mesh.attributes.empty() && mesh.attributes.front().components > 0)
-        rows = mesh.attributes.front().values.size() / std::size_t(mesh.attributes.front().components);
-    for (Attribute const& attribute : mesh.attributes)
-        if ((attribute.components != 1 && attribute.components != 3) || attribute.values.size() != rows * std::size_t(attribute.components))
-            throw InputError("attribute '" + attribute.name + "' has " + std::to_string(attribute.values.size()) + " values of "
-                             + std::to_string(attribute.components) + " components for " + std::to_string(rows) + " places");
-    if (ownCorners && mesh.attributeCorners.size() != mesh.triangles.size())
-        throw InputError("the mesh has places of values for " + std::to_string(mesh.attributeCorners.size()) + " of its "
-                         + std::to_string(mesh.triangles.size()) + " triangles");
-    for (int3 const& corners : mesh.attributeCorners)
-        for (int corner = 0; corner < 3 && !mesh.attributes.empty(); ++corner)
-            if (corners[corner] < 0 || std::size_t(corners[corner]) >= rows) throw InputError("the mesh has a triangle with a value that is not there");
 }
 
 }  // namespace

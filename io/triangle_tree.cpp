@@ -80,6 +80,7 @@ TriangleTree::TriangleTree(std::vector<double3> const& vertices, std::vector<int
         const bool flat = !(nn > kFlatSquaredSine * dot3(ab, ab) * dot3(ac, ac));
         triangles_.push_back({a, ab, ac, n, flat ? 0.0 : 1.0 / nn});
     }
+    sources_ = std::move(order);
     describeFar();
     low_ = nodes_[0].low;
     high_ = nodes_[0].high;
@@ -191,6 +192,25 @@ double3 TriangleTree::nearestPoint(Triangle const& triangle, double3 const& plac
 double3 TriangleTree::nearestPoint(double3 const& place, std::int32_t triangle) const
 {
     return nearestPoint(triangles_[triangle], place);
+}
+
+TriangleTree::Barycentric TriangleTree::barycentric(double3 const& place, std::int32_t number) const
+{
+    Triangle const& t = triangles_[number];
+    const double3 p = minus(nearestPoint(t, place), t.a);
+    double b = 0.0, c = 0.0;
+    if (t.inverseSquaredNormal > 0.0) {
+        b = dot3(t.normal, cross3(p, t.ac)) * t.inverseSquaredNormal;
+        c = dot3(t.normal, cross3(t.ab, p)) * t.inverseSquaredNormal;
+    } else if (dot3(t.ab, t.ab) >= dot3(t.ac, t.ac)) {
+        // Without area: along the longer of two edges. Both may be points.
+        b = dot3(t.ab, t.ab) > 0.0 ? dot3(p, t.ab) / dot3(t.ab, t.ab) : 0.0;
+    } else {
+        c = dot3(p, t.ac) / dot3(t.ac, t.ac);
+    }
+    b = std::clamp(b, 0.0, 1.0);
+    c = std::clamp(c, 0.0, 1.0 - b);
+    return {sources_[number], {1.0 - b - c, b, c}};
 }
 
 TriangleTree::Nearest TriangleTree::nearest(double3 const& place, std::int32_t guess) const

@@ -34,6 +34,14 @@ public:
     /// The nearest point of one triangle.
     double3 nearestPoint(double3 const& place, std::int32_t triangle) const;
 
+    /// A point of a triangle of the constructor's list: weights of its corners, in 0 to 1, that add up to 1.
+    struct Barycentric {
+        std::int32_t triangle;
+        double3 weights;
+    };
+    /// The same point. \param triangle  the number that `nearest` gave
+    Barycentric barycentric(double3 const& place, std::int32_t triangle) const;
+
     /// Signed solid angle of the surface over 4 pi: 1 inside a closed surface with outward normals, 0 outside. Far
     /// parts are taken together, which costs at most some hundredths.
     double windingNumber(double3 const& place) const;
@@ -67,6 +75,8 @@ private:
     static double3 nearestPoint(Triangle const& triangle, double3 const& place);
 
     std::vector<Triangle> triangles_;
+    /// Their places in the constructor's list.
+    std::vector<std::int32_t> sources_;
     std::vector<Node> nodes_;
     std::vector<Far> far_;
     double3 low_, high_;

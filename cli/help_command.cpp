@@ -28,9 +28,11 @@ std::string helpOn(std::string const& topic)
 {
     if (graph::NodeInfo const* node = graph::findNode(topic)) return graph::nodeHelp(*node);
     if (graph::contains(graph::nodeGroups(), topic)) return graph::nodeList(topic);
+    if (topic == "formats") return graph::formatList();
     if (graph::contains(kCommands, topic)) return usageText();
     std::vector<std::string> topics = graph::nodeNames();
     topics.insert(topics.end(), graph::nodeGroups().begin(), graph::nodeGroups().end());
+    topics.push_back("formats");
     throw graph::UsageError("help: there is no node '" + topic + "', and no group of nodes." + graph::suggestion(topic, topics) + " `tilegrid nodes` lists them.");
 }
 

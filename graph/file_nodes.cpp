@@ -110,7 +110,7 @@ NodeInfo readNode()
 {
     NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh with its attributes, or reads points", .run = runRead};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true,
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file; `tilegrid help formats` tells what each format holds", .positional = true,
          .endings = endingsThatAny({&io::FileFormat::readsVolumes, &io::FileFormat::readsMeshes, &io::FileFormat::readsPoints})}};
     std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
     // A .ply file without faces holds points.

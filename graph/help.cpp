@@ -2,6 +2,7 @@
 
 #include "graph/registry.h"
 #include "graph/suggest.h"
+#include "io/formats.h"
 
 #include <nlohmann/json.hpp>
 
@@ -145,6 +146,22 @@ std::string nodesToJson(std::vector<NodeInfo> const& nodes)
         list.push_back({{"name", node.name}, {"group", node.group}, {"help", node.help}, {"inputs", inputs}, {"parameters", parameters}, {"has_result", node.hasResult}});
     }
     return list.dump(2) + "\n";
+}
+
+std::string formatList()
+{
+    std::string text = padded("", 7) + padded("reads", 17) + padded("writes", 17) + "\n";
+    for (io::FileFormat const& format : io::fileFormats()) {
+        const auto kinds = [](bool volumes, bool meshes, bool points) {
+            std::string words;
+            for (char const* word : {volumes ? "volumes" : "", meshes ? "meshes" : "", points ? "points" : ""})
+                if (*word) words += (words.empty() ? "" : ", ") + std::string(word);
+            return padded(words.empty() ? "-" : words, 17);
+        };
+        text += padded(format.ending, 7) + kinds(format.readsVolumes, format.readsMeshes, format.readsPoints)
+                + kinds(format.writesVolumes, format.writesMeshes, format.writesPoints) + format.help + "\n";
+    }
+    return text;
 }
 
 }  // namespace tilegrid::graph

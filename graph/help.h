@@ -19,4 +19,7 @@ std::string padded(std::string text, std::size_t width);
 /// Broken into lines of at most `columns` characters, as far as its words allow; all but the first begin with `indent` blanks.
 std::string wrapped(std::string const& text, std::size_t indent, std::size_t columns);
 
+/// The formats of files: what is read from and written to each, and what it holds. One line each.
+std::string formatList();
+
 }  // namespace tilegrid::graph

@@ -1,4 +1,5 @@
 #include "graph/error.h"
+#include "graph/help.h"
 #include "io/formats.h"
 #include "io/mesh.h"
 #include "support/files.h"
@@ -66,7 +67,12 @@ TEST(Formats, attributes_of_a_mesh_leave_with_its_surface)
 TEST(Formats, are_named_where_an_ending_is_not_known)
 {
     const std::string text = errorOf<graph::UsageError>([] { planOf({"read", "a.fbx", "voxel=1"}); });
-    for (io::FileFormat const& format : io::fileFormats()) EXPECT_TRUE(contains(text, format.ending)) << text;
+    const std::string list = graph::formatList();
+    for (io::FileFormat const& format : io::fileFormats()) {
+        EXPECT_TRUE(contains(text, format.ending)) << text;
+        EXPECT_TRUE(contains(list, "\n" + format.ending) && contains(list, format.help)) << list;
+    }
+    EXPECT_TRUE(contains(list, ".stl   meshes           meshes           triangles;")) << list;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "io/vdb_points.h"
 
 #include "TilegridOps/host/geometry.h"
+#include "io/attribute.h"
 #include "io/error.h"
 #include "io/points_table.h"
 
@@ -86,7 +87,9 @@ Corvid::Ptr<Ostara::Object> pointsFromGrid(openvdb::GridBase const& base, Corvid
         } else if (type == openvdb::typeNameAsString<openvdb::Vec3f>()) {
             Corvid::Array<float3> values;
             collect<openvdb::Vec3f>(tree, name, values, [](openvdb::Vec3f const& v, openvdb::Coord const&) { return float3(v.x(), v.y(), v.z()); });
-            result->set(Corvid::String(name), values);
+            // What other programs call a colour, linear as ours.
+            const bool color = name == "Cd" && first->attributeSet().find(kColor) == points::AttributeSet::INVALID_POS;
+            result->set(Corvid::String(color ? kColor : name), values);
         } else if (!first->attributeSet().descriptor().hasGroup(name)) {
             services.message(Severity::kWarning, "attribute '" + name + "' of grid '" + grid.getName() + "' is left out: nothing reads the type " + type);
         }

@@ -158,7 +158,8 @@ TEST(Points, colours_of_eight_bits_survive_every_format)
         for (int code : codes(n)) text += " " + std::to_string(code);
         text += "\n";
     }
-    const auto cloud = io::readPoints(folder.write("a.ply", text), 0);
+    auto read = io::readPoints(folder.write("a.ply", text), 0);
+    const auto cloud = Corvid::toMutable(read);
     EXPECT_EQ(cloud->entries().size(), 4u) << "place, heat, color, alpha";
     const auto check = [&](Ostara::Object const& points) {
         auto const& colors = arrayOf<float3>(points, "color");
@@ -178,6 +179,11 @@ TEST(Points, colours_of_eight_bits_survive_every_format)
     check(*io::readPoints(folder.file("b.ply"), 0));
     check(*io::readPoints(folder.file("b.csv"), 0));
     check(*io::readVdb(folder.file("b.vdb"), {}, messages.services())[0].volume);
+    // Other programs call them Cd.
+    cloud->set(Corvid::String("Cd"), arrayOf<float3>(*cloud, "color"));
+    cloud->entries().erase(Corvid::String("color"));
+    io::writePoints(folder.file("d.vdb"), *cloud, messages.services());
+    check(*io::readVdb(folder.file("d.vdb"), {}, messages.services())[0].volume);
     // A second time the bytes are the same.
     io::writePoints(folder.file("c.ply"), *io::readPoints(folder.file("b.ply"), 0), messages.services());
     EXPECT_TRUE(folder.read("c.ply") == folder.read("b.ply"));

@@ -1,13 +1,16 @@
 #include <TilegridOps/TilegridOps.h>
+#include <TilegridOps/io/attribute.h>
 #include <TilegridOps/io/check.h>
 #include <TilegridOps/io/compare.h>
 #include <TilegridOps/io/error.h>
 #include <TilegridOps/io/fog.h>
+#include <TilegridOps/io/formats.h>
 #include <TilegridOps/io/image.h>
 #include <TilegridOps/io/info.h>
 #include <TilegridOps/io/level_set_from_mesh.h>
 #include <TilegridOps/io/level_set_from_shape.h>
 #include <TilegridOps/io/mesh.h>
+#include <TilegridOps/io/mesh_properties.h>
 #include <TilegridOps/io/mesh_transform.h>
 #include <TilegridOps/io/points.h>
 #include <TilegridOps/io/render.h>
@@ -77,6 +80,12 @@ void makesAndMeasures(Corvid::RuntimeServices const& services)
     expect(throwsInputError([] { writePng("empty.png", Image()); }), "image.h");
     expect(throwsInputError([&] { readVdb("/nowhere/at/all.vdb", {}, services); }), "vdb.h");
     expect(!isPointCloud(*cube), "points.h");
+    expect(endingsThat(&FileFormat::writesMeshes).size() >= 4, "formats.h");
+    mesh.attributes = {Attribute{kColor, 3, std::vector<float>(3 * mesh.vertices.size(), 0.5f)}};
+    TriangleMesh surface = extractSurface(*levelSetFromMesh(mesh, {.voxelSize = 0.125f}, services));
+    expect(surface.attributes.empty(), "attribute.h");
+    addPropertiesAtVertices(surface, *levelSetFromMesh(mesh, {.voxelSize = 0.125f}, services));
+    expect(surface.attributes.size() == 1 && surface.attributes[0].values[0] == 0.5f, "mesh_properties.h");
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-#include "TilegridOps/nodes/merge.h"
-
+#include "TilegridOps/algorithms/channel_coarsen.h"
 #include "TilegridOps/host/geometry.h"
-#include "TilegridOps/merge/estimate.h"
+#include "TilegridOps/host/property_names.h"
+#include "TilegridOps/nodes/merge_host_volumes.h"
+#include "graph/merge_choice.h"
 #include "graph/node_families.h"
-#include "io/error.h"
 #include "io/info.h"
 #include "io/savings.h"
 #include "io/text.h"
@@ -36,61 +36,61 @@ MergeParameters parametersOf(Arguments const& arguments)
     parameters.modes = {LevelSetMode(arguments.choice("mode")), FogDensityMode(arguments.choice("fog")), float(arguments.number("alpha")),
                         Properties::Mode(arguments.choice("properties")),
                         OST::TileTree3D::InterpolationMode(arguments.choice("interpolation"))};
-    parameters.enableAdaptivity = arguments.flag("adaptive");
     parameters.adaptiveVoxelScale = float(arguments.number("scale"));
-    parameters.maxRelativeError = float(arguments.number("tolerance"));
     if (const int structure = arguments.choice("structure")) parameters.binary = structure == 1;
     return parameters;
 }
 
-/// What the node will decide, so that it can be refused and told. The node itself decides again, in the same way.
-MergeDecisions decide(StepContext const& step, Corvid::Array<Corvid::Ptr<Ostara::Object>> const& volumes, MergeParameters const& parameters)
-{
-    NativeVolumes natives;
-    for (auto const& volume : volumes)
-        if (auto native = Ostara::Geometry::shallow_copy_object_to_ost_volume(*volume)) natives.push_back(native);
-    natives = workingVolumes(natives, step.arguments.flag("reverse"), step.services);
-    const MergeDecisions decisions = decideMerge(natives, parameters);
-    const double bytes = estimateMergeBytes(natives, decisions);
-    if (step.maxBytes > 0 && bytes > double(step.maxBytes))
-        throw io::InputError("the result may need " + io::byteText(bytes) + ", more than the " + io::byteText(double(step.maxBytes)) +
-                             " allowed. Give larger voxels (scale=), or more memory (--max-memory).");
-    return decisions;
-}
-
-/// Tells what was decided, and keeps the tolerance with the volume for `info`.
-void report(StepContext& step, MergeDecisions const& decisions, Corvid::Ptr<Ostara::Object>& merged)
+/// Tells what was made, and keeps the tolerance with the volume for `info`.
+void report(StepContext& step, MergeChoice const& choice, Corvid::Ptr<Ostara::Object>& merged)
 {
     const io::VolumeInfo info = io::describeTiles(*merged);
     const auto sum = [](std::vector<std::int64_t> const& counts) { return std::accumulate(counts.begin(), counts.end(), std::int64_t(0)); };
     std::string text = "merged " + info.structure + ", voxel size " + io::number(info.voxelSize) + ", " + std::to_string(sum(info.tilesByDepth)) +
                        " tiles, " + std::to_string(sum(info.leafVoxelsByDepth)) + " leaf voxels";
-    if (decisions.adaptive) {
-        auto object = Corvid::toMutable(merged);
-        object->set(io::kRefinementError, decisions.maxError);
-        merged = std::move(object);
-        text += ", refined until the level set is within " + io::number(decisions.maxError) + " world units";
-        if (decisions.forcedAdaptivity) text += " (an input was refined to a tolerance of " + io::number(decisions.maxRelativeError) + ")";
+    auto object = Corvid::toMutable(merged);
+    // What an input was refined to says nothing of a result that has the tiles of all of them.
+    object->entries().erase(io::kRefinementError);
+    if (choice.parameters.enableAdaptivity) {
+        object->set(io::kRefinementError, float(choice.tolerance));
+        text += ", refined until the level set is within " + io::number(choice.tolerance) + " world units";
     }
-    step.services.message(Severity::kInfo, text + ".");
+    merged = std::move(object);
+    step.services.message(Severity::kInfo, text + reasonOf(choice) + ".");
+}
+
+Corvid::Ptr<Ostara::Object> merge(StepContext& step, HostVolumes const& volumes, MergeChoice const& choice)
+{
+    Corvid::Ptr<Ostara::Object> merged;
+    nodes::mergeHostVolumes(volumes, step.arguments.flag("reverse"), choice.parameters, merged, step.services);
+    if (!merged || !merged->native() || !choice.parameters.enableAdaptivity) return merged;
+    // The rule of growth refines some eight voxels to each side of the surface; what lies beyond the band need not be as fine.
+    auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(merged));
+    VolumeGL::TileTree3D::channelCoarsen(Ostara::Geometry::sVoxelSignedDistance, float(choice.tolerance), 0.0f, /*protectSurface*/ true,
+                                         float(step.arguments.number("band")), *native, "merge.");
+    return Ostara::Geometry::move_ost_volume_to_object(*native);
 }
 
 Result runMerge(StepContext& step)
 {
-    Corvid::Array<Corvid::Ptr<Ostara::Object>> volumes;
+    HostVolumes volumes;
     for (Result& input : step.inputs)
         for (io::NamedVolume& volume : input) volumes.push_back(std::move(volume.volume));
-    const MergeParameters parameters = parametersOf(step.arguments);
-    const MergeDecisions decisions = volumes.size() > 1 ? decide(step, volumes, parameters) : MergeDecisions();
-    if (volumes.size() == 1) step.services.message(Severity::kWarning, "there is one volume only: it comes out as it is.");
-
-    Corvid::Ptr<Ostara::Object> output;
-    merge_volumes_internal(volumes, /*enable*/ true, step.arguments.flag("reverse"), parameters.modes.levelSet, parameters.modes.fogDensity,
-                           parameters.modes.alpha, parameters.modes.properties, InterpolationMode(step.arguments.choice("interpolation")),
-                           parameters.enableAdaptivity, parameters.adaptiveVoxelScale, parameters.maxRelativeError,
-                           AutoSubdivisionStructure(step.arguments.choice("structure")), output, step.services);
-    if (volumes.size() > 1 && output && output->native()) report(step, decisions, output);
-    return {{"merged", std::move(output)}};
+    if (volumes.size() == 1) {
+        step.services.message(Severity::kWarning, "there is one volume only: it comes out as it is.");
+        return {{"merged", volumes[0]}};
+    }
+    MergeChoice choice = chooseMerge(step, volumes, parametersOf(step.arguments));
+    Corvid::Ptr<Ostara::Object> merged = merge(step, volumes, choice);
+    if (merged && merged->native() && choice.parameters.enableAdaptivity && choice.bytes) {
+        choice.bytes->adaptive = double(io::contentBytes(*merged));
+        if (choice.bytes->adaptive > choice.bytes->plain) {  // the estimate was too low, by no more than it scatters
+            choosePlain(choice);
+            merged = merge(step, volumes, choice);
+        }
+    }
+    if (merged && merged->native()) report(step, choice, merged);
+    return {{"merged", std::move(merged)}};
 }
 
 NodeInfo mergeNode()
@@ -107,12 +107,25 @@ NodeInfo mergeNode()
         {.name = "alpha", .type = ParameterType::kFloat, .help = "weight of the later volume where values are blended", .defaultText = "0.5"},
         {.name = "interpolation", .type = ParameterType::kEnum, .help = "how volumes are read between their voxels", .defaultText = "linear",
          .choices = {"linear", "quadratic", "cubic", "cubic_c1", "cubic_monotonic"}},
-        {.name = "adaptive", .type = ParameterType::kBool,
-         .help = "make voxels fine only where the combined level set needs it, in place of the tiles of all volumes", .defaultText = "false"},
-        {.name = "tolerance", .type = ParameterType::kFloat,
-         .help = "how far the level set may be off if adaptive: in finest voxels, times the longest side of the smallest object if that is below 1",
-         .defaultText = "0.01", .range = {.min = 0}},
-        {.name = "scale", .type = ParameterType::kFloat, .help = "finest voxel of an adaptive result, in finest voxels of the volumes",
+        // In the order of `Adaptivity`.
+        {.name = "adaptive", .type = ParameterType::kEnum,
+         .help = "yes: voxels are fine only where the combined level set needs it; no: the tiles of all volumes; auto: whichever takes fewer bytes, "
+                 "and no wherever a volume has another property than a level set",
+         .defaultText = "auto", .choices = {"auto", "yes", "no"}},
+        {.name = "tolerance", .type = ParameterType::kLength,
+         .help = "how far the level set of an adaptive result may be off; voxels are the finest of the result. 0: a tenth of them, or as far as the "
+                 "most exact volume is off itself between its voxels, if that is more",
+         .unit = "world units", .defaultText = "0", .range = {.min = 0}},
+        {.name = "max_relative_error", .type = ParameterType::kFloat,
+         .help = "the tolerance in another unit, if above 0: finest voxels of the result, times the longest side of the smallest object if that is below 1 "
+                 "world unit",
+         .defaultText = "0", .range = {.min = 0}},
+        {.name = "band", .type = ParameterType::kFloat,
+         .help = "half width of the band around the surface of an adaptive result that stays as it was refined; beyond it, tiles are coarsened as far as "
+                 "the tolerance allows",
+         .unit = "voxels of each depth", .defaultText = "3", .range = {.min = 0}},
+        {.name = "scale", .type = ParameterType::kFloat,
+         .help = "finest voxel of an adaptive result, in finest voxels of the volumes; other than 1, the result is adaptive unless adaptive=no",
          .defaultText = "1", .range = {.min = 0, .aboveMin = true}},
         // In the order of the enumeration's values.
         {.name = "structure", .type = ParameterType::kEnum,

@@ -65,7 +65,9 @@ Value parseBool(std::string const& text)
 
 Value parseChoice(ParameterInfo const& parameter, std::string const& text)
 {
-    const auto found = std::find(parameter.choices.begin(), parameter.choices.end(), text);
+    // Truth values keep their other words where a third choice stands beside them.
+    const std::string word = text == "true" ? "yes" : text == "false" ? "no" : text;
+    const auto found = std::find(parameter.choices.begin(), parameter.choices.end(), word);
     if (found == parameter.choices.end())
         throw UsageError("'" + text + "' is not one of " + listed(parameter.choices) + "." + suggestion(text, parameter.choices));
     return std::int64_t(found - parameter.choices.begin());

@@ -1,5 +1,4 @@
 #include "TilegridOps/host/logger.h"
-#include "TilegridOps/host/property_names.h"
 #include "TilegridOps/merge/output_topology.h"
 #include "TilegridOps/merge/refine_predicate.h"
 #include "TilegridOps/substrate/traversal.h"
@@ -9,29 +8,12 @@
 namespace tilegrid {
 
 using namespace OST::TileTree3D;
-using namespace Ostara::Geometry;
-
-namespace {
-
-template <class Tr> void addLevelSet(OST::Object const& volume, CombinedLevelSets& levelSets)
-{
-    const auto tree = volume.component<Container<Tr>>(sVoxelTileTree);
-    const auto topology = volume.component<VoxelTopology<Tr>>(sVoxelComp);
-    const auto channel = volume.component<Channel<Tr, float, Tr::width, 0>>(sVoxelSignedDistance);
-    if (tree && topology && channel) levelSets.add(*tree, *topology, *channel);
-}
-
-}  // namespace
 
 template <class Tr>
 bool refineTopologyAdaptively(NativeVolumes const& volumes, Geometry::Volume::LevelSetMode mode, float maxError,
                               VoxelTopology<Tr> const& topology, Container<Tr>& tree, Corvid::RuntimeServices const& services)
 {
-    CombinedLevelSets levelSets(mode);
-    for (auto const& volume : volumes) {
-        addLevelSet<BinaryTraits>(*volume, levelSets);
-        addLevelSet<QuinaryTraits>(*volume, levelSets);
-    }
+    const CombinedLevelSets levelSets = combinedLevelSets(volumes, mode);
     if (levelSets.count() == 0) return false;
     const auto timer = CoreGL::Logger::timer("Geometry::Volume::merge_volumes.refine_adaptively", &services);
     const bool talkative = CoreGL::Logger::verboseLevel() > 1;

@@ -1,7 +1,10 @@
 #include "TilegridOps/merge/estimate.h"
 
 #include "TilegridOps/host/property_names.h"
+#include "TilegridOps/merge/refine_predicate.h"
 #include "TilegridOps/substrate/channel.h"
+#include "TilegridOps/substrate/commands.h"
+#include "TilegridOps/substrate/traversal.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,64 +15,122 @@ namespace tilegrid {
 using namespace OST::TileTree3D;
 using namespace Ostara::Geometry;
 using OST::int64;
+using OST::uint64;
 
 namespace {
 
-/// Tiles of the finest depth across the band that an adaptive tree resolves around a surface.
-constexpr double kTilesAcrossBand = 4.0;
-/// All depths of a binary tree together against its finest one, where it is refined along a surface: a fourth each.
-constexpr double kWithAncestors = 4.0 / 3.0;
+/// Tiles of a depth that grow on in a sample. The numbers of a depth's children then scatter by some per cent.
+constexpr int64 kSample = 512;
 
-bool hasBothSigns(float const* values, int count)
+double bytesPerVoxel(NativeVolumes const& volumes)
 {
-    const auto inside = [](float value) { return value <= 0.0f; };
-    float const* end = values + count;
-    return values && std::any_of(values, end, inside) && !std::all_of(values, end, inside);
+    double bytes = 0;
+    std::set<Corvid::String> names;
+    for (auto const& volume : volumes)
+        for (Corvid::String const& name : volume->componentRange())
+            if (auto const channel = volume->component<VoxelChannelCore>(name); channel && names.insert(name).second)
+                bytes += double(channel->elementBytes());
+    return bytes;
 }
 
-/// World area of the faces, one each, of the finest tiles in which the level set changes its sign.
-template <class Tr> double surfaceArea(Container<Tr> const& tree, Channel<Tr, float, Tr::width, 0> const& levelSet)
+template <class Tr> double valueBytes(double tiles, NativeVolumes const& volumes)
 {
-    double area = 0;
-    for (int depth = std::max(0, levelSet.minDepth()); depth <= std::min(levelSet.depth(), Tr::maxDepth); ++depth) {
-        const double side = double(Tr::width) * Tr::voxelDataWidth(depth) * tree.voxelSize();
-        int64 tiles = 0;
-        for (int64 n = 0; n < tree.tileCount(depth); ++n)
-            tiles += tree.tile(n, depth).isLeaf() && hasBothSigns(levelSet.tileData(n, depth).data(), Tr::voxelCount);
-        area += side * side * double(tiles);
-    }
-    return area;
+    return tiles * Tr::voxelCount * bytesPerVoxel(volumes);
 }
 
-/// Voxels that a volume brings to the result.
+/// Voxels that a volume brings to a plain result: each tile comes again with voxels less than one division finer.
 template <class Tr> double voxelsOf(OST::Object const& volume, MergeDecisions const& decisions)
 {
     const auto tree = volume.component<Container<Tr>>(sVoxelTileTree);
     if (!tree) return 0;
-    const auto levelSet = volume.component<Channel<Tr, float, Tr::width, 0>>(sVoxelSignedDistance);
-    if (decisions.adaptive && levelSet) {
-        const double width = decisions.outputTraits24 ? BinaryTraits::width : QuinaryTraits::width;
-        const double faces = surfaceArea(*tree, *levelSet) / std::pow(width * decisions.outputVoxelSize, 2);
-        return faces * kTilesAcrossBand * std::pow(width, 3) * kWithAncestors;
-    }
-    // Each tile comes again with voxels less than one division finer.
     const double finer = std::fmod(std::log(tree->voxelSize() / decisions.outputVoxelSize), std::log(decisions.outputTraits24 ? 2.0 : 5.0));
     return double(tree->tileCount(-1)) * Tr::voxelCount * std::exp(3.0 * std::max(0.0, finer));
 }
 
+template <class Tr>
+double plainBytes(NativeVolumes const& volumes, MergeDecisions const& decisions, Corvid::RuntimeServices const& services)
+{
+    const auto result = Command::createVoxelOST<Tr>(sVoxelTileTree, sVoxelComp, decisions.outputVoxelSize, kCorner);
+    const auto tree = result->template extractComponent<Container<Tr>>(sVoxelTileTree);
+    refineTopologyUniformly(volumes, *tree, services);
+    std::size_t used = 0, reserved = 0;
+    tree->memUse(used, reserved, /*withLookup*/ false);
+    return double(used) + valueBytes<Tr>(double(tree->tileCount(-1)), volumes);
+}
+
+/// A number without order for a tile: the finishing steps of splitmix64 (Steele, Lea and Flood, 2014), once for each axis.
+uint64 lotOf(int3 const& corner)
+{
+    uint64 lot = 0;
+    for (int axis = 0; axis < 3; ++axis) {
+        lot += uint64(std::uint32_t(corner[axis])) + 0x9e3779b97f4a7c15u;
+        lot = (lot ^ (lot >> 30)) * 0xbf58476d1ce4e5b9u;
+        lot = (lot ^ (lot >> 27)) * 0x94d049bb133111ebu;
+        lot ^= lot >> 31;
+    }
+    return lot;
+}
+
+/// The rule of growth for tiles of one depth up to a lot, no child for all others.
+template <class Tr> struct SampledRule {
+    LevelSetRefinePredicate<Tr> rule;
+    int depth;
+    uint64 largestLot;
+    bool operator()(typename Container<Tr>::Tile const& tile, int3 const& child)
+    {
+        return tile.depth() == depth && lotOf(tile.tijk()) <= largestLot && rule(tile, child);
+    }
+};
+
+/// The largest lot of the tiles of a depth that grow on.
+template <class Tr> uint64 largestLotOf(Container<Tr> const& tree, int depth)
+{
+    std::vector<uint64> lots;
+    for (int64 n = 0; n < tree.tileCount(depth); ++n) lots.push_back(lotOf(tree.tile(n, depth).tijk()));
+    const auto last = lots.begin() + (std::min(kSample, int64(lots.size())) - 1);
+    std::nth_element(lots.begin(), last, lots.end());
+    return *last;
+}
+
+template <class Tr> double adaptiveBytes(NativeVolumes const& volumes, CombinedLevelSets const& levelSets, MergeDecisions const& decisions)
+{
+    const auto result = Command::createVoxelOST<Tr>(sVoxelTileTree, sVoxelComp, decisions.outputVoxelSize, kCorner);
+    const auto tree = result->template extractComponent<Container<Tr>>(sVoxelTileTree);
+    const auto topology = result->template component<VoxelTopology<Tr>>(sVoxelComp);
+    tree->tileAccessor().addTile(0, 0, 0, 0);
+    SampledRule<Tr> rule{{levelSets, *tree, *topology, decisions.maxError}, 0, 0};
+    double tiles = double(tree->tileCount(0)), parents = 0, weight = 1;
+    for (int depth = 0; depth < Tr::maxDepth && tree->tileCount(depth) > 0; ++depth) {
+        rule.depth = depth;
+        rule.largestLot = largestLotOf(*tree, depth);
+        tree->template refine<SampledRule<Tr>, 0>(rule, TreeIndex(), depth, depth + 1, nullptr);
+        weight *= double(tree->tileCount(depth)) / double(std::min(kSample, tree->tileCount(depth)));
+        tiles += weight * double(tree->tileCount(depth + 1));
+        for (int64 n = 0; n < tree->tileCount(depth); ++n) parents += tree->tile(n, depth).isLeaf() ? 0 : weight;
+    }
+    return tiles * sizeof(typename Container<Tr>::Tile) + parents * Tr::childCount * sizeof(int64) + valueBytes<Tr>(tiles, volumes);
+}
+
 }  // namespace
 
-double estimateMergeBytes(NativeVolumes const& volumes, MergeDecisions const& decisions)
+double roughBytesOfPlainMerge(NativeVolumes const& volumes, MergeDecisions const& decisions)
 {
-    double voxels = 0, bytesPerVoxel = 0;
-    std::set<Corvid::String> names;
-    for (auto const& volume : volumes) {
-        voxels += voxelsOf<BinaryTraits>(*volume, decisions) + voxelsOf<QuinaryTraits>(*volume, decisions);
-        for (Corvid::String const& name : volume->componentRange())
-            if (auto const channel = volume->component<VoxelChannelCore>(name); channel && names.insert(name).second)
-                bytesPerVoxel += double(channel->elementBytes());
-    }
-    return voxels * bytesPerVoxel;
+    double voxels = 0;
+    for (auto const& volume : volumes) voxels += voxelsOf<BinaryTraits>(*volume, decisions) + voxelsOf<QuinaryTraits>(*volume, decisions);
+    return voxels * bytesPerVoxel(volumes);
+}
+
+double bytesOfPlainMerge(NativeVolumes const& volumes, MergeDecisions const& decisions, Corvid::RuntimeServices const& services)
+{
+    return decisions.outputTraits24 ? plainBytes<BinaryTraits>(volumes, decisions, services) : plainBytes<QuinaryTraits>(volumes, decisions, services);
+}
+
+double bytesOfAdaptiveMerge(NativeVolumes const& volumes, Geometry::Volume::LevelSetMode mode, MergeDecisions const& decisions)
+{
+    const CombinedLevelSets levelSets = combinedLevelSets(volumes, mode);
+    if (levelSets.count() == 0) return 0;
+    return decisions.outputTraits24 ? adaptiveBytes<BinaryTraits>(volumes, levelSets, decisions)
+                                    : adaptiveBytes<QuinaryTraits>(volumes, levelSets, decisions);
 }
 
 }  // namespace tilegrid

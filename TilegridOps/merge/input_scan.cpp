@@ -71,6 +71,14 @@ template <class Tr> bool hasVoxelSize(OST::Object const& volume)
     return !tree || (tree->voxelSize() > 0.0f && tree->voxelSize() <= FLT_MAX);
 }
 
+void useMaxError(float maxError, MergeDecisions& decisions)
+{
+    decisions.maxError = maxError;
+    // Of a flat level set there is no length to relate it to; what the tree records is then relative to the voxel alone.
+    const float length = decisions.referenceLength > 0.0f ? decisions.referenceLength : 1.0f;
+    decisions.maxRelativeError = std::min(maxError / (decisions.outputVoxelSize * length), FLT_MAX);
+}
+
 void report(MergeDecisions const& decisions)
 {
     if (CoreGL::Logger::verboseLevel() <= 1) return;
@@ -100,7 +108,7 @@ MergeDecisions decideMerge(NativeVolumes const& volumes, MergeParameters const& 
 {
     MergeDecisions decisions;
     const bool testMode = CoreGL::Logger::getEnableTestMode();
-    if (!testMode && !parameters.enableAdaptivity) {
+    if (!testMode && !parameters.enableAdaptivity && parameters.followRefinedInputs) {
         for (auto const& volume : volumes) scanTolerance<BinaryTraits>(*volume, decisions);
         for (auto const& volume : volumes) scanTolerance<QuinaryTraits>(*volume, decisions);
     }
@@ -115,6 +123,7 @@ MergeDecisions decideMerge(NativeVolumes const& volumes, MergeParameters const& 
     if (parameters.enableAdaptivity && parameters.adaptiveVoxelScale > 0.0f) decisions.outputVoxelSize *= parameters.adaptiveVoxelScale;
     decisions.outputTraits24 = parameters.binary.value_or(decisions.outputTraits24);
     decisions.maxError = decisions.maxRelativeError * decisions.outputVoxelSize * decisions.referenceLength;
+    if (parameters.maxError) useMaxError(*parameters.maxError, decisions);
     report(decisions);
     return decisions;
 }

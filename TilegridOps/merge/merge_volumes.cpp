@@ -4,6 +4,7 @@
 #include "TilegridOps/host/property_names.h"
 #include "TilegridOps/substrate/channel_report.h"
 #include "TilegridOps/substrate/commands.h"
+#include "TilegridOps/substrate/grading.h"
 #include "TilegridOps/substrate/traversal.h"
 
 #include <iostream>
@@ -121,7 +122,7 @@ Corvid::MutablePtr<OST::Object> mergeInto(NativeVolumes const& volumes, MergePar
         const auto topology = output->template component<VoxelTopology<Tr>>(sVoxelComp);
         createOutputChannels(volumes, *topology, *output);
     }
-    mergeVolumesIntoOutput<Tr>(volumes, parameters.modes, decisions.adaptive, decisions.maxError, *output, services);
+    mergeVolumesIntoOutput<Tr>(volumes, parameters.modes, decisions.adaptive, decisions.maxError, *output, services, parameters.graded);
     return output;
 }
 
@@ -129,7 +130,7 @@ Corvid::MutablePtr<OST::Object> mergeInto(NativeVolumes const& volumes, MergePar
 
 template <class Tr>
 void mergeVolumesIntoOutput(NativeVolumes const& volumes, MergeModes const& modes, bool adaptive, float maxError, OST::Object& output,
-                            Corvid::RuntimeServices const& services)
+                            Corvid::RuntimeServices const& services, bool graded)
 {
     const bool hasLevelSet = output.hasComponentFromName<Channel<Tr, float, Tr::width, 0>>(sVoxelSignedDistance);
     auto tree = output.extractComponent<Container<Tr>>(sVoxelTileTree);
@@ -137,6 +138,7 @@ void mergeVolumesIntoOutput(NativeVolumes const& volumes, MergeModes const& mode
     if (CoreGL::Logger::verboseLevel() > 1) std::cout << "containerOut.voxelCount() = " << tree->voxelCount(-1) << std::endl;
     const bool refined = adaptive && hasLevelSet && refineTopologyAdaptively(volumes, modes.levelSet, maxError, *topology, *tree, services);
     if (!refined) refineTopologyUniformly(volumes, *tree, services);
+    if (refined && graded) CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, nullptr, nullptr, 0, Tr::maxDepth);
     topology->update(*tree);
     updateTilesAdded(*topology, output);
     fillChannels(volumes, modes, *tree, *topology, output, services);
@@ -152,8 +154,8 @@ Corvid::MutablePtr<OST::Object> mergeVolumes(NativeVolumes const& volumes, Merge
 }
 
 template void mergeVolumesIntoOutput<BinaryTraits>(NativeVolumes const&, MergeModes const&, bool, float, OST::Object&,
-                                                   Corvid::RuntimeServices const&);
+                                                   Corvid::RuntimeServices const&, bool);
 template void mergeVolumesIntoOutput<QuinaryTraits>(NativeVolumes const&, MergeModes const&, bool, float, OST::Object&,
-                                                    Corvid::RuntimeServices const&);
+                                                    Corvid::RuntimeServices const&, bool);
 
 }  // namespace tilegrid

@@ -16,6 +16,13 @@ struct MergeParameters {
     float maxRelativeError = 0.01f;
     /// The structure of the result; none leaves it to the inputs.
     std::optional<bool> binary;
+    /// Tolerance of an adaptive result in world units, in place of the relative one.
+    std::optional<float> maxError;
+    /// Whether an input that was refined to a tolerance makes the result adaptive though nobody asked.
+    bool followRefinedInputs = true;
+    /// Whether an adaptive result is graded before its values are read from the inputs. Voxels that hang are then between voxels
+    /// twice (five times) as wide, where the rule of growth has looked, so that interpolating them keeps the tolerance.
+    bool graded = false;
 };
 
 /// What the inputs and parameters make of the result.
@@ -53,8 +60,9 @@ TILEGRID_API Corvid::MutablePtr<OST::Object> mergeVolumes(NativeVolumes const& v
 
 /// Gives a volume without tiles its tiles and fills its channels.
 /// \param output  tree, topology and empty channels of structure Tr
+/// \param graded  see `MergeParameters`
 template <class Tr>
 void mergeVolumesIntoOutput(NativeVolumes const& volumes, MergeModes const& modes, bool adaptive, float maxError, OST::Object& output,
-                            Corvid::RuntimeServices const& services);
+                            Corvid::RuntimeServices const& services, bool graded = false);
 
 }  // namespace tilegrid

@@ -1,5 +1,7 @@
 #include "TilegridOps/merge/refine_predicate.h"
 
+#include "TilegridOps/host/property_names.h"
+
 namespace tilegrid {
 
 using namespace OST::TileTree3D;
@@ -43,6 +45,29 @@ float CombinedLevelSets::combineLevelSets(float3 const& position)
         }
     }
     return result;
+}
+
+namespace {
+
+template <class Tr> void addLevelSet(OST::Object const& volume, CombinedLevelSets& levelSets)
+{
+    using namespace Ostara::Geometry;
+    const auto tree = volume.component<Container<Tr>>(sVoxelTileTree);
+    const auto topology = volume.component<VoxelTopology<Tr>>(sVoxelComp);
+    const auto channel = volume.component<Channel<Tr, float, Tr::width, 0>>(sVoxelSignedDistance);
+    if (tree && topology && channel) levelSets.add(*tree, *topology, *channel);
+}
+
+}  // namespace
+
+CombinedLevelSets combinedLevelSets(NativeVolumes const& volumes, LevelSetMode mode)
+{
+    CombinedLevelSets levelSets(mode);
+    for (auto const& volume : volumes) {
+        addLevelSet<BinaryTraits>(*volume, levelSets);
+        addLevelSet<QuinaryTraits>(*volume, levelSets);
+    }
+    return levelSets;
 }
 
 template <class Tr>

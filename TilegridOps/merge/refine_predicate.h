@@ -1,5 +1,6 @@
 #pragma once
 #include "TilegridOps/merge/modes.h"
+#include "TilegridOps/merge/output_topology.h"
 #include "TilegridOps/sampling/voxel_sampler_linear.h"
 
 #include <vector>
@@ -41,6 +42,9 @@ private:
     Geometry::Volume::LevelSetMode levelSetMode_;
     Reach reach_;
 };
+
+/// Those of the volumes that have a level set, in their order.
+CombinedLevelSets combinedLevelSets(NativeVolumes const& volumes, Geometry::Volume::LevelSetMode mode);
 
 /// Whether a child cell of a tile should become a tile: if the surface may pass near it, and the trilinear function of the tile's
 /// voxels misses the combined level set by more than the tolerance at one of the child's nodes, shared ones on its far faces

@@ -56,7 +56,7 @@ Words operator+(Words words, Words const& more)
 TEST(Merge, takes_any_number_of_volumes_and_the_finest_voxel)
 {
     for (Words const& names : {Words{"a", "b"}, Words{"a", "b", "a", "b"}}) {
-        Words step = {"merge"};
+        Words step = {"merge", "adaptive=no"};
         step.insert(step.end(), names.begin(), names.end());
         const Outcome outcome = outcomeOf(twoBunnies(step) + Words{"info", "--json"});
         const auto info = infoOf(outcome.results);
@@ -80,13 +80,15 @@ TEST(Merge, passes_its_parameters_on)
     EXPECT_EQ(both["level_set"]["volume"], one["level_set"]["volume"]);
 }
 
-TEST(Merge, that_is_adaptive_tells_the_world_length_of_its_tolerance)
+TEST(Merge, takes_its_tolerance_as_a_length_or_relative_to_the_finest_voxel)
 {
-    const Outcome outcome = outcomeOf(twoBunnies({"merge", "a", "b", "adaptive=yes", "tolerance=0.05"}) + Words{"info", "--json"});
-    const auto info = infoOf(outcome.results);
-    // The bunny is longer than 1, so that the voxel alone counts.
-    EXPECT_FLOAT_EQ(float(info["refinement_error"]), 0.05f * 0.4f);
-    EXPECT_TRUE(contains(outcome.messages, "within 0.02 world units")) << outcome.messages;
+    // The bunny is longer than 1, so that the voxel alone counts for the relative one.
+    for (std::string const tolerance : {"tolerance=0.02", "tolerance=0.02wu", "tolerance=0.05vx", "max_relative_error=0.05"}) {
+        const Outcome outcome = outcomeOf(twoBunnies({"merge", "a", "b", "adaptive=yes", tolerance}) + Words{"info", "--json"});
+        EXPECT_FLOAT_EQ(float(infoOf(outcome.results)["refinement_error"]), 0.02f) << tolerance;
+        EXPECT_TRUE(contains(outcome.messages, "within 0.02 world units")) << outcome.messages;
+    }
+    EXPECT_THROW(outcomeOf(twoBunnies({"merge", "a", "b", "tolerance=0.02", "max_relative_error=0.05"})), UsageError);
     const auto scaled = infoOf(outcomeOf(twoBunnies({"merge", "a", "b", "--adaptive", "scale=2"}) + Words{"info", "--json"}).results);
     EXPECT_FLOAT_EQ(float(scaled["voxel_size"]), 0.8f);
 }
@@ -101,7 +103,7 @@ TEST(Merge, of_one_volume_gives_it_back_and_says_so)
 
 TEST(Merge, refuses_what_would_not_fit_before_it_grows)
 {
-    const Words tiny = twoBunnies({"merge", "a", "b", "--adaptive", "scale=0.001"});
+    const Words tiny = twoBunnies({"merge", "a", "b", "--adaptive", "scale=0.001", "tolerance=1e-6"});
     EXPECT_TRUE(contains(errorOf<io::InputError>([&] { outcomeOf(tiny); }), "the result may need"));
 }
 

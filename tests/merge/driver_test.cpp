@@ -74,6 +74,31 @@ TEST(MergeVolumes, refuses_null_and_other_objects_with_one_error)
     }
 }
 
+TEST(MergeVolumes, take_a_tolerance_in_world_units_whatever_their_level_sets_are)
+{
+    const HostPtr plate = hostVolume(levelSetAround<BinaryTraits>(box({-0.5, -0.5, -0.02}, {0.5, 0.5, 0.02}), 0.125f));
+    MergeParameters parameters;
+    parameters.enableAdaptivity = true;
+    EXPECT_EQ(decide({plate, plate}, parameters).maxError, 0.0f) << "one layer of voxels is inside: it has no side to relate to";
+    parameters.maxError = 0.02f;
+    const MergeDecisions flat = decide({plate, plate}, parameters);
+    EXPECT_EQ(flat.maxError, 0.02f);
+    EXPECT_FLOAT_EQ(flat.maxRelativeError, 0.02f / 0.125f);
+    const HostPtr small = ball<BinaryTraits>(0.25, 0.03125f);
+    const MergeDecisions related = decide({small, small}, parameters);
+    EXPECT_EQ(related.maxError, 0.02f);
+    EXPECT_FLOAT_EQ(related.maxRelativeError, 0.02f / (0.03125f * related.referenceLength)) << "what later merges read from the tree";
+}
+
+TEST(MergeVolumes, need_not_follow_inputs_that_were_refined)
+{
+    const HostPtr refined = refinedBall<BinaryTraits>(1.0, 0.125f, 0.01f);
+    EXPECT_TRUE(decide({refined, refined}).adaptive);
+    MergeParameters parameters;
+    parameters.followRefinedInputs = false;
+    EXPECT_FALSE(decide({refined, refined}, parameters).adaptive);
+}
+
 TEST(MergeVolumes, takes_the_smallest_voxel_and_scales_it_for_adaptive_results_only)
 {
     const std::vector<HostPtr> volumes{ball<BinaryTraits>(1.0, 0.1f), ball<BinaryTraits>(1.0, 0.05f)};

@@ -149,7 +149,7 @@ Result runSavings(StepContext& step)
 NodeInfo savingsNode()
 {
     NodeInfo node{.name = "savings",
-                  .help = "prints voxels, memory and largest error of a merged level set, beside grids of one voxel size",
+                  .help = "prints memory, voxels and largest error of a merged level set, beside narrow bands of one voxel size",
                   .hasResult = false,
                   .run = runSavings};
     node.inputs = {{.name = "merged", .help = "what merge left"},

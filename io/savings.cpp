@@ -189,13 +189,29 @@ nlohmann::ordered_json jsonOf(LevelSetCost const& cost)
     return {{"voxel_size", cost.voxelSize}, {"voxels", std::llround(cost.voxels)}, {"bytes", std::llround(cost.bytes)}, {"error", cost.error}};
 }
 
-std::string lineOf(std::string const& name, LevelSetCost const& cost, LevelSetCost const& merged)
+using Row = std::vector<std::string>;
+
+Row rowOf(std::string const& name, LevelSetCost const& cost, LevelSetCost const& merged)
 {
-    const auto padded = [](std::string text, std::size_t width) { return std::string(width > text.size() ? width - text.size() : 0, ' ') + text; };
-    std::string line = name + std::string(24 - name.size(), ' ') + padded(number(cost.voxelSize), 10) + padded(number(cost.voxels / 1e6) + " M", 12) +
-                       padded(byteText(cost.bytes), 12) + padded(number(cost.error), 14);
-    if (&cost != &merged) line += padded(number(std::round(10 * cost.voxels / merged.voxels) / 10) + " x", 10);
-    return line + "\n";
+    const std::string times = &cost == &merged ? "" : number(std::round(10 * cost.bytes / merged.bytes) / 10) + " x";
+    return {name, byteText(cost.bytes), times, number(cost.voxelSize), number(cost.voxels / 1e6) + " M", number(cost.error)};
+}
+
+/// Columns as wide as they need to be, two blanks between them; the first to the left, the others to the right.
+std::string tableOf(std::vector<Row> const& rows)
+{
+    std::vector<std::size_t> widths(rows.front().size());
+    for (Row const& row : rows)
+        for (std::size_t n = 0; n < row.size(); ++n) widths[n] = std::max(widths[n], row[n].size());
+    std::string text;
+    for (Row const& row : rows) {
+        for (std::size_t n = 0; n < row.size(); ++n) {
+            const std::string blanks(widths[n] - row[n].size(), ' ');
+            text += n == 0 ? row[n] + blanks : "  " + blanks + row[n];
+        }
+        text += "\n";
+    }
+    return text;
 }
 
 }  // namespace
@@ -211,8 +227,10 @@ std::string toJson(Savings const& savings)
 
 std::string toText(Savings const& savings)
 {
-    return "                        voxel size      voxels      memory largest error    voxels\n" + lineOf("merged", savings.merged, savings.merged) +
-           lineOf("one size, same error", savings.sameError, savings.merged) + lineOf("one size, the finest", savings.finest, savings.merged) +
+    return tableOf({{"", "memory", "of merged", "voxel size", "voxels", "largest error"},
+                    rowOf("merged", savings.merged, savings.merged),
+                    rowOf("narrow band of one size, same error", savings.sameError, savings.merged),
+                    rowOf("narrow band of one size, the finest", savings.finest, savings.merged)}) +
            "over " + std::to_string(savings.places) + " places near the surface\n";
 }
 

@@ -39,6 +39,7 @@ Savings measureSavings(Ostara::Object const& merged, std::vector<Ostara::Object 
 
 /// Keys: places, merged{voxel_size,voxels,bytes,error}, same_error{...}, finest{...}. One object.
 std::string toJson(Savings const& savings);
+/// A table for people, bytes first; blanks stand between its columns, however large the numbers are.
 std::string toText(Savings const& savings);
 
 }  // namespace tilegrid::io

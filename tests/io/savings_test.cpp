@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <sstream>
 
 namespace tilegrid::test {
 namespace {
@@ -70,6 +71,27 @@ TEST(Savings, are_the_same_for_any_number_of_threads)
     const auto json = nlohmann::json::parse(first);
     for (char const* kind : {"merged", "same_error", "finest"})
         for (char const* key : {"voxel_size", "voxels", "bytes", "error"}) EXPECT_TRUE(json.at(kind).contains(key)) << kind << " " << key;
+}
+
+TEST(Savings, keep_the_columns_of_their_table_apart_and_put_bytes_first)
+{
+    // Numbers as long as they get.
+    const io::LevelSetCost cost{1.23456e-14, 1.23456e+17, 7e17, 1.23456e-14};
+    const std::string text = io::toText({30000, cost, {1.23456e-14, 1.5e19, 8.5e19, 1.23456e-14}, cost});
+    std::istringstream lines(text);
+    std::vector<std::string> line(4);
+    for (std::string& next : line) std::getline(lines, next);
+    const std::size_t bytes = line[0].find("memory") + 6, times = line[0].find("of merged") + 9, error = line[0].size();
+    for (std::string const& each : line) EXPECT_EQ(each.size(), error) << text;
+    for (std::string const& row : {line[1], line[2], line[3]}) {
+        // Every column ends where its title does, and two blanks stand before it.
+        EXPECT_NE(row[bytes - 1], ' ') << text;
+        EXPECT_EQ(row.substr(bytes, 2), "  ") << text;
+        EXPECT_EQ(row.substr(times, 2), "  ") << text;
+        EXPECT_EQ(row.substr(error - 13, 13), "  1.23456e-14") << text;
+    }
+    EXPECT_LT(line[2].find("same error"), line[2].find("121.4 x")) << text;
+    EXPECT_NE(line[2].find("121.4 x"), std::string::npos) << text;
 }
 
 TEST(Savings, need_surfaces)

@@ -33,18 +33,24 @@ template <class... Ts> constexpr ModeTypes modeTypes(char const* names)
 constexpr ModeTypes kScalars = modeTypes<float, double>("float, double");
 constexpr ModeTypes kVectors = modeTypes<float3, double3>("float3, double3");
 constexpr ModeTypes kAny = modeTypes<float, float2, float3, float4, double, double3>("float, float2, float3, float4, double, double3");
+/// In the order of the enumeration's values.
+const std::vector<std::string> kModeNames = {"gradient", "mean_curvature", "laplacian", "closest_point", "divergence", "curl", "magnitude", "normalize"};
 constexpr ModeTypes kModes[] = {modeTypes<float, double, float3>("float, double, float3"), kScalars, kAny, kScalars, kVectors, kVectors, kAny, kAny};
 
 Result runAnalyze(StepContext& step)
 {
     io::NamedVolume& volume = step.volume();
-    std::string const &property = step.arguments.text("property"), &mode = step.arguments.text("output_property");
+    std::string const& property = step.arguments.text("property");
+    const int mode = step.arguments.choice("mode");
     requireProperty(volume, property);
-    ModeTypes const& taken = kModes[step.arguments.choice("mode")];
+    ModeTypes const& taken = kModes[mode];
+    // The node itself would take an empty name for that of the property, and write over it.
+    std::string outputName = step.arguments.text("output_property");
+    if (outputName.empty() && step.arguments.choice("output_mode") == 0) outputName = property + "_" + kModeNames[std::size_t(mode)];
     if (!taken.takes(*volume.volume->native()->component<OST::TileTree3D::ChannelBase>(property)))
         throw io::InputError("the values of '" + property + "' are of a type that this mode does not take. Types that it takes: " + taken.types + ".");
     Ptr<Object> output;
-    Geometry::Volume::analyze_volume(std::move(volume.volume), property, Geometry::Volume::AnalyzeMode(step.arguments.choice("mode")), mode,
+    Geometry::Volume::analyze_volume(std::move(volume.volume), property, Geometry::Volume::AnalyzeMode(mode), outputName,
                                      Geometry::Volume::AnalyzeOutputMode(step.arguments.choice("output_mode")), output, step.services);
     return {{volume.name, std::move(output)}};
 }
@@ -115,10 +121,9 @@ NodeInfo analyzeNode()
     node.inputs = {{.name = "volume", .help = "a volume with the property"}};
     node.parameters = {
         {.name = "property", .help = "name of the property", .positional = true},
-        // In the order of the enumeration's values.
         {.name = "mode", .type = ParameterType::kEnum, .help = "what is made of it", .positional = true,
-         .choices = {"gradient", "mean_curvature", "laplacian", "closest_point", "divergence", "curl", "magnitude", "normalize"}},
-        {.name = "output_property", .help = "name of the result; none: that of the property", .defaultText = ""},
+         .choices = kModeNames},
+        {.name = "output_property", .help = "name of the result; none: that of the property and the mode, as in voxel_signed_distance_gradient", .defaultText = ""},
         {.name = "output_mode", .type = ParameterType::kEnum, .help = "a property of its own, or in place of the one it is made of",
          .defaultText = "property", .choices = {"property", "replace"}},
     };

@@ -135,6 +135,8 @@ private:
             arguments.set(parameter.name, std::vector<double>());  // which no text means
         else if (isNone && parameter.type == ParameterType::kOutputFile)
             arguments.set(parameter.name, std::string());
+        else if (isNone && parameter.type == ParameterType::kLength)
+            return;  // the step decides
         else if (parameter.defaultText)
             arguments.set(parameter.name, parseValue(parameter, *parameter.defaultText));
         else if (file && contains(parameter.optionalFor, endingOf(*file)))

@@ -94,7 +94,10 @@ Result runCompare(StepContext& step)
     io::NamedVolume const &volume = step.volume(0), &reference = step.volume(1);
     requireProperty(volume, options.property);
     requireProperty(reference, options.property);
-    if (const Length within = step.arguments.length("within"); within.value > 0) {
+    if (!step.arguments.has("within")) {
+        if (options.property == Ostara::Geometry::sVoxelSignedDistance.str())
+            options.within = io::comparableDistance(*volume.volume, *reference.volume, options.property);
+    } else if (const Length within = step.arguments.length("within"); within.value > 0) {
         float voxelSize = 1;
         if (within.unit == LengthUnit::kVoxels) Geometry::Volume::get_voxel_size(*reference.volume, voxelSize, step.services);
         options.within = within.value * voxelSize;
@@ -202,8 +205,9 @@ NodeInfo compareNode()
     node.parameters = {
         {.name = "property", .help = "the property", .defaultText = "voxel_signed_distance"},
         {.name = "within", .type = ParameterType::kLength,
-         .help = "only where the reference is smaller than this, as near its surface if the property is a distance; 0: everywhere",
-         .unit = "world units, or voxels of the reference as in 2vx", .defaultText = "0", .range = {.min = 0}},
+         .help = "only where the reference is smaller than this, as near its surface if the property is a distance; 0: everywhere; none: "
+                 "for a signed distance in the narrower of both bands, less a voxel, and everywhere for others",
+         .unit = "world units, or voxels of the reference as in 2vx", .defaultText = "", .range = {.min = 0}},
         {.name = "mode", .type = ParameterType::kEnum, .help = kModeHelp, .defaultText = "linear", .choices = kModes},
         jsonParameter(),
     };

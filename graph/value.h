@@ -46,7 +46,8 @@ struct ParameterInfo {
     std::string help;
     /// What the number counts, for people; empty if it is a plain one. A length always has one.
     std::string unit = "";
-    /// As a user would write it. None: the parameter must be given.
+    /// As a user would write it. None: the parameter must be given. A length whose default is empty is missing in `Arguments`
+    /// unless it is given.
     std::optional<std::string> defaultText = std::nullopt;
     /// May stand without its name, after the inputs. Only for parameters without default.
     bool positional = false;

@@ -89,7 +89,29 @@ Sum measure(PropertyReaders const& readers, double scale, Container<Tr> const& t
     return sum;
 }
 
+/// Half width of the band less a voxel, in world units; infinite where the property is none of that.
+double innerBand(Ostara::Object const& volume, std::string const& property)
+{
+    double band = std::numeric_limits<double>::infinity();
+    withTree(volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const&) {
+        const Corvid::String name(property);
+        const auto read = [&]<class C>() {
+            const double inner = double(std::abs(native.component<C>(name)->defaultValue())) - double(tree.voxelSize());
+            if (std::isfinite(inner) && inner > 0) band = inner;
+        };
+        tryLayouts<Tr, float>(native, name, read);
+        return 0;
+    });
+    return band;
+}
+
 }  // namespace
+
+std::optional<double> comparableDistance(Ostara::Object const& volume, Ostara::Object const& reference, std::string const& property)
+{
+    const double band = std::min(innerBand(volume, property), innerBand(reference, property));
+    return std::isfinite(band) ? std::optional(band) : std::nullopt;
+}
 
 Comparison compareVolumes(Ostara::Object const& volume, Ostara::Object const& reference, CompareOptions const& options)
 {
@@ -104,6 +126,7 @@ Comparison compareVolumes(Ostara::Object const& volume, Ostara::Object const& re
         tryLayouts<Tr, float>(native, Corvid::String(options.property), measureChannel);
         if (!sum) throw InputError("the volume to compare with has no property '" + options.property + "' of type float");
         Comparison result{sum->voxels, 0, 0, sum->largest, double(tree.voxelSize()) * sum->where};
+        result.within = options.within;
         if (sum->voxels > 0) {
             result.mean = sum->absolute / double(sum->voxels);
             result.rootMeanSquare = std::sqrt(sum->squared / double(sum->voxels));
@@ -115,19 +138,21 @@ Comparison compareVolumes(Ostara::Object const& volume, Ostara::Object const& re
 std::string toJson(Comparison const& comparison)
 {
     const auto finite = [](double value) { return std::isfinite(value) ? nlohmann::ordered_json(value) : nlohmann::ordered_json(nullptr); };
-    const nlohmann::ordered_json json = {{"voxels", comparison.voxels},
+    nlohmann::ordered_json json = {{"voxels", comparison.voxels},
                                          {"mean", finite(comparison.mean)},
                                          {"root_mean_square", finite(comparison.rootMeanSquare)},
                                          {"largest", finite(comparison.largest)},
                                          {"where", {comparison.where.x, comparison.where.y, comparison.where.z}}};
+    if (comparison.within) json["within"] = *comparison.within;
     return json.dump(2) + "\n";
 }
 
 std::string toText(Comparison const& comparison)
 {
-    if (comparison.voxels == 0) return "no voxel to compare at\n";
+    const std::string where = comparison.within ? " where the reference is within " + number(*comparison.within) : "";
+    if (comparison.voxels == 0) return "no voxel to compare at" + where + "\n";
     return "difference  mean " + number(comparison.mean) + ", root mean square " + number(comparison.rootMeanSquare) + ", largest " +
-           number(comparison.largest) + "\n            at " + std::to_string(comparison.voxels) + " voxels, the largest at " +
+           number(comparison.largest) + "\n            at " + std::to_string(comparison.voxels) + " voxels" + where + ", the largest at " +
            number(comparison.where.x) + " " + number(comparison.where.y) + " " + number(comparison.where.z) + "\n";
 }
 

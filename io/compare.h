@@ -15,6 +15,8 @@ struct Comparison {
     double mean = 0, rootMeanSquare = 0, largest = 0;
     /// World place of the largest.
     Ostara::Math::double3 where{0.0};
+    /// `CompareOptions::within`.
+    std::optional<double> within = std::nullopt;
 };
 
 struct CompareOptions {
@@ -29,7 +31,12 @@ struct CompareOptions {
 /// \throws InputError for an object without a tile tree, or a property that either has not or that is not of type float
 Comparison compareVolumes(Ostara::Object const& volume, Ostara::Object const& reference, CompareOptions const& options);
 
-/// Keys: voxels, mean, root_mean_square, largest, where[3]. One object.
+/// How far from the surface both level sets hold distances that can be compared: the half width of the narrower band (the default
+/// value of the property), less a voxel, as values in the last one are read together with the default outside. None if no band says so.
+/// \throws InputError for an object without a tile tree
+std::optional<double> comparableDistance(Ostara::Object const& volume, Ostara::Object const& reference, std::string const& property);
+
+/// Keys: voxels, mean, root_mean_square, largest, where[3], and within, unless voxels were compared everywhere. One object.
 std::string toJson(Comparison const& comparison);
 std::string toText(Comparison const& comparison);
 

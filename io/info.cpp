@@ -121,13 +121,19 @@ SurfaceMeasure measureTile(VolumeReader<Tr, C> const& reader, Tile const& tile, 
     return sum;
 }
 
+/// A surface as a whole, and the widths of the leaf voxels that it crosses, in finest voxels; 0: none.
+struct WholeSurface {
+    SurfaceMeasure sum;
+    double finestVoxel = 0, coarsestVoxel = 0;
+};
+
 template <class Tr, class C>
-SurfaceMeasure measureSurface(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
+WholeSurface measureSurface(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
                               double3 const& origin)
 {
     // Parts of a fixed size, added in their order: the same bits for any number of threads.
     constexpr OST::int64 kPart = 64;
-    SurfaceMeasure sum;
+    WholeSurface whole;
     for (int depth = 0; depth <= Tr::maxDepth; ++depth) {
         const OST::int64 count = tree.tileCount(depth);
         std::vector<SurfaceMeasure> parts((count + kPart - 1) / kPart);
@@ -137,9 +143,17 @@ SurfaceMeasure measureSurface(Container<Tr> const& tree, C const& channel, Voxel
                 for (OST::int64 n = part * kPart; n < std::min(count, (part + 1) * kPart); ++n)
                     parts[part] += measureTile(reader, tree.tile(n, depth), offset, origin);
         });
-        for (SurfaceMeasure const& part : parts) sum += part;
+        bool crossed = false;
+        for (SurfaceMeasure const& part : parts) {
+            whole.sum += part;
+            crossed |= part.area > 0;
+        }
+        if (!crossed) continue;
+        // Coarse depths come first.
+        whole.finestVoxel = tree.tile(0, depth).voxelDataWidth();
+        if (whole.coarsestVoxel == 0) whole.coarsestVoxel = whole.finestVoxel;
     }
-    return sum;
+    return whole;
 }
 
 template <class Tr>
@@ -152,9 +166,9 @@ std::optional<LevelSetInfo> describeLevelSet(Ostara::Object const& volume, OST::
         Ostara::GeometryAlgorithms::getVolumeBounds(volume, box);
         const double h = tree.voxelSize();
         const double3 middle = (0.5 / h) * (double3(box.min) + double3(box.max));
-        const SurfaceMeasure sum =
+        const auto [sum, finest, coarsest] =
             measureSurface<Tr>(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance), offset, middle);
-        info = LevelSetInfo{box.min, box.max, sum.volume * h * h * h, sum.area * h * h};
+        info = LevelSetInfo{box.min, box.max, sum.volume * h * h * h, sum.area * h * h, finest * h, coarsest * h};
     };
     tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, measure);
     return info;
@@ -173,6 +187,21 @@ std::string grouped(std::int64_t count)
         text += digits[n];
     }
     return text;
+}
+
+/// A line for each depth with tiles; one for all in a row that have as many of both.
+void writeDepths(std::ostream& out, VolumeInfo const& info)
+{
+    const auto alike = [&info](std::size_t a, std::size_t b) {
+        return info.tilesByDepth[a] == info.tilesByDepth[b] && info.leafVoxelsByDepth[a] == info.leafVoxelsByDepth[b];
+    };
+    for (std::size_t begin = 0, end = 0; begin < info.tilesByDepth.size(); begin = end) {
+        for (end = begin + 1; end < info.tilesByDepth.size() && alike(begin, end);) ++end;
+        if (info.tilesByDepth[begin] == 0) continue;
+        const bool several = end - begin > 1;
+        out << std::setw(5) << (several ? std::to_string(begin) + "-" + std::to_string(end - 1) : std::to_string(begin)) << std::setw(16)
+            << grouped(info.tilesByDepth[begin]) << std::setw(18) << grouped(info.leafVoxelsByDepth[begin]) << (several ? "  each" : "") << "\n";
+    }
 }
 
 }  // namespace
@@ -236,6 +265,10 @@ std::string toJson(VolumeInfo const& info)
                              {"bounds_max", jsonOf(info.levelSet->boundsMax)},
                              {"volume", info.levelSet->volume},
                              {"area", info.levelSet->area}};
+    if (info.levelSet && info.levelSet->finestVoxel > 0) {
+        json["level_set"]["voxel_min"] = jsonOf(static_cast<float>(info.levelSet->finestVoxel));
+        json["level_set"]["voxel_max"] = jsonOf(static_cast<float>(info.levelSet->coarsestVoxel));
+    }
     if (info.refinementError) json["refinement_error"] = jsonOf(static_cast<float>(*info.refinementError));
     // Names are bytes from files: what is no UTF-8 is shown as a replacement character.
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -251,10 +284,7 @@ std::string toText(VolumeInfo const& info)
     if (leafVoxels > 0) out << " (" << number(double(info.bytes) / double(leafVoxels)) << " bytes per leaf voxel)";
     if (info.refinementError) out << "\nrefined     until the level set is within " << number(*info.refinementError) << " world units";
     out << "\ndepth           tiles       leaf voxels\n";
-    for (std::size_t depth = 0; depth < info.tilesByDepth.size(); ++depth)
-        if (info.tilesByDepth[depth] > 0)
-            out << std::setw(5) << depth << std::setw(16) << grouped(info.tilesByDepth[depth]) << std::setw(18)
-                << grouped(info.leafVoxelsByDepth[depth]) << "\n";
+    writeDepths(out, info);
     for (PropertyInfo const& property : info.properties)
         out << "property    " << printableName(property.name) << " (" << property.type << "), default " << property.defaultValue
             << ", from " << property.min << " to " << property.max << "\n";
@@ -262,6 +292,11 @@ std::string toText(VolumeInfo const& info)
         LevelSetInfo const& set = *info.levelSet;
         out << "surface     from " << set.boundsMin << " to " << set.boundsMax << "\n";
         out << "            volume " << number(set.volume) << ", area " << number(set.area) << "\n";
+        if (set.finestVoxel > 0) {
+            out << "            in leaf voxels of " << number(set.finestVoxel);
+            if (set.coarsestVoxel > set.finestVoxel) out << " to " << number(set.coarsestVoxel);
+            out << "\n";
+        }
     }
     return out.str();
 }

@@ -17,6 +17,8 @@ struct PropertyInfo {
 struct LevelSetInfo {
     Ostara::Math::float3 boundsMin, boundsMax;
     double volume = 0, area = 0;
+    /// Sizes of the smallest and largest leaf voxels that the surface crosses, in world units; 0 if there is no surface.
+    double finestVoxel = 0, coarsestVoxel = 0;
 };
 
 struct VolumeInfo {
@@ -45,9 +47,9 @@ VolumeInfo describeTiles(Ostara::Object const& volume);
 std::uint64_t contentBytes(Ostara::Object const& volume);
 
 /// Keys: structure, voxel_size, tiles_by_depth, leaf_voxels_by_depth, bytes, properties[{name,type,default,min,max}],
-/// level_set{bounds_min,bounds_max,volume,area} (only for level sets), refinement_error (only if the volume has it). One object, indented.
+/// level_set{bounds_min,bounds_max,volume,area,voxel_min,voxel_max} (only for level sets; the last two only with a surface), refinement_error (only if the volume has it). One object, indented.
 std::string toJson(VolumeInfo const& info);
-/// For people: the same in lines, with bytes per leaf voxel.
+/// For people: the same in lines, with bytes per leaf voxel. Depths in a row that have as many tiles and leaf voxels share a line.
 std::string toText(VolumeInfo const& info);
 
 }  // namespace tilegrid::io

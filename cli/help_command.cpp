@@ -1,6 +1,7 @@
 #include "cli/help_command.h"
 
 #include "cli/option_table.h"
+#include "cli/self_description.h"
 #include "graph/chain.h"
 #include "graph/error.h"
 #include "graph/help.h"
@@ -71,6 +72,10 @@ void printHelp(Options const& options, std::ostream& results)
     std::vector<std::string> words = options.words;
     std::erase(words, "--");
     const bool command = !words.empty() && words.front() == "help";
+    if (!options.description.empty()) {
+        results << (options.description == "man" ? manPage() : bashCompletion());
+        return;
+    }
     if (command && words.size() > 1) {
         // A group may be of two words.
         std::string topic = words[1];

@@ -32,6 +32,8 @@ extern "C" void cancelJob(int signal)
 int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
 {
     const Options options = parseOptions(arguments, isatty(STDERR_FILENO) != 0);
+    if (!options.description.empty() && options.words != std::vector<std::string>{"help"})
+        throw graph::UsageError("--man and --completion go with help alone, as in `tilegrid help --man`.");
     if (options.version) {
         results << "tilegrid " TILEGRID_VERSION "\n";
     } else if (options.help || options.words.empty() || options.words.front() == "help") {

@@ -20,6 +20,8 @@ std::vector<OptionInfo> const& optionTable()
         {.name = "--quiet", .shortName = "-q", .help = "print results and errors only: no progress, no warnings, no remarks"},
         {.name = "-v", .shortName = "-vv, -vvv", .help = "print more and more diagnostics, on standard error"},
         {.name = "--", .help = "end of the options: a word after it that begins with - is a file or an input"},
+        {.name = "--man", .help = "with help: print the manual page, in roff"},
+        {.name = "--completion", .value = "SHELL", .help = "with help: print a script that completes words in bash", .choices = {"bash"}},
         {.name = "--help", .shortName = "-h", .help = "help on the command, or on the step that it stands in"},
         {.name = "--version", .help = "the version"},
     };

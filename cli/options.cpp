@@ -121,6 +121,10 @@ Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
             options.quiet = true;
         else if (word == "-v" || word == "-vv" || word == "-vvv")
             options.verbose += int(word.size()) - 1;
+        else if (word == "--man")
+            options.description = "man";
+        else if (const auto shell = optionValue(arguments, n, "--completion"))
+            options.description = *shell == "bash" ? *shell : throw graph::UsageError("--completion=" + *shell + ": there is one for bash.");
         else if (word == "--skip-existing")
             options.skipExisting = true;
         else if (word == "--timings" || word.starts_with("--timings="))

@@ -13,6 +13,8 @@ struct Options {
     bool help = false, version = false;
     /// The word before which help was asked for: its place among the words.
     std::size_t helpAt = 0;
+    /// With `help`: "man" or the shell whose completion is wanted; empty: help for people.
+    std::string description;
     /// Results and errors only.
     bool quiet = false;
     int verbose = 0;

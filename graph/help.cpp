@@ -18,43 +18,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kColumns = 118;
 
-std::string useLine(NodeInfo const& node)
-{
-    std::string line = node.name;
-    for (InputInfo const& input : node.inputs) line += " " + inputWord(input);
-    for (ParameterInfo const& parameter : node.parameters)
-        if (parameter.positional) line += " " + parameter.name;
-    for (ParameterInfo const& parameter : node.parameters)
-        if (!parameter.positional)
-            line += parameter.type == ParameterType::kBool ? " [--" + parameter.name + "]"
-                    : parameter.defaultText                ? " [" + parameter.name + "=...]"
-                                                           : " " + parameter.name + "=...";
-    return line + (node.hasResult ? " [as=NAME]" : "");
-}
-
-/// What a value may be, behind the line of help.
-std::string detailOf(ParameterInfo const& parameter)
-{
-    std::vector<std::string> details;
-    if (!parameter.choices.empty())
-        details.push_back(listed(parameter.choices));
-    else if (!parameter.endings.empty())
-        details.push_back(listed(parameter.endings));
-    else
-        details.push_back(typeName(parameter.type));
-    if (!parameter.unit.empty()) details.push_back("in " + parameter.unit);
-    if (const std::string range = rangeText(parameter.range); !range.empty()) details.push_back(range);
-    if (!parameter.onlyFor.empty()) details.push_back("only for " + listed(parameter.onlyFor));
-    if (!parameter.needs.empty()) details.push_back("only with " + parameter.needs);
-    if (!parameter.defaultText)
-        details.push_back("must be given");
-    else if (!parameter.defaultText->empty())
-        details.push_back("default " + *parameter.defaultText);
-    std::string text;
-    for (std::string const& detail : details) text += (text.empty() ? "" : "; ") + detail;
-    return text;
-}
-
 Json inputToJson(InputInfo const& input)
 {
     return {{"name", input.name}, {"help", input.help}, {"several", input.several}, {"repeated", input.repeated}};
@@ -81,6 +44,42 @@ Json parameterToJson(ParameterInfo const& parameter)
 std::string inputWord(InputInfo const& input)
 {
     return "[" + input.name + (input.repeated ? "...]" : "]");
+}
+
+std::string useLine(NodeInfo const& node)
+{
+    std::string line = node.name;
+    for (InputInfo const& input : node.inputs) line += " " + inputWord(input);
+    for (ParameterInfo const& parameter : node.parameters)
+        if (parameter.positional) line += " " + parameter.name;
+    for (ParameterInfo const& parameter : node.parameters)
+        if (!parameter.positional)
+            line += parameter.type == ParameterType::kBool ? " [--" + parameter.name + "]"
+                    : parameter.defaultText                ? " [" + parameter.name + "=...]"
+                                                           : " " + parameter.name + "=...";
+    return line + (node.hasResult ? " [as=NAME]" : "");
+}
+
+std::string detailOf(ParameterInfo const& parameter)
+{
+    std::vector<std::string> details;
+    if (!parameter.choices.empty())
+        details.push_back(listed(parameter.choices));
+    else if (!parameter.endings.empty())
+        details.push_back(listed(parameter.endings));
+    else
+        details.push_back(typeName(parameter.type));
+    if (!parameter.unit.empty()) details.push_back("in " + parameter.unit);
+    if (const std::string range = rangeText(parameter.range); !range.empty()) details.push_back(range);
+    if (!parameter.onlyFor.empty()) details.push_back("only for " + listed(parameter.onlyFor));
+    if (!parameter.needs.empty()) details.push_back("only with " + parameter.needs);
+    if (!parameter.defaultText)
+        details.push_back("must be given");
+    else if (!parameter.defaultText->empty())
+        details.push_back("default " + *parameter.defaultText);
+    std::string text;
+    for (std::string const& detail : details) text += (text.empty() ? "" : "; ") + detail;
+    return text;
 }
 
 std::string padded(std::string text, std::size_t width)

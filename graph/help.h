@@ -8,6 +8,10 @@ namespace tilegrid::graph {
 std::string inputWord(InputInfo const& input);
 /// The nodes by groups, a line or more for each. \param group  only this one; empty: all
 std::string nodeList(std::string const& group = "");
+/// How a node is written: name, inputs, parameters.
+std::string useLine(NodeInfo const& node);
+/// What a value may be: type or choices, unit, range, default.
+std::string detailOf(ParameterInfo const& parameter);
 /// Use, inputs and parameters of a node.
 std::string nodeHelp(NodeInfo const& node);
 /// [{"name", "group", "help", "inputs": [{"name", "help", "several", "repeated"}], "parameters": [{"name", "type", "help", ...}], "has_result"}]

@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstdio>
 #include <map>
 
 namespace {
@@ -99,6 +101,82 @@ TEST(Quiet, leaves_results_and_errors)
     EXPECT_EQ(failed.status, 3);
     EXPECT_TRUE(holds(failed.err, "must be non-zero")) << failed.err;
     EXPECT_EQ(folder.run({"nodes", "--quiet", "-v"}).status, 1) << "which contradict each other";
+}
+
+/// Runs a shell; what it printed.
+std::string shell(std::string const& script)
+{
+    std::string text;
+    FILE* pipe = popen(("bash --norc -c '" + script + "' 2>&1").c_str(), "r");
+    for (int c = pipe ? std::fgetc(pipe) : EOF; c != EOF; c = std::fgetc(pipe)) text += char(c);
+    if (pipe) pclose(pipe);
+    return text;
+}
+
+TEST(ManPage, is_clean_roff_with_every_node_parameter_and_option)
+{
+    const WorkFolder folder;
+    const auto page = folder.run({"help", "--man"});
+    ASSERT_EQ(page.status, 0);
+    EXPECT_EQ(page.out.substr(0, 15), ".TH TILEGRID 1 ");
+    for (Json const& nodes = described(folder); Json const& node : nodes) {
+        EXPECT_TRUE(holds(page.out, ".SS \"" + node.at("name").get<std::string>() + "\"\n")) << node.at("name");
+        for (Json const& parameter : node.at("parameters"))
+            EXPECT_TRUE(holds(page.out, "\n.B \"" + parameter.at("name").get<std::string>() + "\"\n")) << parameter.at("name");
+    }
+    for (char const* option : {"\\-\\-threads N", "\\-\\-frames RANGE", "\\-\\-timings[=FORM]", "EXIT STATUS", "130"}) EXPECT_TRUE(holds(page.out, option)) << option;
+    // No line begins a request by accident.
+    std::istringstream lines(page.out);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with('.')) continue;
+        EXPECT_TRUE(line.starts_with(".TH ") || line.starts_with(".S") || line.starts_with(".B ") || line == ".TP" || line == ".PP" || line == ".br" ||
+                    line == ".nf" || line == ".fi")
+            << line;
+    }
+    std::ofstream(folder.path("page.1")) << page.out;
+    if (shell("type -t groff") != "") {
+        EXPECT_EQ(shell("groff -man -Tutf8 -ww -z \"" + folder.path("page.1") + "\""), "");
+    }
+    EXPECT_EQ(folder.run({"--man"}).status, 1) << "it goes with help";
+}
+
+TEST(Completion, offers_what_may_stand_there)
+{
+    const WorkFolder folder;
+    const auto script = folder.run({"help", "--completion=bash"});
+    ASSERT_EQ(script.status, 0);
+    std::ofstream(folder.path("completion")) << script.out;
+    std::ofstream(folder.path("sim.0001.vdb")).close();
+    std::ofstream(folder.path("notes.txt")).close();
+    std::filesystem::create_directory(folder.path("shots"));
+    const auto offered = [&](std::string const& line) {
+        const std::string text = shell("cd \"" + folder.path("") + "\"; source ./completion; COMP_LINE=\"" + line +
+                                       "\"; COMP_POINT=${#COMP_LINE}; _tilegrid; printf \"%s\\n\" \"${COMPREPLY[@]}\"");
+        std::vector<std::string> words;
+        std::istringstream lines(text);
+        for (std::string word; std::getline(lines, word);)
+            if (!word.empty()) words.push_back(word);
+        std::sort(words.begin(), words.end());
+        return words;
+    };
+    const auto offers = [&](std::string const& line, std::string const& word) {
+        const Words words = offered(line);
+        return std::find(words.begin(), words.end(), word) != words.end();
+    };
+    EXPECT_EQ(offered("tilegrid mer"), Words{"merge"});
+    EXPECT_EQ(offered("tilegrid sphere voxel=1 ! mer"), Words{"merge"});
+    EXPECT_EQ(offered("tilegrid sphere voxel=1 then mer"), Words{"merge"});
+    EXPECT_TRUE(offers("tilegrid ", "run") && offers("tilegrid ", "sphere"));
+    EXPECT_FALSE(offers("tilegrid sphere voxel=1 ! ", "run"));
+    EXPECT_EQ(offered("tilegrid slice axis="), (Words{"x", "y", "z"}));
+    EXPECT_EQ(offered("tilegrid --threads 2 slice ax"), Words{"axis="}) << "2 is no node";
+    EXPECT_TRUE(offers("tilegrid slice ", "size=") && offers("tilegrid info --", "--json") && offers("tilegrid info --", "--quiet"));
+    EXPECT_EQ(offered("tilegrid sphere voxel=1 as=ball ! slice ba"), Words{"ball"});
+    EXPECT_EQ(offered("tilegrid info s"), (Words{"shots/", "sim.0001.vdb"}));
+    EXPECT_EQ(offered("tilegrid sphere voxel=1 ! write s"), (Words{"shots/", "sim.0001.vdb"}));
+    EXPECT_EQ(offered("tilegrid info --progress="), (Words{"bar", "json", "none"}));
+    EXPECT_EQ(offered("tilegrid help mergi"), Words{"merging"});
+    EXPECT_EQ(offered("tilegrid info n"), Words{}) << "notes are no volume";
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <ostream>
 
 namespace tilegrid::io {
@@ -60,6 +61,18 @@ void setBounds(OrderedJson& accessor, std::vector<float3> const& vertices)
     accessor["max"] = OrderedJson::array({high.x, high.y, high.z});
 }
 
+/// Of length 1, as the form asks; up where there is none.
+std::vector<float3> unitNormals(TriangleMesh const& mesh)
+{
+    std::vector<float3> normals;
+    if (!mesh.hasNormals()) return normals;
+    for (float3 const& n : mesh.normals) {
+        const float size = length(n);
+        normals.push_back(size > 0.0f && std::isfinite(size) ? (1.0f / size) * n : float3(0, 0, 1));
+    }
+    return normals;
+}
+
 void put(std::ostream& out, std::uint32_t value)
 {
     for (int shift = 0; shift < 32; shift += 8) out.put(static_cast<char>(value >> shift & 255u));
@@ -73,6 +86,7 @@ void writeGlb(std::ostream& out, TriangleMesh const& mesh, std::vector<Attribute
     const std::uint64_t vertices = mesh.vertices.size();
     OrderedJson text = {{"asset", {{"version", "2.0"}, {"generator", "TilegridOps"}}}, {"scene", 0}};
     Layout layout;
+    const std::vector<float3> normals = unitNormals(mesh);
     // A scene without triangles holds nothing: empty accessors may not be.
     if (mesh.triangles.empty()) {
         text["scenes"] = OrderedJson::array({OrderedJson::object()});
@@ -81,7 +95,7 @@ void writeGlb(std::ostream& out, TriangleMesh const& mesh, std::vector<Attribute
         const int positions = layout.add(mesh.vertices.data(), vertices, 3, kFloat, kVertexBuffer);
         setBounds(layout.accessor(positions), mesh.vertices);
         primitive["attributes"]["POSITION"] = positions;
-        if (mesh.hasNormals()) primitive["attributes"]["NORMAL"] = layout.add(mesh.normals.data(), vertices, 3, kFloat, kVertexBuffer);
+        if (!normals.empty()) primitive["attributes"]["NORMAL"] = layout.add(normals.data(), vertices, 3, kFloat, kVertexBuffer);
         for (Attribute const* attribute : attributes) {
             const std::string name = attribute->name == kColor && attribute->components == 3 ? "COLOR_0" : "_" + attribute->name;
             primitive["attributes"][name] = layout.add(attribute->values.data(), vertices, attribute->components, kFloat, kVertexBuffer);

@@ -1,6 +1,8 @@
 #include "io/mesh_properties.h"
 
 #include "TilegridOps/host/geometry.h"
+#include "TilegridOps/substrate/child_values.h"
+#include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "io/plain_channel.h"
 #include "io/sample.h"
@@ -22,7 +24,9 @@ public:
     virtual ~PropertyTarget() = default;
     /// \param rows  of the attribute, for the three corners
     virtual void set(TreeIndex const& tile, int flat, int3 const& rows, double3 const& weights) = 0;
-    virtual void putInto(OST::Object& native) = 0;
+    /// Makes the values consistent: a voxel above a child has the place of the child's, but of two closest points either may have been
+    /// found; hanging voxels lie between the coarser ones.
+    virtual void finish(Container<Tr> const& tree, DofChannel<Tr> const& dofs, OST::Object& native) = 0;
 };
 
 template <class Tr, class T> class TypedTarget final : public PropertyTarget<Tr> {
@@ -44,7 +48,12 @@ public:
         }
         channel_->tileData(tile)(flat) = value;
     }
-    void putInto(OST::Object& native) override { native.putComponent(std::move(channel_)); }
+    void finish(Container<Tr> const& tree, DofChannel<Tr> const& dofs, OST::Object& native) override
+    {
+        setNonLeafValueToChildValue(*channel_, tree, kCorner, 0, Tr::maxDepth);
+        setNonDOFValues(0, Tr::maxDepth, tree, *channel_, dofs, /*mode: hanging voxels only*/ 0);
+        native.putComponent(std::move(channel_));
+    }
 
 private:
     float mixed(int3 const& rows, double3 const& weights, int components, int component) const
@@ -70,11 +79,14 @@ void fill(Container<Tr> const& tree, TriangleTree const& surface, std::vector<in
         parallel::loop(0, tree.tileCount(depth), 8, [&](OST::int64 begin, OST::int64 end) {
             for (OST::int64 n = begin; n < end; ++n) {
                 const TreeIndex index{n, depth};
-                const double3 first(tree.tile(n, depth).tijk());
+                auto const& tile = tree.tile(n, depth);
+                const double3 first(tile.tijk());
                 const double spacing = Tr::voxelDataWidth(depth);
                 std::int32_t guess = 0;
                 for (int flat = 0; flat < Tr::voxelCount; ++flat) {
                     const int3 ijk = cubeIndex(Tr::width, flat);
+                    // Above a child it takes the child's value in the end.
+                    if (!tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z))) continue;
                     const double3 place = first + spacing * double3(ijk);
                     guess = surface.nearest(place, guess).triangle;
                     const auto point = surface.barycentric(place, guess);
@@ -119,7 +131,10 @@ bool addProperties(OST::Object& native, TriangleMesh const& mesh, std::uint64_t 
     for (float3 const& v : mesh.vertices) vertices.emplace_back(v.x / perVoxel, v.y / perVoxel, v.z / perVoxel);
     const Targets<Tr> targets = makeTargets<Tr>(native, *tree, mesh, services);
     fill<Tr>(*tree, TriangleTree(vertices, mesh.triangles), mesh.attributeCorners.empty() ? mesh.triangles : mesh.attributeCorners, targets);
-    for (auto const& target : targets) target->putInto(native);
+    DofChannel<Tr> dofs("dofs", nullptr, kInitializeNone, /*poolBacked*/ false, /*callElementConstructor*/ true, 0, Tr::maxDepth);
+    dofs.updateTilesAdded(*tree);
+    computeDofs(*tree, dofs);
+    for (auto const& target : targets) target->finish(*tree, dofs, native);
     return true;
 }
 

@@ -7,8 +7,10 @@ namespace tilegrid::io {
 
 /// Makes a property of each attribute of the mesh: float, or float3 for three components. Every voxel of every depth, the root too,
 /// holds the value at the point of the surface that is closest to its sample, linear over the triangle there. So values go on
-/// straight away from the surface, and coarse voxels hold no mean but the value of their own closest point. Where two values
-/// meet in a vertex, that of the triangle found counts. Outside every tile it is 0.
+/// straight away from the surface, and coarse voxels hold no mean but the value of their own closest point. As in every consistent
+/// volume, voxels above children take the value that these have at the same place, and hanging voxels, at the rim of the band, what
+/// lies between the coarser ones beside them. Where two values meet in a vertex, that of the triangle found counts. Outside
+/// every tile it is 0.
 ///
 /// Attributes that have the name of something that the volume has already are left out, with a warning.
 /// \param volume    made of the same mesh, samples at voxel corners; changed in place if nobody else holds it

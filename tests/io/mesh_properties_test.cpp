@@ -1,4 +1,6 @@
+#include "TilegridOps/substrate/dofs.h"
 #include "io/attributes.h"
+#include "io/check.h"
 #include "io/error.h"
 #include "io/level_set_from_mesh.h"
 #include "io/mesh_properties.h"
@@ -12,6 +14,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 namespace tilegrid::test {
 namespace {
@@ -77,6 +80,16 @@ double heatError(double3 const& place, double heat)
     return error;
 }
 
+/// Which voxels hang: these lie between the samples of coarser ones.
+template <class Tr> auto dofsOf(OST::TileTree3D::Container<Tr> const& tree)
+{
+    using namespace OST::TileTree3D;
+    auto dofs = std::make_unique<DofChannel<Tr>>("dofs", nullptr, kInitializeNone, false, true, 0, Tr::maxDepth);
+    dofs->updateTilesAdded(tree);
+    computeDofs(tree, *dofs);
+    return dofs;
+}
+
 template <class Tr> class MeshProperties : public ::testing::Test {};
 TYPED_TEST_SUITE(MeshProperties, Structures, StructureNames);
 
@@ -89,11 +102,13 @@ TYPED_TEST(MeshProperties, hold_the_value_of_the_closest_point_at_every_voxel_of
     const auto wind = channelOf<Tr, float3>(*volume, Corvid::String("wind"));
     ASSERT_TRUE(heat && wind);
     EXPECT_EQ(heat->defaultValue(), 0.0f);
+    const auto dofs = dofsOf<Tr>(*tree);
     double largest = 0.0;
     int count = 0;
     for (int depth = 0; depth <= Tr::maxDepth; ++depth)
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+                if (dofs->tileData(n, depth)(flat) & OST::TileTree3D::kDofHanging) continue;
                 auto const& tile = tree->tile(n, depth);
                 const int3 ijk = OST::TileTree3D::cubeIndex(Tr::width, flat);
                 const double3 place = double(tree->voxelSize()) * (double3(tile.tijk()) + double(tile.voxelDataWidth()) * double3(ijk));
@@ -106,6 +121,20 @@ TYPED_TEST(MeshProperties, hold_the_value_of_the_closest_point_at_every_voxel_of
             }
     EXPECT_GT(count, 10000);
     EXPECT_LE(largest, kRounding);
+}
+
+TYPED_TEST(MeshProperties, are_consistent_in_trees_of_every_kind)
+{
+    using Tr = TypeParam;
+    for (bool graded : {false, true}) {
+        io::LevelSetOptions options;
+        options.voxelSize = 0.09f;
+        options.structure = structureOf<Tr>();
+        options.graded = graded;
+        EXPECT_TRUE(io::checkVolume(*io::levelSetFromMesh(warmBox(), options, {})).good()) << graded;
+        options.finer = io::FinerBox{{0, 0, 0}, {1, 1, 1}, 1};
+        EXPECT_TRUE(io::checkVolume(*io::levelSetFromMesh(warmBox(), options, {})).good()) << graded;
+    }
 }
 
 TYPED_TEST(MeshProperties, that_are_affine_are_back_at_the_vertices_of_the_surface)
@@ -153,11 +182,13 @@ TYPED_TEST(MeshProperties, keep_two_colours_apart_at_a_seam)
     const auto volume = voxelized<Tr>(box, 0.11f);
     const auto tree = treeOf<Tr>(*volume);
     const auto side = channelOf<Tr, float>(*volume, Corvid::String("side"));
+    const auto dofs = dofsOf<Tr>(*tree);
     for (OST::int64 n = 0; n < tree->tileCount(Tr::maxDepth); ++n)
         for (int flat = 0; flat < Tr::voxelCount; ++flat) {
             const double3 place = double(tree->voxelSize()) * double3(tree->tile(n, Tr::maxDepth).tijk() + OST::TileTree3D::cubeIndex(Tr::width, flat));
             const double up = place.z, others = std::max({std::abs(place.x), std::abs(place.y), -place.z});
             if (std::abs(up - others) < 1e-4 || (std::abs(place.x) > 1 || std::abs(place.y) > 1)) continue;  // as near to both
+            if (dofs->tileData(n, Tr::maxDepth)(flat) & OST::TileTree3D::kDofHanging) continue;
             EXPECT_EQ(side->tileData(n, Tr::maxDepth)(flat), up > others ? 1.0f : 0.0f) << place.x << " " << place.y << " " << place.z;
         }
 }

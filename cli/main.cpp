@@ -65,7 +65,9 @@ int main(int argc, char** argv)
 {
     std::signal(SIGINT, cancelJob);
     std::signal(SIGTERM, cancelJob);
-    std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write
+    // A closed pipe and a file beyond the limit of the shell show as failed writes.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     Streams streams;
     try {
         const int status = runCommand({argv + 1, argv + argc}, streams.results);

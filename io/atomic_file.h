@@ -1,33 +1,24 @@
 #pragma once
-#include <filesystem>
 #include <functional>
-#include <iosfwd>
+#include <istream>
 #include <string>
 
 namespace tilegrid::io {
 
-/// A file under a temporary name beside its place, which it takes only when it is complete: until then, and after any
-/// failure, the old file stays. Where the place is no regular file (a pipe, a device), it is written to as it is. A
-/// link keeps its name and its target is replaced.
-class AtomicFile {
-public:
-    explicit AtomicFile(std::string const& path);
-    AtomicFile(AtomicFile const&) = delete;
-    AtomicFile& operator=(AtomicFile const&) = delete;
-    /// Removes what was not committed.
-    ~AtomicFile();
+/// Writes what `write` puts into the stream: the one way in which files of any format are written.
+///
+/// The content goes under a temporary name beside the file, and takes its place when it is complete and on the disk. Until
+/// then, and after any failure, the old file stays. A link keeps its name and its target is replaced; the new file gets the
+/// permissions of the old one. What is no regular file (a pipe, a device, standard output as in io/standard_stream.h) gets
+/// the content as soon as it is complete.
+///
+/// The stream can seek and read back. Its first failure throws std::ios_base::failure, which `write` lets pass. Writing polls
+/// for a cancellation of the job and throws it.
+/// \throws InputError with the system's reason if the file cannot be created or not be written to its end
+void writeAtomically(std::string const& path, std::function<void(std::iostream&)> const& write);
 
-    /// Where to write.
-    std::string const& workingPath() const { return working_; }
-    /// Gives the file its name. \throws InputError if that fails
-    void commit();
-
-private:
-    std::string asked_, target_, working_;
-    bool direct_ = false, done_ = false;
-};
-
-/// Writes what `write` puts into the stream. \throws InputError if the file cannot be opened or takes not all of it
-void writeAtomically(std::string const& path, std::function<void(std::ostream&)> const& write);
+/// For a program that is about to end without unwinding: removes the temporary files of all threads. None can be begun and
+/// none can take its place afterwards; a thread that tries to waits for the end of the process.
+void abandonTemporaryFiles() noexcept;
 
 }  // namespace tilegrid::io

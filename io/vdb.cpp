@@ -1,10 +1,10 @@
 #include "io/vdb.h"
 
 #include "TilegridOps/host/property_names.h"
-#include "io/atomic_file.h"
 #include "io/check.h"
 #include "io/error.h"
 #include "io/text.h"
+#include "io/vdb_archive.h"
 #include "io/vdb_grids.h"
 #include "io/vdb_levels.h"
 #include "io/points.h"
@@ -57,31 +57,6 @@ openvdb::GridPtrVecPtr gridsOf(std::string const& path)
     } catch (std::exception const& problem) {
         fail(path, std::string(problem.what()) + "; the file is damaged, or no .vdb file");
     }
-}
-
-/// Every writing draws a random identifier for the file. In its place goes one made from the content, so that equal
-/// volumes give equal files.
-void setIdentifierFromContent(std::string const& path)
-{
-    constexpr std::size_t kAt = 8 + 3 * 4 + 1, kLength = 36;  // behind magic number, three versions and a flag
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    std::string content(std::filesystem::file_size(path), '\0');
-    if (!file.read(content.data(), static_cast<std::streamsize>(content.size())) || content.size() < kAt + kLength)
-        return;
-    for (const std::size_t dash : {8, 13, 18, 23})
-        if (content[kAt + dash] != '-') return;
-    content.replace(kAt, kLength, kLength, '0');
-    std::uint64_t hash[2] = {0xcbf29ce484222325ull, 0x84222325cbf29ce4ull};
-    for (const unsigned char byte : content)
-        for (std::uint64_t& h : hash) h = (h ^ byte) * 0x100000001b3ull, h ^= h >> 29;
-    char text[kLength + 1];
-    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", unsigned(hash[0] >> 32),
-                  unsigned(hash[0] >> 16 & 0xffff), unsigned(hash[0] & 0xffff), unsigned(hash[1] >> 48),
-                  static_cast<unsigned long long>(hash[1] & 0xffffffffffffull));
-    file.seekp(kAt);
-    file.write(text, kLength);
-    file.close();
-    if (!file) throw InputError("the disk took not all of it");
 }
 
 /// A name for the property that does not hide a component of the volume.
@@ -232,16 +207,7 @@ void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::Run
                                                     : levelGridsFromVolume(volume, services);
     if (grids.empty())
         throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");
-    AtomicFile file(path);
-    try {
-        openvdb::io::File out(file.workingPath());
-        out.write(openvdb::GridCPtrVec(grids.begin(), grids.end()));
-        out.close();
-        setIdentifierFromContent(file.workingPath());
-    } catch (std::exception const& problem) {
-        throw InputError("cannot write '" + path + "': " + problem.what());
-    }
-    file.commit();
+    writeGrids(path, openvdb::GridCPtrVec(grids.begin(), grids.end()));
 }
 
 }  // namespace tilegrid::io

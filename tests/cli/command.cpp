@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,7 +34,7 @@ std::vector<std::string> WorkFolder::files() const
     return names;
 }
 
-pid_t WorkFolder::start(std::vector<std::string> const& words, int output) const
+pid_t WorkFolder::start(std::vector<std::string> const& words, Setting const& setting) const
 {
     std::vector<std::string> arguments = {TILEGRID_COMMAND};
     arguments.insert(arguments.end(), words.begin(), words.end());
@@ -43,7 +44,10 @@ pid_t WorkFolder::start(std::vector<std::string> const& words, int output) const
 
     const pid_t child = fork();
     if (child == 0) {
-        const int out = output >= 0 ? output : open(stream(".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        const rlimit limit{setting.fileBytes, setting.fileBytes};
+        if (setting.fileBytes > 0 && setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(99);
+        if (setting.input >= 0 && dup2(setting.input, 0) < 0) _exit(99);
+        const int out = setting.output >= 0 ? setting.output : open(stream(".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         const int err = open(stream(".err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 || chdir(folder_.c_str()) != 0) _exit(99);
         execv(argv[0], argv.data());
@@ -55,13 +59,15 @@ pid_t WorkFolder::start(std::vector<std::string> const& words, int output) const
 CommandResult WorkFolder::finish(pid_t child) const
 {
     int status = 0;
-    waitpid(child, &status, 0);
-    return ended(status);
+    rusage usage{};
+    wait4(child, &status, 0, &usage);
+    return ended(status, std::size_t(usage.ru_maxrss) << 10);
 }
 
-CommandResult WorkFolder::ended(int status) const
+CommandResult WorkFolder::ended(int status, std::size_t peakBytes) const
 {
     CommandResult result;
+    result.peakBytes = peakBytes;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
     result.out = fileText(stream(".out"));
     result.err = fileText(stream(".err"));
@@ -72,7 +78,7 @@ CommandResult WorkFolder::ended(int status) const
 
 CommandResult WorkFolder::run(std::vector<std::string> const& words) const
 {
-    return finish(start(words));
+    return finish(start(words, {}));
 }
 
 CommandResult WorkFolder::runReading(std::size_t bytes, std::vector<std::string> const& words) const
@@ -81,7 +87,7 @@ CommandResult WorkFolder::runReading(std::size_t bytes, std::vector<std::string>
     // Closed by exec, so that the command itself holds no end that reads.
     if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the test");
     if (bytes == 0) close(ends[0]);
-    const pid_t child = start(words, ends[1]);
+    const pid_t child = start(words, {.output = ends[1]});
     close(ends[1]);
     std::string text(bytes, '\0');
     for (std::size_t held = 0; held < bytes;) {
@@ -97,17 +103,40 @@ CommandResult WorkFolder::runReading(std::size_t bytes, std::vector<std::string>
 
 CommandResult WorkFolder::runTo(int output, std::vector<std::string> const& words) const
 {
-    CommandResult result = finish(start(words, output));
+    CommandResult result = finish(start(words, {.output = output}));
     close(output);
     return result;
 }
 
+CommandResult WorkFolder::runFrom(std::string const& input, std::vector<std::string> const& words) const
+{
+    std::ofstream(stream(".in"), std::ios::binary) << input;
+    const int descriptor = open(stream(".in").c_str(), O_RDONLY | O_CLOEXEC);
+    const CommandResult result = finish(start(words, {.input = descriptor}));
+    close(descriptor);
+    std::filesystem::remove(stream(".in"));
+    return result;
+}
+
+CommandResult WorkFolder::runLimited(std::size_t fileBytes, std::vector<std::string> const& words) const
+{
+    return finish(start(words, {.fileBytes = fileBytes}));
+}
+
+CommandResult WorkFolder::signalAfter(std::function<void()> const& wait, std::vector<int> const& signals, std::vector<std::string> const& words) const
+{
+    const pid_t child = start(words, {});
+    wait();
+    for (const int signal : signals) kill(child, signal);
+    return finish(child);
+}
+
 CommandResult WorkFolder::signalAt(std::string const& text, int signal, std::vector<std::string> const& words) const
 {
-    const pid_t child = start(words);
+    const pid_t child = start(words, {});
     int status = 0;
     while (fileText(stream(".err")).find(text) == std::string::npos) {
-        if (waitpid(child, &status, WNOHANG) == child) return ended(status);
+        if (waitpid(child, &status, WNOHANG) == child) return ended(status, 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     kill(child, signal);

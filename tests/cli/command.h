@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@
 struct CommandResult {
     int status = -1;
     std::string out, err;
+    /// The most memory that it had at once.
+    std::size_t peakBytes = 0;
 };
 
 /// An empty folder that goes with the test.
@@ -34,12 +37,24 @@ public:
     CommandResult runReading(std::size_t bytes, std::vector<std::string> const& words) const;
     /// The same, with this descriptor as its standard output, which is closed here afterwards.
     CommandResult runTo(int output, std::vector<std::string> const& words) const;
+    /// The same, with this text as its standard input.
+    CommandResult runFrom(std::string const& input, std::vector<std::string> const& words) const;
+    /// The same, where no file can grow beyond so many bytes.
+    CommandResult runLimited(std::size_t fileBytes, std::vector<std::string> const& words) const;
+    /// The same, and sends the signals as soon as `wait` has returned.
+    CommandResult signalAfter(std::function<void()> const& wait, std::vector<int> const& signals, std::vector<std::string> const& words) const;
 
 private:
-    /// \param output  descriptor that becomes its standard output; none: a file
-    pid_t start(std::vector<std::string> const& words, int output = -1) const;
+    /// What a command runs with.
+    struct Setting {
+        /// Descriptors of its standard input and output; none: that of the test, and a file.
+        int input = -1, output = -1;
+        /// For a file; 0: no limit.
+        std::size_t fileBytes = 0;
+    };
+    pid_t start(std::vector<std::string> const& words, Setting const& setting) const;
     CommandResult finish(pid_t child) const;
-    CommandResult ended(int status) const;
+    CommandResult ended(int status, std::size_t peakBytes) const;
     /// Streams go to files outside the folder, so that its listing shows what the command itself wrote.
     std::string stream(std::string const& ending) const { return folder_.string() + ".streams" + ending; }
 

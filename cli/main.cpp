@@ -2,6 +2,7 @@
 #include "cli/help_command.h"
 #include "cli/options.h"
 #include "cli/run_command.h"
+#include "cli/signal_watch.h"
 #include "cli/streams.h"
 #include "graph/error.h"
 #include "io/error.h"
@@ -18,18 +19,8 @@ namespace {
 using namespace tilegrid;
 using namespace tilegrid::cli;
 
-// What the signal handler can reach.
-Job job;
-
-extern "C" void cancelJob(int signal)
-{
-    job.cancel();
-    // A second one ends the program at once.
-    std::signal(signal, SIG_DFL);
-}
-
 /// \return the exit status
-int runCommand(std::vector<std::string> const& arguments, std::ostream& results)
+int runCommand(std::vector<std::string> const& arguments, Job& job, std::ostream& results)
 {
     const Options options = parseOptions(arguments, isatty(STDERR_FILENO) != 0);
     if (!options.description.empty() && options.words != std::vector<std::string>{"help"})
@@ -63,14 +54,14 @@ int endOf(Streams& streams)
 
 int main(int argc, char** argv)
 {
-    std::signal(SIGINT, cancelJob);
-    std::signal(SIGTERM, cancelJob);
     // A closed pipe and a file beyond the limit of the shell show as failed writes.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    Job job;
     Streams streams;
     try {
-        const int status = runCommand({argv + 1, argv + argc}, streams.results);
+        const SignalWatch watch(job);
+        const int status = runCommand({argv + 1, argv + argc}, job, streams.results);
         return status == kDone ? endOf(streams) : status;
     } catch (...) {
         const Failure failure = currentFailure();

@@ -1,3 +1,4 @@
+#include "cli/allocation_meter.h"
 #include "cli/failure.h"
 #include "cli/help_command.h"
 #include "cli/options.h"
@@ -54,6 +55,7 @@ int endOf(Streams& streams)
 
 int main(int argc, char** argv)
 {
+    offerAllocationMeter();
     // A closed pipe and a file beyond the limit of the shell show as failed writes.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

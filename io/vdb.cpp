@@ -1,8 +1,11 @@
 #include "io/vdb.h"
 
 #include "TilegridOps/host/property_names.h"
+#include "TilegridOps/substrate/parallel.h"
+#include "io/allocation_limit.h"
 #include "io/check.h"
 #include "io/error.h"
+#include "io/file_buffer.h"
 #include "io/text.h"
 #include "io/vdb_archive.h"
 #include "io/vdb_grids.h"
@@ -13,9 +16,14 @@
 #include <openvdb/io/Stream.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
+#include <istream>
+#include <optional>
+#include <system_error>
+
+#include <fcntl.h>
 
 namespace tilegrid::io {
 
@@ -43,18 +51,21 @@ openvdb::GridPtrVecPtr gridsOf(std::string const& path)
     if (!fs::exists(path, error)) fail(path, "there is no such file");
     if (!fs::is_regular_file(path, error)) fail(path, "it is no regular file");
     openvdb::initialize();
-    std::ifstream in(path, std::ios::binary);
-    if (!in) fail(path, "there is no right to read it");
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) fail(path, std::generic_category().message(errno));
+    FileBuffer file(descriptor);
+    std::istream in(&file);
     // The reader of grids does not look at the stream between its reads: at the end of a file that was cut off it would
     // go on with what is in its buffers. So the stream itself ends it.
     in.exceptions(std::ios::failbit | std::ios::badbit);
     try {
         return openvdb::io::Stream(in, /*delayLoad*/ false).getGrids();
     } catch (std::bad_alloc const&) {
-        fail(path, "it asks for more memory than there is; the file is damaged, or too large for this machine");
+        throw;
     } catch (std::ios_base::failure const&) {
         fail(path, "it ends too early; the file is cut off or damaged, or no .vdb file");
     } catch (std::exception const& problem) {
+        parallel::endStage();  // it may be the cancellation
         fail(path, std::string(problem.what()) + "; the file is damaged, or no .vdb file");
     }
 }
@@ -159,8 +170,10 @@ GridPlacement placementOf(openvdb::GridBase const& grid)
     return placement;
 }
 
-std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options,
-                                 Corvid::RuntimeServices const& services)
+namespace {
+
+std::vector<NamedVolume> readVolumes(std::string const& path, VdbOptions const& options,
+                                     Corvid::RuntimeServices const& services)
 {
     const openvdb::GridPtrVecPtr all = gridsOf(path);
     const auto isLevel = [](openvdb::GridBase::Ptr const& grid) { return grid && isLevelGrid(*grid); };
@@ -196,6 +209,24 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
                              + list);
     std::move(clouds.begin(), clouds.end(), std::back_inserter(volumes));
     return volumes;
+}
+
+}  // namespace
+
+std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& options,
+                                 Corvid::RuntimeServices const& services)
+{
+    // The library below believes every count and length of a file.
+    std::optional<AllocationLimit> limit(options.maxBytes);
+    try {
+        return readVolumes(path, options, services);
+    } catch (std::bad_alloc const&) {
+        limit.reset();
+        fail(path,
+             "it asks for more memory than "
+                 + (options.maxBytes > 0 ? "the limit of " + byteText(double(options.maxBytes)) : "there is")
+                 + "; the file is damaged, or too large");
+    }
 }
 
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,

@@ -165,6 +165,7 @@ int runFrames(graph::Graph const& graph, Options const& options, Job& job, std::
     graph::checkFrameNames(graph);
     // What is wrong with the graph is wrong in every frame.
     const graph::Plan plan = graph::makePlan(graph::graphOfFrame(graph, range.first));
+    if (plan.readsInput || plan.writesOutput) throw graph::UsageError("--frames: name a file for each frame; standard input and output (-) are one.");
     if (options.skipExisting && graph::outputFiles(plan).empty()) throw graph::UsageError("--skip-existing: no step writes a file.");
     return Sequence(graph, options, job, timings).run(range, results);
 }

@@ -7,7 +7,7 @@ namespace tilegrid::cli {
 std::vector<OptionInfo> const& optionTable()
 {
     static const std::vector<OptionInfo> table = {
-        {.name = "--save", .value = "FILE", .help = "write the chain as JSON and run nothing", .valueIsFile = true},
+        {.name = "--save", .value = "FILE", .help = "write the chain as JSON and run nothing; -: to standard output", .valueIsFile = true},
         {.name = "--set", .value = "NAME=VALUE", .help = "with run: give every step that has it this parameter; STEP.NAME=VALUE for one step"},
         {.name = "--frames", .value = "RANGE",
          .help = "run the chain for each frame of 1-240, 1-240x2 or 7, with its number in place of #### in names of files; print a line of JSON a frame"},
@@ -50,7 +50,7 @@ std::vector<UseForm> const& useForms()
 {
     static const std::vector<UseForm> forms = {
         {"STEP [! STEP]...", "run a chain of steps"},
-        {"run GRAPH.json [--set NAME=VALUE]...", "run a chain that --save wrote"},
+        {"run GRAPH.json [--set NAME=VALUE]...", "run a chain that --save wrote; -: from standard input"},
         {"nodes [NAME...] [--json]", "what steps there are, or some of them in full"},
         {"help [NAME]", "help on a step or a group of steps (also: tilegrid NAME --help)"},
     };
@@ -64,6 +64,7 @@ std::vector<std::string> const& stepSyntax()
         "themselves), as=NAME names its result, _ is the last result, and an input that is left out is the last result too. An input may "
         "also be a file: it is read first, with the parameters of read that stand in the step. Lengths are world units; 3vx means three "
         "finest voxels.",
+        "The file - is standard input or output: `read - format=obj`, `write - format=ply`. Results go to standard error then.",
         "With --frames the chain runs once a frame. In names of files, ## and longer runs of # stand for its number, with zeros in front up to "
         "their length. Each frame prints one line of JSON: frame, state (done, skipped, failed or cancelled), status, seconds, outputs, "
         "results and messages. A frame that fails does not stop those after it; the exit status is that of the first that failed.",

@@ -15,33 +15,25 @@
 #include "graph/settings.h"
 #include "io/atomic_file.h"
 #include "io/error.h"
+#include "io/file_content.h"
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <iostream>
 
 namespace tilegrid::cli {
 
 namespace {
 
-std::string readText(std::string const& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (file) text << file.rdbuf();
-    if (!file || std::filesystem::is_directory(path)) throw io::InputError(path + ": the file cannot be read. Is it there, and is it a file?");
-    return text.str();
-}
-
 graph::Graph graphOfFile(std::string const& path)
 {
-    const std::string text = readText(path);
+    const std::string text = io::textContent(path, graph::kMaxGraphBytes);
+    const std::string name = path == graph::kStandardStream ? "standard input" : path;
     try {
         return graph::graphFromJson(text);
     } catch (graph::UsageError const& error) {
-        throw graph::UsageError(path + ": " + error.what());
+        throw graph::UsageError(name + ": " + error.what());
     } catch (io::InputError const& error) {
-        throw io::InputError(path + ": " + error.what());
+        throw io::InputError(name + ": " + error.what());
     }
 }
 
@@ -58,9 +50,13 @@ graph::Graph graphOf(Options const& options)
 }
 
 /// Only a graph that could run is worth keeping.
-void saveGraph(graph::Graph const& graph, std::string const& file)
+void saveGraph(graph::Graph const& graph, std::string const& file, std::ostream& results)
 {
     graph::makePlan(graph);
+    if (file == graph::kStandardStream) {
+        results << graph::toJson(graph);
+        return;
+    }
     graph::createParentFolders(file);
     io::writeAtomically(file, [&](std::ostream& out) { out << graph::toJson(graph); });
 }
@@ -72,16 +68,20 @@ int runSteps(Options const& options, Job& job, std::ostream& results)
     CoreGL::Logger::setVerboseLevel(options.verbose);
     const graph::Graph graph = graphOf(options);
     if (!options.save.empty()) {
-        saveGraph(graph, options.save);
+        saveGraph(graph, options.save, results);
         return kDone;
     }
     Timings timings(options.timings);
     if (!options.frames.empty()) return runFrames(graph, options, job, results, timings);
     graph::refuseFrameNames(graph);
     const graph::Plan plan = graph::makePlan(graph);
+    if (plan.readsInput && options.words == std::vector<std::string>{"run", graph::kStandardStream})
+        throw graph::UsageError("the graph comes from standard input, and a step of it reads standard input: give one of them as a file.");
     ProgressReporter reporter(options.progress);
     const auto message = [&](Severity severity, Corvid::StringView text) { showMessage(reporter, options, severity, std::string_view(text)); };
-    graph::run(plan, {.job = &job, .threads = options.threads, .maxBytes = options.maxMemory, .results = results, .messages = message,
+    // A file that goes to standard output has it for itself.
+    std::ostream& out = plan.writesOutput ? std::cerr : results;
+    graph::run(plan, {.job = &job, .threads = options.threads, .maxBytes = options.maxMemory, .results = out, .messages = message,
                       .progress = [&](graph::Progress const& progress) { reporter.show(progress); },
                       .stepEnded = timings.sinkFor(plan)});
     return kDone;

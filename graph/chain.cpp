@@ -133,7 +133,7 @@ private:
     {
         std::vector<Step> reads;
         for (std::string& input : step.inputs) {
-            if (input == kLastResult || contains(results_, input) || !(looksLikeFile(input) || exists_(input))) continue;
+            if (input == kLastResult || contains(results_, input) || !(input == kStandardStream || looksLikeFile(input) || exists_(input))) continue;
             Step read{"read", {}, {{"file", input}}, freeName(input)};
             results_.push_back(read.as);
             input = read.as;
@@ -152,7 +152,10 @@ private:
     /// To those whose file it means something for; to all, so that the check complains, if there is none.
     static void giveToReads(std::vector<Step>& reads, ParameterInfo const& parameter, std::pair<std::string, std::string> const& entry)
     {
-        const auto wants = [&](Step const& read) { return applies(parameter, read.parameter("file")); };
+        const auto wants = [&](Step const& read) {
+            const std::optional<std::string> file = read.file();
+            return applies(parameter, file ? &*file : nullptr);
+        };
         const bool any = std::any_of(reads.begin(), reads.end(), wants);
         for (Step& read : reads)
             if (!any || wants(read)) read.parameters.push_back(entry);

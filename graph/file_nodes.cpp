@@ -21,6 +21,13 @@ namespace {
 
 const std::vector<std::string> kMeshEndings = io::endingsThat(&io::FileFormat::readsMeshes);
 const std::vector<std::string> kVolumeEndings = {".vdb"};
+const std::vector<std::string> kStreamed = {".ply", ".obj", ".csv"};
+
+ParameterInfo formatParameter()
+{
+    return {.name = "format", .type = ParameterType::kEnum, .help = "format of standard input or output, which the file - stands for; of others the name tells it",
+            .defaultText = "auto", .choices = {"auto", "ply", "obj", "csv"}};
+}
 
 /// The endings of formats that can do one of these, in the order of the table.
 std::vector<std::string> endingsThatAny(std::vector<bool io::FileFormat::*> const& can)
@@ -110,8 +117,10 @@ NodeInfo readNode()
 {
     NodeInfo node{.name = "read", .help = "reads a volume from a .vdb file, makes a level set of a closed mesh with its attributes, or reads points", .run = runRead};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kInputFile, .help = "the file; `tilegrid help formats` tells what each format holds", .positional = true,
-         .endings = endingsThatAny({&io::FileFormat::readsVolumes, &io::FileFormat::readsMeshes, &io::FileFormat::readsPoints})}};
+        {.name = "file", .type = ParameterType::kInputFile, .help = "the file; -: standard input; `tilegrid help formats` tells what each format holds",
+         .positional = true, .endings = endingsThatAny({&io::FileFormat::readsVolumes, &io::FileFormat::readsMeshes, &io::FileFormat::readsPoints}),
+         .streamed = kStreamed},
+        formatParameter()};
     std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
     // A .ply file without faces holds points.
     std::ranges::find(node.parameters, "voxel", &ParameterInfo::name)->optionalFor = {".ply"};
@@ -137,8 +146,10 @@ NodeInfo writeNode()
     NodeInfo node{.name = "write", .help = "writes a volume as .vdb, its surface with its properties as a mesh, or points; creates missing folders", .hasResult = false, .run = runWrite};
     node.inputs = {{.name = "volume", .help = "any volume; one with a signed distance for a mesh; points"}};
     node.parameters = {
-        {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete", .positional = true,
-         .endings = endingsThatAny({&io::FileFormat::writesVolumes, &io::FileFormat::writesMeshes, &io::FileFormat::writesPoints})},
+        {.name = "file", .type = ParameterType::kOutputFile, .help = "the file; an old one is replaced once the new one is complete; -: standard output",
+         .positional = true, .endings = endingsThatAny({&io::FileFormat::writesVolumes, &io::FileFormat::writesMeshes, &io::FileFormat::writesPoints}),
+         .streamed = kStreamed},
+        formatParameter(),
         {.name = "layout", .type = ParameterType::kEnum,
          .help = "flat: one grid of the finest voxels for each property, for any program; levels: one for each property and depth, which "
                  "keeps all voxel sizes and reads back as it was",

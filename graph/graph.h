@@ -1,4 +1,5 @@
 #pragma once
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -7,6 +8,9 @@ namespace tilegrid::graph {
 
 /// The result of the last step before that has one, where an input is named.
 inline constexpr char kLastResult[] = "_";
+
+/// Standard input or output, where a file is named.
+inline constexpr char kStandardStream[] = "-";
 
 /// One step as it was written: nothing is checked yet, values are texts.
 struct Step {
@@ -23,6 +27,13 @@ struct Step {
         for (auto const& [key, value] : parameters)
             if (key == name) return &value;
         return nullptr;
+    }
+    /// The name of its file with an ending that tells the format, which standard input and output get from `format`.
+    std::optional<std::string> file() const
+    {
+        std::string const *name = parameter("file"), *format = parameter("format");
+        if (!name) return {};
+        return *name == kStandardStream && format ? *name + "." + *format : *name;
     }
     /// Gives the parameter this text, in place of the one it had.
     void set(std::string const& name, std::string const& text)

@@ -13,6 +13,56 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+/// A value as a message shows it.
+std::string shown(Json const& value)
+{
+    constexpr std::size_t kMostShown = 60;
+    const std::string text = value.dump(-1, ' ', /*ensure_ascii*/ false, Json::error_handler_t::replace);
+    return text.size() <= kMostShown ? text : text.substr(0, kMostShown) + "...";
+}
+
+/// Refuses what no graph has and what is slow or deep enough to do harm: keys of an object are found one after the other, and
+/// values are shown by recursion. It goes over the text before any value is made of it.
+class ShapeLimit : public nlohmann::json_sax<Json> {
+public:
+    bool null() override { return true; }
+    bool boolean(bool) override { return true; }
+    bool number_integer(number_integer_t) override { return true; }
+    bool number_unsigned(number_unsigned_t) override { return true; }
+    bool number_float(number_float_t, string_t const&) override { return true; }
+    bool string(string_t&) override { return true; }
+    bool binary(binary_t&) override { return true; }
+    bool start_array(std::size_t) override { return open(); }
+    bool start_object(std::size_t) override { return open(); }
+    bool end_array() override { return close(); }
+    bool end_object() override { return close(); }
+    bool key(string_t&) override
+    {
+        constexpr int kMostKeys = 1000;
+        if (++keys_.back() > kMostKeys) throw UsageError("an object has more than " + std::to_string(kMostKeys) + " keys, and no graph needs that.");
+        return true;
+    }
+    /// The making of the values reports it.
+    bool parse_error(std::size_t, std::string const&, nlohmann::detail::exception const&) override { return false; }
+
+private:
+    bool open()
+    {
+        constexpr std::size_t kMostDepth = 16;
+        keys_.push_back(0);
+        if (keys_.size() > kMostDepth) throw UsageError("values are nested more than " + std::to_string(kMostDepth) + " deep, and no graph needs that.");
+        return true;
+    }
+    bool close()
+    {
+        keys_.pop_back();
+        return true;
+    }
+
+    /// Of the objects and lists that are open.
+    std::vector<int> keys_;
+};
+
 void requireKeys(Json const& object, std::vector<std::string> const& known, std::string const& where)
 {
     if (!object.is_object()) throw UsageError(where + " must be an object with " + listed(known) + ".");
@@ -23,7 +73,7 @@ void requireKeys(Json const& object, std::vector<std::string> const& known, std:
 
 std::string text(Json const& value, std::string const& where)
 {
-    if (!value.is_string()) throw UsageError(where + " must be a text in quotes, but is " + value.dump() + ".");
+    if (!value.is_string()) throw UsageError(where + " must be a text in quotes, but is " + shown(value) + ".");
     return value.get<std::string>();
 }
 
@@ -43,12 +93,12 @@ std::string parameterText(Json const& value, ParameterInfo const* parameter, std
     if (fits && value.is_array() && (!parameter || parameter->type == ParameterType::kVector)) {
         std::string joined;
         for (Json const& number : value) {
-            if (!number.is_number()) throw UsageError(where + " must hold numbers only, but has " + number.dump() + ".");
+            if (!number.is_number()) throw UsageError(where + " must hold numbers only, but has " + shown(number) + ".");
             joined += (joined.empty() ? "" : ",") + number.dump();
         }
         return joined;
     }
-    throw UsageError(where + " cannot be " + value.dump() + ": a value of type " +
+    throw UsageError(where + " cannot be " + shown(value) + ": a value of type " +
                      (parameter ? typeName(parameter->type) : "number, text or list of numbers") + " is needed.");
 }
 
@@ -91,6 +141,8 @@ Graph graphFromJson(std::string const& source)
 {
     Json document;
     try {
+        ShapeLimit limit;
+        Json::sax_parse(source, &limit);
         document = Json::parse(source);
     } catch (Json::exception const& error) {
         throw io::InputError(std::string("this is not JSON: ") + error.what());

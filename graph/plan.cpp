@@ -4,11 +4,14 @@
 #include "graph/registry.h"
 #include "graph/suggest.h"
 #include "io/error.h"
+#include "io/standard_stream.h"
 
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <set>
+#include <unordered_map>
+#include <utility>
 #include <unistd.h>
 
 namespace tilegrid::graph {
@@ -26,19 +29,26 @@ public:
     Plan check(Graph const& graph)
     {
         if (graph.steps.empty()) problem("The graph has no steps. Begin with read or create_empty_volume.");
-        for (Step const& step : graph.steps) addStep(step);
+        for (Step const& step : graph.steps) {
+            // More would help nobody, and a message for each of many steps takes long to make.
+            constexpr int kMostProblems = 20;
+            if (problemCount_ >= kMostProblems) {
+                problem("The steps after it were not checked.");
+                break;
+            }
+            addStep(step);
+        }
         if (!problems_.empty()) throw UsageError(problems_);
         markLastUses();
         return std::move(plan_);
     }
 
 private:
-    struct Named {
-        std::string name;
-        std::size_t step;
-    };
-
-    void problem(std::string const& text) { problems_ += (problems_.empty() ? "" : "\n") + text; }
+    void problem(std::string const& text)
+    {
+        ++problemCount_;
+        problems_ += (problems_.empty() ? "" : "\n") + text;
+    }
     void stepProblem(std::string const& text) { problem(label_ + ": " + text); }
 
     void addStep(Step const& step)
@@ -78,10 +88,10 @@ private:
             stepProblem("there is no result yet to use as '" + input.name + "'. Read a file first, as in: read FILE.vdb ! ...");
             return 0;
         }
-        for (Named const& named : names_)
-            if (named.name == name) return named.step;
-        std::vector<std::string> candidates;
-        for (Named const& named : names_) candidates.push_back(named.name);
+        if (const auto named = stepOf_.find(name); named != stepOf_.end()) return named->second;
+        // The last ones are near, and more than a few help nobody.
+        constexpr std::size_t kMostNames = 20;
+        const std::vector<std::string> candidates(names_.end() - std::ptrdiff_t(std::min(names_.size(), kMostNames)), names_.end());
         stepProblem("no earlier step has a result '" + name + "', and there is no such file." + suggestion(name, candidates) +
                     (candidates.empty() ? " Name a result with as=NAME." : " Results: " + listed(candidates) + "."));
         return 0;
@@ -89,7 +99,8 @@ private:
 
     void checkParameters(Step const& step, NodeInfo const& node, Arguments& arguments)
     {
-        std::string const* file = knownFile(step, node);
+        const std::optional<std::string> known = knownFile(step, node);
+        std::string const* file = known ? &*known : nullptr;
         std::set<std::string> seen;
         for (auto const& [name, value] : step.parameters) {
             ParameterInfo const* parameter = node.parameter(name);
@@ -102,19 +113,35 @@ private:
                 stepProblem("'" + name + "' means nothing for '" + *file + "': it is for " + listed(parameter->onlyFor) + ". Leave it out.");
             else if (!parameter->needs.empty() && !step.parameter(parameter->needs))
                 stepProblem("'" + name + "' means nothing without '" + parameter->needs + "'. Give both, or leave it out.");
+            else if (name == "format" && step.parameter("file") && *step.parameter("file") != kStandardStream)
+                stepProblem("'format' is for standard input and output (-): the name '" + *step.parameter("file") + "' tells it. Leave it out.");
             else
-                setArgument(*parameter, value, arguments);
+                setArgument(*parameter, fileName(step, *parameter, value), arguments);
         }
         for (ParameterInfo const& parameter : node.parameters)
             if (!seen.contains(parameter.name)) setDefault(parameter, file, arguments);
     }
 
     /// The file of the step, if its format is known; another problem is reported with the parameter.
-    static std::string const* knownFile(Step const& step, NodeInfo const& node)
+    static std::optional<std::string> knownFile(Step const& step, NodeInfo const& node)
     {
         ParameterInfo const* parameter = node.parameter("file");
-        std::string const* file = parameter ? step.parameter("file") : nullptr;
-        return file && contains(parameter->endings, endingOf(*file)) ? file : nullptr;
+        std::optional<std::string> file = parameter ? step.file() : std::nullopt;
+        return file && contains(parameter->endings, endingOf(*file)) ? file : std::nullopt;
+    }
+
+    /// The value, or what stands for `-`: a name with the ending of its format.
+    std::string fileName(Step const& step, ParameterInfo const& parameter, std::string const& value)
+    {
+        if (value != kStandardStream || parameter.streamed.empty()) return value;
+        std::string const* format = step.parameter("format");
+        const std::string name = parameter.streamed.size() == 1 ? value + parameter.streamed.front() : format ? value + "." + *format : value;
+        if (name == value) return value;
+        bool& used = parameter.type == ParameterType::kInputFile ? plan_.readsInput : plan_.writesOutput;
+        if (std::exchange(used, true))
+            stepProblem(parameter.type == ParameterType::kInputFile ? "an earlier step takes standard input already. Read it once, and name the result."
+                                                                    : "an earlier step writes to standard output already. Name a file.");
+        return name;
     }
 
     void setArgument(ParameterInfo const& parameter, std::string const& value, Arguments& arguments)
@@ -122,8 +149,7 @@ private:
         try {
             arguments.set(parameter.name, parseValue(parameter, value));
         } catch (UsageError const& error) {
-            const auto named = [&](Named const& result) { return result.name == value; };
-            const bool isResult = parameter.type == ParameterType::kOutputFile && std::any_of(names_.begin(), names_.end(), named);
+            const bool isResult = parameter.type == ParameterType::kOutputFile && stepOf_.contains(value);
             stepProblem("'" + parameter.name + "': " + error.what() + (isResult ? " '" + value + "' is a result: name the file after it." : ""));
         }
     }
@@ -149,15 +175,14 @@ private:
     void addResult(Step const& step, NodeInfo const* node, std::size_t index)
     {
         if (!step.as.empty()) {
-            const auto named = [&](Named const& result) { return result.name == step.as; };
             if (node && !node->hasResult)
                 stepProblem("'" + step.node + "' leaves no result that 'as=" + step.as + "' could name. Leave it out.");
             else if (!isResultName(step.as))
                 stepProblem("'" + step.as + "' cannot name a result: use letters, digits and _, and begin with a letter.");
-            else if (std::any_of(names_.begin(), names_.end(), named))
+            else if (stepOf_.contains(step.as))
                 stepProblem("an earlier step has a result '" + step.as + "' already. Choose another name.");
             else
-                names_.push_back({step.as, index});
+                names_.push_back(step.as), stepOf_.emplace(step.as, index);
         }
         // An unknown node may have been meant to have a result; later steps shall not be blamed for its absence.
         if (!node || node->hasResult) results_.push_back(index);
@@ -176,7 +201,9 @@ private:
     Plan plan_;
     std::string label_, problems_;
     std::vector<std::size_t> results_;
-    std::vector<Named> names_;
+    std::vector<std::string> names_;
+    std::unordered_map<std::string, std::size_t> stepOf_;
+    int problemCount_ = 0;
 };
 
 std::string inputProblem(std::string const& file)
@@ -223,7 +250,7 @@ void checkFiles(Plan const& plan)
             const bool input = parameter.type == ParameterType::kInputFile, output = parameter.type == ParameterType::kOutputFile;
             if (!input && !output) continue;
             std::string const& file = step.arguments.text(parameter.name);
-            if (file.empty()) continue;
+            if (file.empty() || io::isStandardStream(file)) continue;
             const auto place = std::filesystem::path(file).lexically_normal();
             std::string problem;
             if (output)

@@ -22,6 +22,8 @@ struct PlannedStep {
 /// A graph in which everything that can be checked without touching a file has been found right.
 struct Plan {
     std::vector<PlannedStep> steps;
+    /// Whether a step reads standard input, and whether one writes a file to standard output: results go elsewhere then.
+    bool readsInput = false, writesOutput = false;
 };
 
 /// Checks a graph: nodes, inputs, results, parameters, values. \throws UsageError with every problem

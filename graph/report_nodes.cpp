@@ -188,10 +188,10 @@ NodeInfo sampleNode()
     node.inputs = {{.name = "volume", .help = "a volume with a property of numbers"}};
     node.parameters = {
         {.name = "points", .type = ParameterType::kInputFile, .help = "points in world units, three numbers in a row, separated by commas; a row of names may stand above",
-         .positional = true, .endings = {".csv"}},
+         .positional = true, .endings = {".csv"}, .streamed = {".csv"}},
         {.name = "property", .help = "the property", .defaultText = "voxel_signed_distance"},
         {.name = "mode", .type = ParameterType::kEnum, .help = kModeHelp, .defaultText = "linear", .choices = kModes},
-        {.name = "output", .type = ParameterType::kOutputFile, .help = "file for the values; none: standard output", .defaultText = "", .endings = {".csv"}},
+        {.name = "output", .type = ParameterType::kOutputFile, .help = "file for the values; none: standard output", .defaultText = "", .endings = {".csv"}, .streamed = {".csv"}},
     };
     return node;
 }

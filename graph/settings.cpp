@@ -30,7 +30,8 @@ bool takes(Step const& step, std::string const& name)
 {
     NodeInfo const* node = findNode(step.node);
     ParameterInfo const* parameter = node ? node->parameter(name) : nullptr;
-    return parameter && applies(*parameter, step.parameter("file"));
+    const std::optional<std::string> file = step.file();
+    return parameter && applies(*parameter, file ? &*file : nullptr);
 }
 
 Step& namedStep(Graph& graph, std::string const& name, std::string const& assignment)

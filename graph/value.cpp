@@ -2,6 +2,7 @@
 
 #include "graph/error.h"
 #include "graph/suggest.h"
+#include "io/standard_stream.h"
 
 #include <algorithm>
 #include <cctype>
@@ -107,6 +108,14 @@ Value parseLength(ParameterInfo const& parameter, std::string const& text)
 Value parseFile(ParameterInfo const& parameter, std::string const& text)
 {
     if (text.empty()) throw UsageError("the file name is empty.");
+    if (text == "-" && !parameter.streamed.empty()) {
+        std::vector<std::string> formats;
+        for (std::string const& ending : parameter.streamed) formats.push_back(ending.substr(1));
+        throw UsageError("'-' is standard input or output: write format= and one of " + listed(formats) + ".");
+    }
+    if (io::isStandardStream(text) && !contains(parameter.streamed, endingOf(text)))
+        throw UsageError(parameter.streamed.empty() ? "standard input and output mean nothing here: name a file."
+                                                    : "only " + listed(parameter.streamed) + " go through standard input and output.");
     if (!parameter.endings.empty() && !contains(parameter.endings, endingOf(text)))
         throw UsageError("the format of '" + text + "' is not known: the name must end in " + listed(parameter.endings) + ".");
     return text;

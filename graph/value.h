@@ -54,6 +54,9 @@ struct ParameterInfo {
     Range range = {};
     std::vector<std::string> choices = {};
     std::vector<std::string> endings = {};
+    /// Formats that `-` may have, which is standard input or output; the step then has a parameter `format`, unless there is
+    /// one format only. Empty: files only.
+    std::vector<std::string> streamed = {};
     /// Applies only to steps whose parameter `file` has one of these endings; empty: to all.
     std::vector<std::string> onlyFor = {};
     /// Means something only together with the parameter of this name; empty: always.

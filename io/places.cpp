@@ -1,11 +1,7 @@
 #include "io/error.h"
+#include "io/file_content.h"
 #include "io/sample.h"
-#include "io/text.h"
 #include "io/text_scan.h"
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace tilegrid::io {
 
@@ -35,20 +31,6 @@ bool isHeader(std::string_view row)
     return true;
 }
 
-std::string contentOf(std::string const& path, std::uint64_t maxBytes)
-{
-    std::error_code error;
-    const auto size = std::filesystem::file_size(path, error);
-    if (error) throw InputError("cannot read '" + path + "': " + error.message());
-    if (maxBytes > 0 && size > maxBytes)
-        throw InputError("'" + path + "' has " + byteText(double(size)) + ", and the limit is " + byteText(double(maxBytes)));
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (!file) throw InputError("cannot read '" + path + "'");
-    return text.str();
-}
-
 template <class T> void append(std::string& text, T value)
 {
     char buffer[64];
@@ -60,7 +42,7 @@ template <class T> void append(std::string& text, T value)
 std::vector<float3> readPlaces(std::string const& path, std::uint64_t maxBytes)
 {
     constexpr int kMostNamed = 5;
-    const std::string content = contentOf(path, maxBytes);
+    const std::string content = fileContent(path, "points", maxBytes);
     std::string_view rest = content;
     std::vector<float3> places;
     std::string problems;

@@ -1,28 +1,20 @@
 #include "cli/options.h"
 
+#include "TilegridOps/substrate/memory_budget.h"
 #include "cli/option_table.h"
 #include "graph/error.h"
 #include "graph/help.h"
 #include "graph/registry.h"
 #include "graph/suggest.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <limits>
 #include <optional>
 
 namespace tilegrid::cli {
 
 namespace {
-
-std::uint64_t threeQuartersOfTheMachine()
-{
-    const long pages = sysconf(_SC_PHYS_PAGES), bytes = sysconf(_SC_PAGESIZE);
-    return pages > 0 && bytes > 0 ? std::uint64_t(pages) * std::uint64_t(bytes) / 4 * 3 : std::numeric_limits<std::uint64_t>::max();
-}
 
 int parseThreads(std::string const& text)
 {
@@ -104,7 +96,7 @@ std::uint64_t parseBytes(std::string const& text)
 Options parseOptions(std::vector<std::string> const& arguments, bool barWanted)
 {
     Options options;
-    options.maxMemory = threeQuartersOfTheMachine();
+    options.maxMemory = defaultMemoryLimit();
     std::optional<ProgressForm> progress;
     for (std::size_t n = 0; n < arguments.size(); ++n) {
         std::string const& word = arguments[n];

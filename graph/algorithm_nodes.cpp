@@ -102,7 +102,7 @@ Result runSplat(StepContext& step)
         const double bytes = 8 * VolumeGL::TileTree3D::splatWork(radius, least, most, depths, points, *volume.volume->native());
         if (step.maxBytes > 0 && bytes > double(step.maxBytes))
             throw io::InputError("the points touch voxels of " + io::byteText(bytes) + ", and the limit is " + io::byteText(double(step.maxBytes)) +
-                                 ". Choose a smaller radius, larger voxels, or more depths.");
+                                 ". Choose a smaller radius, larger voxels or more depths, or give more memory (--max-memory).");
         const auto channel = volume.volume->native()->component<OST::TileTree3D::ChannelBase>(property);
         const bool vectors = points.get<Corvid::Array<float3>>(property) != nullptr;
         if (channel && !(vectors ? holds<float3>(*channel) : holds<float>(*channel)))

@@ -31,6 +31,8 @@ public:
             failed_ = false;
             Result result = runLabelled(n);
             stopIfCancelled();
+            if (!tooLarge_.empty())
+                throw io::InputError(plan_.steps[n].label + ": " + tooLarge_ + " Choose larger voxels or a smaller reach, or give more memory (--max-memory).");
             // The message itself went to the sink, with the label.
             if (failed_) throw NodeError(plan_.steps[n].label + " reported an error; the steps after it were not run.");
             checkResult(plan_.steps[n], result);
@@ -60,9 +62,15 @@ private:
         const auto message = [this, n](Severity severity, Corvid::StringView text) {
             std::lock_guard lock(mutex_);
             if (severity == Severity::kError) failed_ = true;
+            // Told by the error that ends the run, with what helps.
+            if (severity == Severity::kError && std::string_view(text).starts_with(kNeedsMoreMemory)) {
+                tooLarge_ = std::string_view(text);
+                return;
+            }
             if (options_.messages) options_.messages(severity, plan_.steps[n].label + ": " + std::string(std::string_view(text)));
         };
-        return Corvid::RuntimeServices(options_.job, message, [this, n](Corvid::StringView what, double done) { report(n, what, done); });
+        return Corvid::RuntimeServices(options_.job, message, [this, n](Corvid::StringView what, double done) { report(n, what, done); },
+                                       options_.maxBytes);
     }
 
     /// Runs one step; whatever goes wrong leaves with its label. A cancelled step may fail in any way.
@@ -118,6 +126,8 @@ private:
     std::vector<Result> results_;
     std::mutex mutex_;
     bool failed_ = false;
+    /// What a step said whose result would need too much memory.
+    std::string tooLarge_;
 };
 
 }  // namespace

@@ -1,4 +1,6 @@
 #pragma once
+#include "TilegridOps/substrate/byte_text.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -7,8 +9,7 @@ namespace tilegrid::io {
 
 /// A number as people read it: six digits at most.
 std::string number(double value);
-/// "3.5 MiB" and the like.
-std::string byteText(double bytes);
+using tilegrid::byteText;
 /// The ending of a file name, in small letters and without the dot; empty if there is none.
 std::string endingOf(std::string const& path);
 

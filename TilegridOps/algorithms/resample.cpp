@@ -5,6 +5,7 @@
 #include "TilegridOps/algorithms/level_set_parts.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/commands.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "TilegridOps/substrate/traversal.h"
 
@@ -224,6 +225,14 @@ bool intoTarget(Request request, Corvid::Array<Corvid::String> const& names, Cor
     return true;
 }
 
+double bytesPerVoxel(OST::Object const& source, Corvid::Array<Corvid::String> const& names)
+{
+    double bytes = 0;
+    for (Corvid::String const& name : names)
+        if (const auto channel = source.component<ChannelBase>(name)) bytes += double(channel->elementBytes());
+    return bytes;
+}
+
 template <class From, class To>
 void intoNewVolume(Request request, float voxelSize, Corvid::Array<Corvid::String> const& names, Container<From> const& source,
                    Corvid::Ptr<Ostara::Object>& target)
@@ -234,7 +243,10 @@ void intoNewVolume(Request request, float voxelSize, Corvid::Array<Corvid::Strin
     auto native = Command::createVoxelOST<To>(sVoxelTileTree, sVoxelComp, voxelSize, kCorner);
     auto tree = native->template extractComponent<Container<To>>(sVoxelTileTree);
     auto topology = native->template extractComponent<VoxelTopology<To>>(sVoxelComp);
-    growImage(source, request.placement, *tree);
+    {
+        const TileBudget<To> budget(*tree, tileRecordBytes<To>() + To::voxelCount * bytesPerVoxel(request.source, names));
+        growImage(source, request.placement, *tree);
+    }
     tree->setMaxRelativeRefinementError(source.maxRelativeRefinementError());
     topology->update(*tree);
     for (auto& channel : carriedProperties<From, To>(*tree, *topology, request, names)) native->putComponent(std::move(channel));

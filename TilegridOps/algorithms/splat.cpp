@@ -5,6 +5,7 @@
 #include "TilegridOps/substrate/commands.h"
 #include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/initialize_tile_data.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/traversal.h"
 
 #include <array>
@@ -41,6 +42,10 @@ public:
     void run(Corvid::String const& property, OST::Object& target)
     {
         makeFootprints();
+        // Beside what the volume holds: the property, if it is new, and in the meantime sums, weights and flags.
+        bytesPerTile_ = tileBytes<Tr>(target) + double(W * W * W * (2 * sizeof(T) + sizeof(float) + sizeof(short)));
+        checkWork();
+        setFactors();
         addTiles(target);
         if (!target.hasComponentFromName(property))
             Command::createChannel<T, Tr::branching, W, W, 0>(property, topology_, target, T(), kInitializeLinear, 0, Tr::maxDepth);
@@ -64,14 +69,35 @@ private:
             for (int64 n = begin; n < end; ++n) {
                 Footprint& f = footprints_[std::size_t(n)];
                 if (hasValue(n)) f = points_.footprint<Tr>(n, settings_, voxelSize_, offset_);
-                if (f.depth < 0) continue;
-                const double sum = settings_.normalize ? 1 : f.weightSum(settings_.kernel);
-                f.factor = sum > 0 ? 1 / sum : 0;
-                used[std::size_t(f.depth)].store(true, std::memory_order_relaxed);
+                if (f.depth >= 0) used[std::size_t(f.depth)].store(true, std::memory_order_relaxed);
             }
         });
         for (int depth = Tr::maxDepth; depth >= 0; --depth)
             if (used[std::size_t(depth)]) coarsest_ = depth, anyPoint_ = true;
+    }
+    /// The tiles that the widest point alone needs, and the list of points by tile, are counted before anything is as long as that.
+    void checkWork() const
+    {
+        double most = 0, pairs = 0;
+        for (Footprint const& f : footprints_) {
+            const double tiles = f.tiles(W);
+            most = std::max(most, tiles);
+            pairs += tiles;
+        }
+        checkMemory(most * bytesPerTile_);
+        checkMemory(pairs * 2 * sizeof(std::int32_t));
+    }
+    void setFactors()
+    {
+        constexpr int64 kAtOnce = 4096;
+        parallel::forRanges(0, points_.count, kAtOnce, [&](int64 begin, int64 end) {
+            for (int64 n = begin; n < end; ++n) {
+                Footprint& f = footprints_[std::size_t(n)];
+                if (f.depth < 0) continue;
+                const double sum = settings_.normalize ? 1 : f.weightSum(settings_.kernel);
+                f.factor = sum > 0 ? 1 / sum : 0;
+            }
+        });
     }
     bool hasValue(int64 n) const
     {
@@ -85,6 +111,7 @@ private:
     std::vector<TileKeys::Key> touchedTiles() const
     {
         constexpr int64 kAtOnce = 4096;
+        const double mostTiles = memoryLimit() / bytesPerTile_;
         parallel::PerThread<TileKeys> sets;
         parallel::loop(0, points_.count, kAtOnce, [&](int64 begin, int64 end) {
             TileKeys& set = sets.local([] { return std::make_unique<TileKeys>(); });
@@ -95,6 +122,7 @@ private:
                 for (std::int32_t k = first(2); k <= f.last[2] / W; ++k)
                     for (std::int32_t j = first(1); j <= f.last[1] / W; ++j)
                         for (std::int32_t i = first(0); i <= f.last[0] / W; ++i) set.insert({f.depth, i, j, k});
+                if (double(set.size()) > mostTiles) throw MemoryExceeded(mostTiles * bytesPerTile_);
             }
         });
         std::vector<TileKeys::Key> keys;
@@ -119,10 +147,13 @@ private:
         };
         TileList<Tr> added;
         constexpr std::size_t kGrain = 1 << 16;
-        if (anyPoint_) tree_.template refine<decltype(add), int64>(add, 0, int64(keys.size()), kGrain, &added);
+        if (anyPoint_) {
+            const TileBudget<Tr> budget(tree_, bytesPerTile_);
+            tree_.template refine<decltype(add), int64>(add, 0, int64(keys.size()), kGrain, &added);
+        }
         topology_.update(tree_);
         updateTilesAdded(topology_, target);
-        initializeTileData(tree_, added, target);
+        initializeTileData(tree_, added, target, topology_.offsetType());
     }
 
     /// Calls `visit(corner)` for the low corners of the tiles that a footprint touches.
@@ -293,6 +324,7 @@ private:
     VoxelTopology<Tr>& topology_;
     float3 offset_;
     double voxelSize_;
+    double bytesPerTile_ = 0;
     std::vector<Footprint> footprints_;
     /// The lowest depth that a point goes to.
     int coarsest_ = Tr::maxDepth;

@@ -31,7 +31,7 @@ struct QuadraticKernel {
 /// take the coarse contribution interpolated, coarser voxels the weighted mean of finer ones, so that every depth holds the
 /// same field. Points that are not finite or outside of tile space are passed over.
 ///
-/// \param radius          world units; not above 0, or NaN: one voxel of the finest depth
+/// \param radius          world units; not above 0, or NaN: one voxel of the finest depth. Wider than tile space, or infinite: as wide
 /// \param minRadiusVoxels, maxRadiusVoxels  bounds of the radius in finest voxels, the lower one at least 1; an upper one not above 0 is
 ///                        none, one below the lower counts as that
 /// \param scale           factor on values; 0 and NaN count as 1
@@ -44,6 +44,7 @@ struct QuadraticKernel {
 /// \return false, and nothing changed, without positions, with an array of another length, without a tree, with a channel of the name of
 ///         another type, or with a voxel size that is 0 or not finite
 /// \throws std::runtime_error (OST::exceptionMessage) on cancellation; tiles may have been added then
+/// \throws MemoryExceeded if the tiles, or the pairs of points and tiles that they touch, need more than `memoryLimit()`; nothing changed
 /// \par Source  kernels: linear and quadratic B-splines. Points are added in their order, so results do not depend on the threads
 template <class Kernel>
 TILEGRID_API bool splatPoints(float radius, float minRadiusVoxels, float maxRadiusVoxels, float scale, int depthCount, bool normalize,

@@ -36,11 +36,12 @@ struct Settings {
     {
     }
     /// Radius of a point in finest voxels.
-    double reach(float own, double voxelSize) const
+    /// \param widest  of tile space, in the same; no radius is larger
+    double reach(float own, double voxelSize, double widest) const
     {
         double voxels = radius * own / voxelSize;
-        if (!(voxels > 0) || (std::isinf(voxels) && std::isinf(maxVoxels))) voxels = 1;
-        return std::clamp(voxels, minVoxels, maxVoxels);
+        if (!(voxels > 0)) voxels = 1;
+        return std::min(std::clamp(voxels, minVoxels, maxVoxels), widest);
     }
 };
 
@@ -76,13 +77,20 @@ struct Footprint {
         for (int axis = 0; axis < 3 && depth >= 0; ++axis) product *= double(last[axis]) - first[axis] + 1;
         return product;
     }
+    /// Tiles of W^3 sites that have some of them.
+    double tiles(int W) const
+    {
+        double product = depth < 0 ? 0 : 1;
+        for (int axis = 0; axis < 3 && depth >= 0; ++axis) product *= double(last[axis] / W) - double(first[axis] / W) + 1;
+        return product;
+    }
 };
 
 /// \param own  the point's own factor on the radius
 template <class Tr> Footprint footprintOf(Settings const& settings, float3 const& world, float own, double voxelSize, float3 const& offset)
 {
     Footprint result;
-    const double voxels = settings.reach(own, voxelSize);
+    const double voxels = settings.reach(own, voxelSize, double(Tr::rangeMax) - Tr::rangeMin + 1);
     int up = 0;
     for (double r = voxels / 2; up < std::min(settings.depthCount - 1, Tr::maxDepth) && r >= Tr::branching; r /= Tr::branching) ++up;
     const int depth = Tr::maxDepth - up;
@@ -111,6 +119,7 @@ public:
         friend auto operator<=>(Key const&, Key const&) = default;
     };
     TileKeys() : table_(1 << 12) {}
+    std::size_t size() const { return count_; }
     void insert(Key const& key)
     {
         // Points come in groups.

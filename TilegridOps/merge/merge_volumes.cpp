@@ -5,6 +5,7 @@
 #include "TilegridOps/substrate/channel_report.h"
 #include "TilegridOps/substrate/commands.h"
 #include "TilegridOps/substrate/grading.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/traversal.h"
 
 #include <iostream>
@@ -136,9 +137,12 @@ void mergeVolumesIntoOutput(NativeVolumes const& volumes, MergeModes const& mode
     auto tree = output.extractComponent<Container<Tr>>(sVoxelTileTree);
     auto topology = output.extractComponent<VoxelTopology<Tr>>(sVoxelComp);
     if (CoreGL::Logger::verboseLevel() > 1) std::cout << "containerOut.voxelCount() = " << tree->voxelCount(-1) << std::endl;
-    const bool refined = adaptive && hasLevelSet && refineTopologyAdaptively(volumes, modes.levelSet, maxError, *topology, *tree, services);
-    if (!refined) refineTopologyUniformly(volumes, *tree, services);
-    if (refined && graded) CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, nullptr, nullptr, 0, Tr::maxDepth);
+    {
+        const TileBudget<Tr> budget(*tree, tileBytes<Tr>(output));
+        const bool refined = adaptive && hasLevelSet && refineTopologyAdaptively(volumes, modes.levelSet, maxError, *topology, *tree, services);
+        if (!refined) refineTopologyUniformly(volumes, *tree, services);
+        if (refined && graded) CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, nullptr, nullptr, 0, Tr::maxDepth);
+    }
     topology->update(*tree);
     updateTilesAdded(*topology, output);
     fillChannels(volumes, modes, *tree, *topology, output, services);

@@ -3,6 +3,7 @@
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/host/ost_object.h"
 #include "TilegridOps/substrate/channel_services.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/topology.h"
 
 #include <cstdlib>
@@ -58,11 +59,20 @@ void checkVolume([[maybe_unused]] OST::Object const& volume, [[maybe_unused]] st
 
 void guarded(NodeSpec const& row, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled)
 {
+    const auto limited = [&] {
+        const MemoryLimit limit(services.memoryLimit());
+        try {
+            work();
+        } catch (MemoryExceeded const& error) {
+            services.logError(memoryMessage(error));
+            cancelled();
+        }
+    };
     try {
         if (services.job() && services.job() != Job::current())
-            parallel::runJob(services.job(), 0, work);
+            parallel::runJob(services.job(), 0, limited);
         else
-            work();
+            limited();
     } catch (std::exception const& error) {
         if (!(String(error.what()) == OST::exceptionMessage)) throw;
         parallel::cancelCurrentGroup();

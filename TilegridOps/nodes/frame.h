@@ -20,8 +20,9 @@ inline bool countsAsZero(float x)
     return !(std::fabs(x) > kZeroTolerance);
 }
 
-/// Runs `work` under the job of the services. A cancellation that surfaces as an exception ends here: the task group and
-/// the host are told, and `cancelled` restores the outputs. Every other exception passes through.
+/// Runs `work` under the job and the memory limit of the services. A cancellation that surfaces as an exception ends here: the
+/// task group and the host are told, and `cancelled` restores the outputs. So does a result that would need too much memory:
+/// that is an error for the user, and the outputs are those of a cancellation. Every other exception passes through.
 void guarded(NodeSpec const& row, Corvid::RuntimeServices const& services, FunctionRef<void()> work, FunctionRef<void()> cancelled);
 
 /// Whether the object is what the node asks for; one error message if not.

@@ -5,6 +5,7 @@
 #include "TilegridOps/substrate/commands.h"
 #include "TilegridOps/substrate/grading.h"
 #include "TilegridOps/substrate/initialize_tile_data.h"
+#include "TilegridOps/substrate/memory_budget.h"
 
 namespace Geometry::Volume {
 
@@ -22,10 +23,13 @@ template <class Tr> void gradeVolume(OST::Object& volume)
     if (!tree) return;
     if (auto topology = volume.extractComponent<VoxelTopology<Tr>>(sVoxelComp)) {
         TileList<Tr> added;
-        CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, &added, nullptr, 0, Tr::maxDepth);
+        {
+            const tilegrid::TileBudget<Tr> budget(*tree, tilegrid::tileBytes<Tr>(volume));
+            CoreGL::TileTree3D::gradeTileTree<Tr>(*tree, &added, nullptr, 0, Tr::maxDepth);
+        }
         topology->update(*tree);
         updateTilesAdded(*topology, volume);
-        initializeTileData(*tree, added, volume);
+        initializeTileData(*tree, added, volume, topology->offsetType());
         tree->precomputeTileNeighbors();
         volume.putComponent(std::move(topology));
     }

@@ -1,6 +1,7 @@
 #include "TilegridOps/substrate/container.h"
 
 #include "TilegridOps/substrate/accessor.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/traversal.h"
 
 #include <algorithm>
@@ -228,9 +229,21 @@ template <class Tr> void Container<Tr>::tilesChanged(bool updateLookup)
     if (updateLookup) lookup();
 }
 
+template <class Tr> void Container<Tr>::limitTiles(int64 most, double bytesPerTile)
+{
+    mostTiles_ = most;
+    bytesPerTile_ = bytesPerTile;
+    tilesLeft_ = most == kNoLimit ? most : most - tileCount(-1);
+}
+
+template <class Tr> void Container<Tr>::refuseTiles() const
+{
+    throw tilegrid::MemoryExceeded((double(mostTiles_) + 1) * bytesPerTile_);
+}
+
 template <class Tr> void Container<Tr>::checkCapacity(int64 tiles) const
 {
-    if (tiles > kMostTilesPerDepth) throw std::length_error("A depth of a tile tree can hold 1073741824 tiles at the most.");
+    if (tiles >= kMostTilesPerDepth) throw std::length_error("A depth of a tile tree can hold 1073741824 tiles at the most.");
 }
 
 template <class Tr> int64& Container<Tr>::childEntry(TreeIndex const& parent, int cell)
@@ -243,7 +256,8 @@ template <class Tr> int64& Container<Tr>::childEntry(TreeIndex const& parent, in
 
 template <class Tr> TreeIndex Container<Tr>::addRoot(int3 const& corner, int depth)
 {
-    checkCapacity(tileCount(depth) + 1);
+    checkCapacity(tileCount(depth));
+    countTile();
     Tile tile;
     tile.tijk_ = corner;
     tile.depth_ = depth;
@@ -257,7 +271,8 @@ template <class Tr> TreeIndex Container<Tr>::addRoot(int3 const& corner, int dep
 template <class Tr> TreeIndex Container<Tr>::addChild(TreeIndex const& parent, int cell)
 {
     const int depth = parent.depth + 1;
-    checkCapacity(tileCount(depth) + 1);
+    checkCapacity(tileCount(depth));
+    countTile();
     Tile child;
     child.tijk_ = tile(parent).childTIJK(cubeIndex(Tr::branching, cell));
     child.depth_ = depth;
@@ -293,9 +308,11 @@ template <class Tr> void Container<Tr>::refine(Container const& other, TilesAdde
 {
     if (&other == this) return;
     if (empty() && !tilesAdded) {
+        checkLimit(other.tileCount(-1));
         Container copy(other);
         level_.swap(copy.level_);
         roots_.swap(copy.roots_);
+        limitTiles(mostTiles_, bytesPerTile_);
         return tilesChanged(updateLookup);
     }
     // Level by level: `here[n]` is the index in this tree of the other's tile n one depth above.
@@ -368,6 +385,7 @@ template <class Tr> void Container<Tr>::removeTiles(std::vector<std::vector<int6
         }
         level_[depth] = std::move(kept);
     }
+    limitTiles(mostTiles_, bytesPerTile_);
     tilesChanged(updateLookup);
 }
 
@@ -411,6 +429,7 @@ template <class Tr> Container<Tr>* Container<Tr>::threadLocalContainer(int) cons
 {
     auto container = std::make_unique<Container>(name(), voxelSize_);
     container->isPrivate_ = true;
+    container->limitTiles(mostTiles_, bytesPerTile_);
     return container.release();
 }
 

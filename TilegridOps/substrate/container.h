@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -127,6 +128,10 @@ public:
     float maxRelativeRefinementError() const { return maxRelativeRefinementError_; }
     void setMaxRelativeRefinementError(float error) { maxRelativeRefinementError_ = error; }
 
+    /// From here on growth beyond that many tiles throws `tilegrid::MemoryExceeded`, for a tile that takes `bytesPerTile`; see
+    /// `TileBudget`. Private containers take the limit over, copies do not.
+    void limitTiles(int64 most, double bytesPerTile);
+
     // Space
     /// Box of all tiles of the deepest depth in use, inclusive; empty box for an empty tree.
     void tileSpaceBounds(Ostara::Math::bbox<int3, int>& box) const;
@@ -235,6 +240,7 @@ protected:
     TreeIndex addTile(VoxelCoord const& place, TreeIndex hint = {});
 
 private:
+    static constexpr int64 kNoLimit = std::numeric_limits<int64>::max();
     struct Level {
         tilegrid::Slab<Tile> tiles;
         ChildTableArena<Tr::childCount> tables;
@@ -243,7 +249,19 @@ private:
     TreeIndex addChild(TreeIndex const& parent, int cell);
     /// Entry of a parent's child table, which the parent gets if it has none.
     int64& childEntry(TreeIndex const& parent, int cell);
+    /// Before a tile is added to a depth that has `tiles` now.
     void checkCapacity(int64 tiles) const;
+    /// Throws if the limit does not hold that many tiles more.
+    void checkLimit(int64 more) const
+    {
+        if (more > tilesLeft_) refuseTiles();
+    }
+    [[noreturn]] void refuseTiles() const;
+    void countTile()
+    {
+        checkLimit(1);
+        if (tilesLeft_ != kNoLimit) --tilesLeft_;
+    }
     /// After a change of tiles: the lookup follows now, or at its next use.
     void tilesChanged(bool updateLookup);
 
@@ -259,6 +277,10 @@ private:
     TileNeighbors<Tr> neighbors_;
     HighNeighbors<Tr> highNeighbors_;
     bool isPrivate_ = false;
+    /// Tiles that may still be added, counted down as they are, while there is a limit.
+    int64 tilesLeft_ = kNoLimit;
+    int64 mostTiles_ = kNoLimit;
+    double bytesPerTile_ = 0;
 };
 
 extern template class Container<BinaryTraits>;

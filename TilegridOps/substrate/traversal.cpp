@@ -226,6 +226,7 @@ private:
     {
         Tile const& tile = tileOf(parent, depth);
         if (tile.childIndex(cell) >= 0) return {tile.childIndex(cell), -1};
+        tree_.checkLimit(++added_);
         NewTile added{Tile(), parent.old, parent.added, cell};
         added.tile.tijk_ = tile.childTIJK(cubeIndex(Tr::branching, cell));
         added.tile.depth_ = depth + 1;
@@ -295,6 +296,8 @@ private:
         return none;
     }();
     std::vector<Mask> wanted_;
+    /// Tiles to add, of all depths.
+    int64 added_ = 0;
 };
 
 template <class Tr>

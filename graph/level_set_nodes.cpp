@@ -5,7 +5,6 @@
 #include "TilegridOps/substrate/container.h"
 #include "graph/node_families.h"
 #include "io/error.h"
-#include "io/text.h"
 
 namespace tilegrid::graph {
 
@@ -41,27 +40,12 @@ Result runRebuild(StepContext& step)
     return {{volume.name, std::move(output)}};
 }
 
-/// Bytes that a band of that width needs at the finest depth in use, roughly: what is there, in the ratio of the widths.
-template <class Tr> double bandBytes(io::NamedVolume const& volume, double bandwidth)
-{
-    const auto tree = volume.volume->native()->template component<Container<Tr>>(sVoxelTileTree);
-    // Values, flags, what the wave knows and its neighbour table; a band has tiles at both of its ends at least.
-    constexpr double kBytesPerVoxel = 24;
-    return double(tree->voxelDataCount(tree->deepestDepth())) * kBytesPerVoxel * std::max(1.0, 2 * bandwidth / (2 * Tr::width));
-}
-
 Result runResize(StepContext& step)
 {
     io::NamedVolume& volume = step.volume();
     requireFloats(volume, sVoxelSignedDistance.str());
-    const double bandwidth = step.arguments.number("bandwidth");
-    double bytes = 0;
-    if (hasStructure<BinaryTraits>(volume)) bytes = bandBytes<BinaryTraits>(volume, bandwidth);
-    if (hasStructure<QuinaryTraits>(volume)) bytes = bandBytes<QuinaryTraits>(volume, bandwidth);
-    if (step.maxBytes && bytes > double(step.maxBytes))
-        throw io::InputError("a band of " + shortest(bandwidth) + " voxels needs about " + io::byteText(bytes) + ", more than is allowed.");
     Ptr<Object> output;
-    Geometry::Volume::resize_level_set(std::move(volume.volume), float(bandwidth), output, step.services);
+    Geometry::Volume::resize_level_set(std::move(volume.volume), float(step.arguments.number("bandwidth")), output, step.services);
     return {{volume.name, std::move(output)}};
 }
 

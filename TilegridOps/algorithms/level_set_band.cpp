@@ -1,7 +1,9 @@
 #include "TilegridOps/algorithms/level_set_band.h"
 
+#include "TilegridOps/algorithms/new_voxel_sides.h"
 #include "TilegridOps/algorithms/tile_directions.h"
 #include "TilegridOps/substrate/accessor.h"
+#include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/parallel.h"
 
 #include <atomic>
@@ -15,8 +17,16 @@ using OST::int64;
 namespace {
 
 constexpr int64 kTilesAtOnce = 64;
-/// From one voxel to the next across a corner.
-constexpr double kDiagonal = 1.7320508075688772;
+constexpr double kDiagonal = kVoxelDiagonal;
+
+/// Volume of an eighth of a ball of radius 1.
+constexpr double kBallEighth = 0.5235987755982988;
+
+/// The half width that is meant, in voxels: one at least, and no wider than tile space.
+template <class Tr> double bandVoxels(BandTarget const& target)
+{
+    return std::clamp(double(target.band), 1.0, double(Tr::rangeMax) - Tr::rangeMin + 1);
+}
 
 /// The six directions across a face.
 constexpr std::uint32_t kFaces = 1u << 4 | 1u << 10 | 1u << 12 | 1u << 14 | 1u << 16 | 1u << 22;
@@ -96,16 +106,36 @@ std::uint32_t LevelSetBand<Tr>::missingDirections(int64 n, int depth, double low
     return missing & seen;
 }
 
-template <class Tr> void LevelSetBand<Tr>::grow(BandTarget const& target)
+/// Refuses a band that cannot fit before any of it is made: where the surface has one depth, a ball as wide as the band lies
+/// around each of its points, and at least an eighth of the ball inside tile space.
+template <class Tr> void LevelSetBand<Tr>::checkBall(BandTarget const& target, double bytesPerTile) const
+{
+    int depths = 0, depth = 0;
+    for (int d = 0; d <= tree_.deepestDepth(); ++d)
+        if (surface_.inDepth(d)) ++depths, depth = d;
+    if (depths != 1) return;
+    const double width = Tr::tileVoxelWidth(depth), halfSpace = (double(Tr::rangeMax) - Tr::rangeMin) / 2;
+    const double radius = bandVoxels<Tr>(target) * Tr::voxelDataWidth(depth) + std::max(target.high, 0.0f) / voxelSize_;
+    // Tiles that lie within it wholly.
+    const double tiles = std::max(std::min(radius, halfSpace) / width - kDiagonal, 0.0);
+    checkMemory(kBallEighth * tiles * tiles * tiles * bytesPerTile);
+}
+
+template <class Tr> void LevelSetBand<Tr>::grow(BandTarget const& target, double objectBytes)
 {
     const double low = std::min(target.low, 0.0f) / voxelSize_, high = std::max(target.high, 0.0f) / voxelSize_;
+    // The copy and the wave here, and once more when distances are written.
+    const double waveBytes = tileRecordBytes<Tr>() + double(sizeof(std::int32_t) * (Tr::voxelCount + 27));
+    const double bytesPerTile = objectBytes + 2 * waveBytes;
+    checkBall(target, bytesPerTile);
+    const TileBudget<Tr> budget(copy_, bytesPerTile);
     for (bool grown = true; grown;) {
         grown = false;
         auto accessor = copy_.tileAccessor();
         for (int depth = 0; depth <= tree_.deepestDepth(); ++depth) {
             if (!surface_.inDepth(depth)) continue;
             // A place of a tile to come lies within a diagonal of a voxel beside it that is nearer to the surface.
-            const double margin = (std::max(target.band, 1.0f) + 2 * kDiagonal) * Tr::voxelDataWidth(depth);
+            const double margin = (bandVoxels<Tr>(target) + 2 * kDiagonal) * Tr::voxelDataWidth(depth);
             const int64 tiles = wave_.tileCount(depth);
             std::vector<std::uint32_t> wanted(static_cast<std::size_t>(tiles));
             parallel::loop(0, tiles, kTilesAtOnce, [&](int64 begin, int64 end) {
@@ -156,7 +186,7 @@ template <class Tr> void LevelSetBand<Tr>::collect(BandTarget const& target, boo
     const double low = target.low / voxelSize_, high = target.high / voxelSize_;
     auto accessor = wanted.tileAccessor();
     for (int depth = 0; depth <= tree_.deepestDepth(); ++depth) {
-        const double w = Tr::voxelDataWidth(depth), band = (std::max(target.band, 1.0f) + kDiagonal) * w;
+        const double w = Tr::voxelDataWidth(depth), band = (bandVoxels<Tr>(target) + target.margin) * w, near = target.near * w;
         const int64 tiles = copy_.tileCount(depth);
         std::vector<std::uint8_t> verdict(static_cast<std::size_t>(tiles));
         parallel::loop(0, tiles, kTilesAtOnce, [&](int64 begin, int64 end) {
@@ -166,7 +196,7 @@ template <class Tr> void LevelSetBand<Tr>::collect(BandTarget const& target, boo
                 forVoxels(n, depth, [&](int, double d, bool ofDepth) {
                     ofSurface |= ofDepth;
                     sees |= ofDepth && d >= low - band && d <= high + band;
-                    passed |= ofDepth && d >= low - w && d <= high + w;
+                    passed |= ofDepth && d >= low - near && d <= high + near;
                 });
                 const bool keep = sees || (old && (keepAll || (!ofSurface && tree_.tile(n, depth).isLeaf())));
                 verdict[std::size_t(n)] = std::uint8_t((keep ? kKeep : 0) | (passed ? kPassed : 0));
@@ -204,18 +234,28 @@ template <class Tr> void LevelSetBand<Tr>::writeDistances(Container const& tree,
         });
     }
     wave.extend();
-    for (int depth = std::max(channel.minDepth(), 0); depth <= std::min(last, channel.depth()); ++depth)
+    for (int depth = std::max(channel.minDepth(), 0); depth <= std::min(last, channel.depth()); ++depth) {
+        NewVoxelSides<Tr> sides(channel, depth, wave.neighbors(depth), isOld[std::size_t(depth)], Tr::voxelDataWidth(depth) * voxelSize_);
         parallel::loop(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {
             const SurfaceDistances<Tr> distances(tree, voxelOffset(offset_), surface_, wave);
             for (int64 n = begin; n < end; ++n) {
                 float* values = channel.tileData(n, depth).data();
                 std::int32_t const* payloads = wave.payloads(n, depth);
-                float const* old = isOld[std::size_t(depth)][std::size_t(n)] ? values : nullptr;
-                for (int v = 0; v < Tr::voxelCount; ++v)
-                    if (payloads[v] != Wave<Tr>::kNone)
-                        values[v] = float(signedDistance(distances, tree.tile(n, depth), v, payloads[v], old) * voxelSize_);
+                const bool old = isOld[std::size_t(depth)][std::size_t(n)];
+                for (int v = 0; v < Tr::voxelCount; ++v) {
+                    // What the wave does not reach keeps its value, and a new voxel so its parent's side.
+                    if (payloads[v] == Wave<Tr>::kNone) {
+                        if (!old) sides.setTangentSide(n, v, values[v] < 0), values[v] = std::fabs(values[v]);
+                        continue;
+                    }
+                    const double signedOne = signedDistance(distances, tree.tile(n, depth), v, payloads[v], old ? values : nullptr);
+                    if (!old) sides.setTangentSide(n, v, signedOne < 0);
+                    values[v] = float((old ? signedOne : std::fabs(signedOne)) * voxelSize_);
+                }
             }
         });
+        sides.write();
+    }
 }
 
 template class LevelSetBand<BinaryTraits>;

@@ -31,16 +31,17 @@ void offset(float offset, bool adaptTopology, OST::Object& object, Corvid::Strin
             Corvid::String const& property, Corvid::String const& maskName, Geometry::Volume::Sampler<float> const* maskSampler,
             Geometry::Volume::SamplerInterpretation maskInterpretation, int quality, Logger const& logger, Corvid::String const& timerPrefix);
 
-/// Gives the surface of a level set a band of tiles of a width: afterwards the tiles at its depth are those with a voxel within
-/// max(bandwidth, 1) voxels and a voxel's diagonal of it, the 26 neighbours of those it passes, and what grading needs if the
-/// tree was graded. Other tiles at that depth are removed, with ancestors that nothing else needs. Every voxel gets its true
-/// distance, in the band or not.
+/// Gives the surface of a level set a band of tiles of a width: afterwards every voxel at its depth within max(bandwidth, 1)
+/// voxels of it has a tile, and so have the 26 neighbours of the tiles that it passes, and what grading needs if the tree was
+/// graded. Other tiles at that depth without a voxel within a diagonal more are removed, with ancestors that nothing else needs.
+/// A volume whose tiles are so keeps them all. Every voxel gets its true distance, in the band or not.
 ///
-/// \param bandwidth  half width, in voxels of the depth that the surface has there; NaN counts as 0
-/// Nothing happens for an infinite bandwidth, or a voxel size that is not above 0 and finite.
+/// \param bandwidth  half width, in voxels of the depth that the surface has there; NaN counts as 0, infinite as the width of
+///                   tile space
+/// Nothing happens for a voxel size that is not above 0 and finite.
 /// Without a crossing the logger gets a warning, without the property an error, and nothing changes. A second call changes no
 /// tile. Both structures, whichever the object has.
-/// \throws as above
+/// \throws as above; MemoryExceeded if the band needs more than `memoryLimit()`
 template <class Logger>
 void resize(float bandwidth, OST::Object& object, Corvid::String const& treeName, Corvid::String const& topologyName,
             Corvid::String const& property, Logger const& logger);

@@ -2,6 +2,7 @@
 #include "TilegridOps/algorithms/level_set_edit.h"
 #include "TilegridOps/algorithms/level_set_parts.h"
 #include "TilegridOps/algorithms/level_set_tiles.h"
+#include "TilegridOps/algorithms/nan_sides.h"
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/grading.h"
@@ -106,6 +107,7 @@ template <class Tr, class Logger> struct Offset {
     void run()
     {
         auto dofs = parts.dofs();
+        tilegrid::giveNansSides<Tr>(*parts.tree, *parts.levelSet);
         auto band = std::make_unique<LevelSetBand<Tr>>(*parts.tree, *parts.topology, *parts.levelSet, &dofs);
         if (!band->hasSurface()) {
             logger.warn("Level set has no surface after offset.");
@@ -130,7 +132,7 @@ private:
         const auto timer = CoreGL::Logger::timer(prefix + "adapt_topology", nullptr);
         // A mask holds some places back: the surface may end up anywhere on the way.
         const tilegrid::BandTarget target{masked ? std::min(distance, 0.0f) : distance, masked ? std::max(distance, 0.0f) : distance, kBand};
-        band.grow(target);
+        band.grow(target, parts.bytesPerTile());
         if (!masked && !band.passes(distance)) return;
         const bool mayRemove = !(parts.tree->maxRelativeRefinementError() > 0);
         Container<Tr> wanted("wanted", parts.tree->voxelSize());

@@ -2,6 +2,7 @@
 #include "TilegridOps/algorithms/redistance.h"
 #include "TilegridOps/host/ost_object.h"
 #include "TilegridOps/host/property_names.h"
+#include "TilegridOps/substrate/memory_budget.h"
 
 #include <cfloat>
 
@@ -58,6 +59,8 @@ public:
         object_.putComponent(std::move(topology));
         object_.putComponent(std::move(tree));
     }
+    /// What the object holds for a tile, with the parts that are taken out of it.
+    double bytesPerTile() const { return tileBytes<Tr>(object_) + double(Tr::voxelCount * sizeof(float)); }
     Dofs dofs() const { return dofsOf<Tr>(*tree, *topology); }
     void redistance(Dofs const& flags, Corvid::String const& timer) { redistanceAll<Tr>(*tree, *topology, *levelSet, flags, timer); }
 

@@ -1,5 +1,6 @@
 #include "TilegridOps/algorithms/redistance.h"
 
+#include "TilegridOps/algorithms/nan_sides.h"
 #include "TilegridOps/algorithms/surface_distance.h"
 #include "TilegridOps/host/logger.h"
 #include "TilegridOps/substrate/dependent_values.h"
@@ -69,7 +70,7 @@ template <class Tr> struct Redistance {
     void pushAway();
 };
 
-/// Whether leaf voxels of both signs exist. One that is not negative counts as positive, a NaN too.
+/// Whether leaf voxels of both signs exist. One that is not negative counts as positive.
 template <class Tr> bool Redistance<Tr>::hasBothSigns() const
 {
     using Tile = typename Container<Tr>::Tile;
@@ -221,6 +222,10 @@ void levelSetRedistance(Container<Tr> const& container, VoxelTopology<Tr> const&
 
     Redistance<Tr> call{container, levelSet, topology.offsetType(), resetFar,  resetCrossing,         keepSigns,
                         unsignedResult, minDepth, maxDepth, blockField, mask, limitFrom(maxOutside), limitFrom(maxInside), {}, {}};
+    tilegrid::giveNansSides<Tr>(container, levelSet, minDepth, maxDepth, [&](int64 n, int depth, int v) {
+        const auto flags = mask ? mask->tileData(n, depth) : TileData<unsigned char, Tr::width, 0>();
+        return call.isBlocked(n, depth, v) || (flags && flags(v) == 0);
+    });
     if (call.hasBothSigns()) {
         // Hanging voxels and those above children are read as neighbours, so they have to agree with what they depend on.
         if (restoreDependents && dof) restoreDependentValues(container, levelSet, topology.offsetType(), *dof, minDepth, maxDepth);

@@ -17,8 +17,8 @@ enum class RedistancingScheme : int { kClosestPoint = 0 };
 /// distance, and jumps of depth need no care. Without any crossing nothing is changed (but see `blockField`). Hanging voxels are no
 /// distances but follow from the depth above; in a tree that is not graded they may lie many voxels off.
 ///
-/// \param levelSet     rewritten in place. NaN and infinite voxels cross nothing, count as positive or by the sign of the infinity,
-///                     and are rewritten
+/// \param levelSet     rewritten in place. NaN voxels first get the side of most of their finite neighbours (`giveNansSides`), whether
+///                     anything is crossed or not; infinite ones cross nothing and count by their sign
 /// \param resetFar     for voxels that are not next to the crossing: true rewrites all; false keeps, bit for bit, what has the
 ///                     right sign and differs by at most 0.02 voxels from the new distance
 /// \param resetCrossing  the same for voxels next to the crossing

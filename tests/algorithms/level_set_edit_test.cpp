@@ -269,16 +269,17 @@ TYPED_TEST(LevelSetEdit, what_is_missing_is_said)
     EXPECT_EQ(this->resize(*full, 1), (Messages::List{{Severity::kWarning, "Level set has no surface to resize."}}));
 }
 
-/// The finest tiles with a voxel within max(band, 1) and a diagonal of the surface, the neighbours of those that it passes
-/// within a voxel, and all ancestors. Tiles within `slack` of either limit go to `doubtful`.
+/// The finest tiles with a voxel within max(band, 1) of the surface, the neighbours of those that it passes within half a voxel,
+/// and all ancestors. Tiles within a diagonal more, or neighbours of those within one and a half voxels, go to `doubtful`: a
+/// volume may have them. Both limits may be off by `slack`.
 template <class Tr> TileSet<Tr> resizedSet(Field const& field, double band, double slack, std::set<TileKey>& doubtful)
 {
-    const double limit = std::max(band, 1.0) + std::sqrt(3.0);
+    const double limit = std::max(band, 1.0);
     TileSet<Tr> wanted;
-    const auto outer = bandSet<Tr>(field, limit + slack, 32), inner = bandSet<Tr>(field, limit - slack, 32);
+    const auto outer = bandSet<Tr>(field, limit + std::sqrt(3.0) + slack, 32), inner = bandSet<Tr>(field, limit - slack, 32);
     doubtful = outer.tiles();
     wanted = inner;
-    for (double reach : {1 + slack, 1 - slack}) {
+    for (double reach : {1.5 + slack, 0.5 - slack}) {
         const auto passed = bandSet<Tr>(field, reach, 32);
         for (TileKey const& key : passed.tiles())
             for (int n = 0; key.depth == Tr::maxDepth && n < 27; ++n) {

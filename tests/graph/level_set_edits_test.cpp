@@ -122,7 +122,7 @@ TEST(ResizeStep, wants_a_level_set_and_a_width_that_fits_memory)
 {
     EXPECT_TRUE(contains(errorOf<UsageError>([] { planOf(sphereThen({"resize_level_set"})); }), "'bandwidth' is missing"));
     EXPECT_TRUE(contains(complaint<io::InputError>({"create_empty_volume", "1", "!", "resize_level_set", "3"}), "no property 'voxel_signed_distance'"));
-    EXPECT_TRUE(contains(complaint<io::InputError>(sphereThen({"resize_level_set", "1e6"})), "more than is allowed"));
+    EXPECT_TRUE(contains(complaint<io::InputError>(sphereThen({"resize_level_set", "1e6"})), "--max-memory"));
 }
 
 TEST(VoxelSizeStep, scales_the_volume_and_keeps_values)

@@ -17,7 +17,7 @@ void changeTiles(Container<Tr>& tree, VoxelTopology<Tr>& topology, OST::Object& 
     tree.refine(wanted, &added, /*updateLookup*/ true);
     topology.update(tree);
     updateTilesAdded(topology, object);
-    initializeTileData(tree, added, object);
+    initializeTileData(tree, added, object, topology.offsetType());
     if (removeOthers) {
         std::vector<std::vector<int64>> others(Tr::levels);
         const auto accessor = wanted.tileAccessor();

@@ -1,8 +1,10 @@
 #include "TilegridOps/substrate/initialize_tile_data.h"
 
+#include "TilegridOps/host/property_names.h"
 #include "TilegridOps/substrate/coarse_read.h"
 #include "TilegridOps/substrate/element_types.h"
 #include "TilegridOps/substrate/parallel.h"
+#include "TilegridOps/substrate/topology.h"
 
 namespace OST::TileTree3D {
 
@@ -96,9 +98,23 @@ void mixTile(SiteReader<Tr, T> const& reader, T* own, TreeIndex const& parent, i
             }
 }
 
+/// The same where the samples of some axes lie in the middle of their voxels: those around a child's are the parent's on both sides.
+template <class Tr, class T>
+void mixTileCentred(SiteReader<Tr, T> const& reader, T* own, TreeIndex const& parent, int3 const& cell)
+{
+    constexpr int W = Tr::width, s = Tr::childStride;
+    const SiteTaps x(W, cell.x * W, 1, s, reader.centred(0)), y(W, cell.y * W, 1, s, reader.centred(1)), z(W, cell.z * W, 1, s, reader.centred(2));
+    T sites[SiteReader<Tr, T>::kBlock];
+    reader.gather(parent, int3(x.low, y.low, z.low), int3(x.count, y.count, z.count), sites);
+    const auto at = [&](int i, int j, int k) -> T const& { return sites[i + x.count * (j + y.count * k)]; };
+    for (int k = 0; k < W; ++k)
+        for (int j = 0; j < W; ++j)
+            for (int i = 0; i < W; ++i) own[reader.voxels().index(i, j, k)] = mixSites<T>(x[i], y[j], z[k], at);
+}
+
 template <class Tr, class T>
 void fillTiles(Container<Tr> const& container, std::vector<int64> const& tiles, int depth, VoxelChannelCore& channel,
-               VoxelView<T> const& voxels, T const& defaultValue)
+               VoxelView<T> const& voxels, T const& defaultValue, VoxelOffsetType offset)
 {
     const bool inject = !tilegrid::canInterpolate<T> || channel.dataElementInitializerType() == kInitializeInject;
     tilegrid::parallel::loop(0, static_cast<int64>(tiles.size()), kGrain, [&](int64 begin, int64 end) {
@@ -113,21 +129,22 @@ void fillTiles(Container<Tr> const& container, std::vector<int64> const& tiles, 
             if (inject) {
                 injectTile<Tr>(voxels, own, parent, cell);
             } else if constexpr (tilegrid::canInterpolate<T>) {
-                mixTile<Tr, T>(SiteReader<Tr, T>(voxels, accessor, kCorner, defaultValue), own, above, cell);
+                const SiteReader<Tr, T> reader(voxels, accessor, offset, defaultValue);
+                offset == kCorner ? mixTile<Tr, T>(reader, own, above, cell) : mixTileCentred<Tr, T>(reader, own, above, cell);
             }
         }
     });
 }
 
 template <class Tr>
-void initialize(Container<Tr> const& container, TileIndices<Tr> const& tiles, VoxelChannelCore& channel)
+void initialize(Container<Tr> const& container, TileIndices<Tr> const& tiles, VoxelChannelCore& channel, VoxelOffsetType offset)
 {
     if (channel.dataElementInitializerType() == kInitializeNone) return;
     const auto attempt = [&]<class T, int N, int H>() {
         auto const* typed = dynamic_cast<Channel<Tr, T, N, H> const*>(&channel);
         if (!typed) return false;
         for (int depth = std::max(channel.minDepth() + 1, 1); depth <= channel.depth(); ++depth)
-            fillTiles<Tr, T>(container, tiles[depth], depth, channel, VoxelView<T>(*typed), typed->defaultValue());
+            fillTiles<Tr, T>(container, tiles[depth], depth, channel, VoxelView<T>(*typed), typed->defaultValue(), offset);
         return true;
     };
     const auto attemptLayouts = [&]<class T>() {
@@ -143,13 +160,20 @@ void initialize(Container<Tr> const& container, TileIndices<Tr> const& tiles, Vo
 }  // namespace
 
 template <class Tr>
-void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, VoxelChannelCore& channel)
+void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, VoxelChannelCore& channel, VoxelOffsetType offset)
 {
-    initialize<Tr>(container, indicesOf<Tr>(container, tilesAdded), channel);
+    initialize<Tr>(container, indicesOf<Tr>(container, tilesAdded), channel, offset);
 }
 
 template <class Tr>
 void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, OST::Object& object)
+{
+    const auto topology = object.component<VoxelTopology<Tr>>(Ostara::Geometry::sVoxelComp);
+    initializeTileData<Tr>(container, tilesAdded, object, topology ? topology->offsetType() : kCorner);
+}
+
+template <class Tr>
+void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tilesAdded, OST::Object& object, VoxelOffsetType offset)
 {
     const TileIndices<Tr> tiles = indicesOf<Tr>(container, tilesAdded);
     if (std::all_of(tiles.begin(), tiles.end(), [](auto const& list) { return list.empty(); })) return;
@@ -161,14 +185,12 @@ void initializeTileData(Container<Tr> const& container, TileList<Tr> const& tile
         };
         if (!changes()) continue;
         auto channel = object.extractComponent<VoxelChannelCore>(name);
-        initialize<Tr>(container, tiles, *channel);
+        initialize<Tr>(container, tiles, *channel, offset);
         object.putComponent(std::move(channel));
     }
 }
 
-template void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&, OST::Object&);
-template void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&, OST::Object&);
-template void initializeTileData(Container<BinaryTraits> const&, TileList<BinaryTraits> const&, VoxelChannelCore&);
-template void initializeTileData(Container<QuinaryTraits> const&, TileList<QuinaryTraits> const&, VoxelChannelCore&);
+TILEGRID_INITIALIZE_TILE_DATA(, BinaryTraits)
+TILEGRID_INITIALIZE_TILE_DATA(, QuinaryTraits)
 
 }  // namespace OST::TileTree3D

@@ -1,4 +1,5 @@
 #include "TilegridOps/algorithms/channel_coarsen.h"
+#include "TilegridOps/algorithms/consistent_values.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/host/property_names.h"
 #include "TilegridOps/nodes/merge_host_volumes.h"
@@ -63,11 +64,14 @@ Corvid::Ptr<Ostara::Object> merge(StepContext& step, HostVolumes const& volumes,
 {
     Corvid::Ptr<Ostara::Object> merged;
     nodes::mergeHostVolumes(volumes, step.arguments.flag("reverse"), choice.parameters, merged, step.services);
-    if (!merged || !merged->native() || !choice.parameters.enableAdaptivity) return merged;
-    // The rule of growth refines some eight voxels to each side of the surface; what lies beyond the band need not be as fine.
+    if (!merged || !merged->native()) return merged;
     auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(merged));
-    VolumeGL::TileTree3D::channelCoarsen(Ostara::Geometry::sVoxelSignedDistance, float(choice.tolerance), 0.0f, /*protectSurface*/ true,
-                                         float(step.arguments.number("band")), *native, "merge.");
+    // The rule of growth refines some eight voxels to each side of the surface; what lies beyond the band need not be as fine.
+    if (choice.parameters.enableAdaptivity)
+        VolumeGL::TileTree3D::channelCoarsen(Ostara::Geometry::sVoxelSignedDistance, float(choice.tolerance), 0.0f, /*protectSurface*/ true,
+                                             float(step.arguments.number("band")), *native, "merge.");
+    // The node leaves voxels above children, and hanging ones, as they were merged, by rounding or more off those that they follow from.
+    makeConsistent(*native);
     return Ostara::Geometry::move_ost_volume_to_object(*native);
 }
 

@@ -1,5 +1,6 @@
 #include "io/check.h"
 
+#include "TilegridOps/algorithms/consistent_values.h"
 #include "TilegridOps/substrate/child_values.h"
 #include "TilegridOps/substrate/dependent_values.h"
 #include "TilegridOps/substrate/grading.h"
@@ -55,9 +56,10 @@ void compareTile(T const* is, T const* wanted, double bound, Counts const& count
         ++check.voxels;
         if (sameBits(is[flat], wanted[flat])) continue;
         const double apart = difference(is[flat], wanted[flat]);
-        check.largest = std::max(check.largest, apart);
         // A negative bound asks for equal bits; zeros of two signs and NaN of two kinds still count as equal.
-        check.wrong += (bound < 0.0 ? apart > 0.0 : apart > bound + rounding) && !excused(flat);
+        if (!(bound < 0.0 ? apart > 0.0 : apart > bound + rounding) || excused(flat)) continue;
+        ++check.wrong;
+        check.largest = std::max(check.largest, apart);
     }
 }
 
@@ -129,7 +131,7 @@ DependentCheck checkHanging(Container<Tr> const& tree, DofChannel<Tr> const& dof
         for (OST::int64 n = 0; n < tree.tileCount(depth); ++n) {
             auto const& tile = tree.tile(n, depth);
             const auto flags = dofs.tileData(n, depth);
-            const auto hangs = [&](int flat) { return flags(flat) & kDofHanging && !touchesHighBorder<Tr>(tile, flat); };
+            const auto hangs = [&](int flat) { return (flags(flat) & (kDofHanging | kDofKeep)) == kDofHanging && !touchesHighBorder<Tr>(tile, flat); };
             T const* values = channel.tileData(n, depth).data();
             const auto excused = [&](int flat) {
                 if constexpr (std::is_same_v<T, float>)
@@ -180,6 +182,7 @@ public:
             dofs_.emplace(Corvid::String(), &none, kInitializeNone, false, true, 0, Tr::maxDepth);
             dofs_->updateTilesAdded(tree_);
             computeDofs(tree_, *dofs_);
+            keepFarHanging(tree_, *dofs_);
         }
         std::vector<PropertyCheck> checks;
         for (std::string const& name : propertyNames<Tr>(native_))

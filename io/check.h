@@ -11,7 +11,7 @@ namespace tilegrid::io {
 /// How a kind of values that follow from others agrees with those.
 struct DependentCheck {
     std::int64_t voxels = 0, wrong = 0;
-    /// Largest difference of a component, among all of them; infinite where a NaN stands on one side only.
+    /// Largest difference of a component among the wrong ones; infinite where a NaN stands on one side only.
     double largest = 0;
 };
 
@@ -21,8 +21,8 @@ struct PropertyCheck {
     /// the middle, the mean of the child's voxels inside them.
     DependentCheck aboveChildren;
     /// Voxels on a low face of their tile against a coarser neighbour. They hold what is interpolated from there, and so is
-    /// what a sampler reads there from both sides. Only for corner samples and types with a fraction, and not where samples
-    /// beyond tile space would take part. `largest` counts distances that are right as distances too.
+    /// what a sampler reads there from both sides. Only for corner samples and types with a fraction, and neither where samples
+    /// beyond tile space would take part nor across more than one depth (`keepFarHanging`), as in a tree that is not graded.
     std::optional<DependentCheck> hanging;
 };
 

@@ -24,8 +24,8 @@ Json jsonOf(DependentCheck const& check)
 
 std::string textOf(DependentCheck const& check, std::string const& what)
 {
-    return std::to_string(check.wrong) + " of " + std::to_string(check.voxels) + " " + what + " wrong (off by "
-        + number(check.largest) + " at most)";
+    return std::to_string(check.wrong) + " of " + std::to_string(check.voxels) + " " + what + " wrong"
+        + (check.wrong > 0 ? " (off by " + number(check.largest) + " at most)" : "");
 }
 
 Json jsonOf(std::vector<GradientCheck> const& gradient)

@@ -16,6 +16,7 @@
 #include "TilegridOps/nodes/query.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "TilegridOps/sampling/field_sampler.h"
+#include "TilegridOps/sampling/voxel_sampler_cubic.h"
 #include "TilegridOps/sampling/voxel_sampler_linear.h"
 #include "TilegridOps/substrate/accessor.h"
 #include "TilegridOps/substrate/channel_services.h"

@@ -32,6 +32,9 @@ private:
 template <class Tr, class T, int N, int H, int = 0>
 class TILEGRID_API Channel final : public std::conditional_t<N == 0, PointChannelCore, VoxelChannelCore> {
     static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= 64);
+    // Two types of 64 bits would be two types of property. Where std::int64_t is `long`, it is not the one that exists.
+    static_assert(!std::is_integral_v<T> || sizeof(T) != sizeof(int64) || std::is_same_v<T, int64> || std::is_same_v<T, uint64>,
+                  "Channels of 64-bit integers hold OST::int64 or OST::uint64, which are long long: write those for std::int64_t and long.");
     using Core = std::conditional_t<N == 0, PointChannelCore, VoxelChannelCore>;
 
 public:

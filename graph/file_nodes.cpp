@@ -61,7 +61,9 @@ Result readMeshFile(StepContext& step)
 
 Result readVolumeFile(StepContext& step)
 {
-    Result volumes = io::readVdb(step.arguments.text("file"), {structureOf(step.arguments), step.maxBytes}, step.services);
+    io::VdbOptions options{.structure = structureOf(step.arguments), .maxBytes = step.maxBytes, .resample = step.arguments.flag("resample")};
+    if (step.arguments.has("voxel")) options.voxelSize = float(step.arguments.length("voxel").value);
+    Result volumes = io::readVdb(step.arguments.text("file"), options, step.services);
     makeNamesDistinct(volumes);
     std::string const& wanted = step.arguments.text("volume");
     if (wanted.empty()) return volumes;
@@ -122,8 +124,11 @@ NodeInfo readNode()
          .streamed = kStreamed},
         formatParameter()};
     std::ranges::move(levelSetParameters(kMeshEndings), std::back_inserter(node.parameters));
+    ParameterInfo& voxel = *std::ranges::find(node.parameters, "voxel", &ParameterInfo::name);
+    voxel.help += "; of a .vdb file, the grids with other voxels are resampled to this size";
+    std::ranges::copy(kVolumeEndings, std::back_inserter(voxel.onlyFor));
     // A .ply file without faces holds points.
-    std::ranges::find(node.parameters, "voxel", &ParameterInfo::name)->optionalFor = {".ply"};
+    voxel.optionalFor = {".ply", ".vdb"};
     const std::vector<ParameterInfo> others = {
         structureParameter(),
         {.name = "scale", .type = ParameterType::kVector, .help = "factor of the mesh about the origin, one or three along x,y,z; before it is turned",
@@ -135,6 +140,10 @@ NodeInfo readNode()
          .onlyFor = kMeshEndings},
         {.name = "attributes", .type = ParameterType::kBool, .help = "whether colours and other values at the vertices of a mesh become properties",
          .defaultText = "true", .onlyFor = kMeshEndings},
+        {.name = "resample", .type = ParameterType::kBool,
+         .help = "whether grids whose voxels are rotated, sheared, scaled by axes or shifted by part of a voxel are resampled to voxels along "
+                 "the axes; their size, without 'voxel', is the shortest edge of those in the file",
+         .defaultText = "no", .onlyFor = kVolumeEndings},
         {.name = "volume", .help = "name of the volume to take, where the file holds several; .2, .3, ... stand behind a name that comes again", .defaultText = "", .onlyFor = kVolumeEndings},
     };
     node.parameters.insert(node.parameters.end(), others.begin(), others.end());

@@ -12,6 +12,7 @@
 #include "io/vdb_levels.h"
 #include "io/points.h"
 #include "io/vdb_points.h"
+#include "io/vdb_resample.h"
 
 #include <openvdb/io/Stream.h>
 
@@ -20,6 +21,7 @@
 #include <cmath>
 #include <filesystem>
 #include <istream>
+#include <limits>
 #include <optional>
 #include <system_error>
 
@@ -85,6 +87,12 @@ std::string propertyNameOf(openvdb::GridBase const& grid, bool isLevelSet)
     return name;
 }
 
+bool sameMap(std::optional<AffineMap> const& a, std::optional<AffineMap> const& b)
+{
+    if (!a || !b) return !a && !b;
+    return std::equal(&a->m[0][0], &a->m[0][0] + 9, &b->m[0][0]) && std::equal(a->t, a->t + 3, b->t);
+}
+
 /// Grids that fit into one volume, in the order of the file.
 std::vector<std::vector<PlacedGrid>> grouped(std::vector<PlacedGrid> const& grids)
 {
@@ -93,6 +101,7 @@ std::vector<std::vector<PlacedGrid>> grouped(std::vector<PlacedGrid> const& grid
         const auto fits = [&grid](std::vector<PlacedGrid> const& group) {
             GridPlacement const& first = group.front().placement;
             if (first.voxelSize != grid.placement.voxelSize || first.centre != grid.placement.centre) return false;
+            if (!sameMap(first.toWorld, grid.placement.toWorld)) return false;
             for (PlacedGrid const& other : group)
                 if (other.property == grid.property) return false;
             return true;
@@ -112,6 +121,16 @@ std::string describe(std::vector<PlacedGrid> const& group)
     for (PlacedGrid const& grid : group) text += (text.empty() ? "'" : ", '") + grid.grid->getName() + "'";
     return text + " (voxel size " + number(group.front().placement.voxelSize)
         + (group.front().placement.centre ? ", at centres)" : ")");
+}
+
+Corvid::Ptr<Ostara::Object> volumeOf(std::vector<PlacedGrid> const& group, VdbOptions const& options, Corvid::RuntimeServices const& services)
+{
+    Corvid::Ptr<Ostara::Object> volume = volumeFromGrids(group, options, services);
+    GridPlacement const& placement = group.front().placement;
+    if (!placement.toWorld) return volume;
+    const float voxelSize = options.voxelSize > 0.0f ? options.voxelSize : placement.voxelSize;
+    services.message(Severity::kInfo, describe(group) + " was resampled to voxels of " + number(voxelSize) + " along the axes");
+    return resampledToWorld(volume, group.front().grid->getName(), *placement.toWorld, voxelSize, options, services);
 }
 
 NamedVolume levelVolume(std::string const& path, openvdb::GridPtrVec const& all, VdbOptions const& options,
@@ -135,39 +154,60 @@ NamedVolume levelVolume(std::string const& path, openvdb::GridPtrVec const& all,
     }
 }
 
-}  // namespace
-
-GridPlacement placementOf(openvdb::GridBase const& grid)
+/// Places a lattice along the axes. \return what is wrong with it, empty for one that tile space can have
+std::string placeOnAxes(openvdb::Mat4d const& m, GridPlacement& placement)
 {
-    auto const& transform = grid.constTransform();
-    if (!transform.isLinear()) refuse(grid, "has a frustum transform: resample it to a uniform scale");
-    const openvdb::Mat4d m = transform.baseMap()->getAffineMap()->getMat4();
     const double h = m(0, 0);
     for (int row = 0; row < 3; ++row)
         for (int column = 0; column < 3; ++column)
-            if (!(std::abs(m(row, column) - (row == column ? h : 0.0)) <= 1e-6 * std::abs(h)))
-                refuse(grid, "is rotated, sheared or scaled by axes: resample it to a uniform scale along the axes");
-    if (!(h > 0.0) || !std::isfinite(static_cast<float>(h)) || static_cast<float>(h) == 0.0f)
-        refuse(grid, "has the voxel size " + number(h) + ": resample it to a positive one");
-    GridPlacement placement;
+            if (!(std::abs(m(row, column) - (row == column ? h : 0.0)) <= 1e-6 * std::abs(h))) return "is rotated, sheared or scaled by axes";
+    if (!(h > 0.0) || !std::isfinite(static_cast<float>(h)) || static_cast<float>(h) == 0.0f) return "has the voxel size " + number(h);
     placement.voxelSize = static_cast<float>(h);
     int halves = 0;
     for (int axis = 0; axis < 3; ++axis) {
         const double t = m(3, axis) / h;
-        if (!(std::abs(t) <= kLargestShift)) refuse(grid, "lies too far from the origin for its voxel size");
+        if (!(std::abs(t) <= kLargestShift)) return "lies too far from the origin for its voxel size";
         const double half = std::round(2.0 * t);
-        if (std::abs(2.0 * t - half) > 2.0 * kTranslationSlack)
-            refuse(grid,
-                   "is shifted by " + number(t)
-                       + " voxels along an axis: resample it to a shift by whole voxels, or by a half "
-                         "voxel on all axes");
+        if (std::abs(2.0 * t - half) > 2.0 * kTranslationSlack) return "is shifted by " + number(t) + " voxels along an axis";
         placement.shift[axis] = static_cast<int>(std::floor(0.5 * half));
         halves += 0.5 * half != std::floor(0.5 * half);
     }
-    if (halves != 0 && halves != 3)
-        refuse(grid, "is shifted by half a voxel on some axes only: resample it to all of them or none");
+    if (halves != 0 && halves != 3) return "is shifted by half a voxel on some axes only";
     placement.centre = halves == 3;
+    return {};
+}
+
+/// Places a lattice of any affine transform in a space of its own, with voxels as wide as its shortest edge.
+GridPlacement placeAskew(openvdb::GridBase const& grid, openvdb::Mat4d const& m)
+{
+    double shortest = std::numeric_limits<double>::infinity();
+    for (int row = 0; row < 3; ++row) shortest = std::min(shortest, std::sqrt(m(row, 0) * m(row, 0) + m(row, 1) * m(row, 1) + m(row, 2) * m(row, 2)));
+    GridPlacement placement;
+    placement.voxelSize = static_cast<float>(shortest);
+    AffineMap map;
+    for (int column = 0; column < 3; ++column) {
+        for (int row = 0; row < 3; ++row) map.m[row][column] = m(row, column) / double(placement.voxelSize);
+        map.t[column] = m(3, column);
+    }
+    if (!(placement.voxelSize > 0.0f) || !std::isfinite(placement.voxelSize) || !map.inverse())
+        refuse(grid, "has a transform without an inverse, or one that is not finite: its voxels have no volume");
+    placement.toWorld = map;
     return placement;
+}
+
+}  // namespace
+
+GridPlacement placementOf(openvdb::GridBase const& grid, VdbOptions const& options)
+{
+    auto const& transform = grid.constTransform();
+    if (!transform.isLinear()) refuse(grid, "has a frustum transform: resample it to a uniform scale");
+    const openvdb::Mat4d m = transform.baseMap()->getAffineMap()->getMat4();
+    GridPlacement placement;
+    const std::string fault = placeOnAxes(m, placement);
+    if (fault.empty() && (options.voxelSize == 0.0f || options.voxelSize == placement.voxelSize)) return placement;
+    if (!options.resample && options.voxelSize == 0.0f)
+        refuse(grid, fault + ": give resample=yes, or voxel=LENGTH, to have it resampled to voxels along the axes");
+    return placeAskew(grid, m);
 }
 
 namespace {
@@ -192,14 +232,14 @@ std::vector<NamedVolume> readVolumes(std::string const& path, VdbOptions const& 
             continue;
         }
         const bool isLevelSet = grid->getGridClass() == openvdb::GRID_LEVEL_SET && grid->isType<openvdb::FloatGrid>();
-        grids.push_back({grid, placementOf(*grid), propertyNameOf(*grid, isLevelSet), isLevelSet});
+        grids.push_back({grid, placementOf(*grid, options), propertyNameOf(*grid, isLevelSet), isLevelSet});
     }
     if (grids.empty() && clouds.empty()) fail(path, "it holds no float, double, vector or integer grid, and no points");
     const auto groups = grouped(grids);
     std::vector<NamedVolume> volumes;
     std::string list;
     for (auto const& group : groups) {
-        volumes.push_back({group.front().grid->getName(), volumeFromGrids(group, options, services)});
+        volumes.push_back({group.front().grid->getName(), volumeOf(group, options, services)});
         list += (list.empty() ? "" : "; ") + describe(group);
     }
     if (groups.size() > 1)

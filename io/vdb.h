@@ -11,6 +11,11 @@ namespace tilegrid::io {
 struct VdbOptions {
     Structure structure = Structure::kBinary;
     std::uint64_t maxBytes = 0;
+    /// Whether grids whose lattice is turned, sheared, mirrored, scaled by axes or shifted by part of a voxel are resampled; else they are
+    /// refused.
+    bool resample = false;
+    /// World size of the voxels of what is resampled, and then every grid with another is; 0: as long as the shortest edge of its voxels.
+    float voxelSize = 0.0f;
 };
 
 /// A volume of a file, with the voxel size that its grids share.
@@ -21,8 +26,10 @@ struct NamedVolume {
 
 /// Reads the float, double, vec3 and int grids of a file as properties; grids of one voxel size and offset share a
 /// volume, others become volumes of their own, with a message that names them. A level-set grid becomes
-/// `voxel_signed_distance`, with true distances at every depth. Accepted: uniform scale with a translation by whole
-/// voxels, or by half a voxel on all axes (samples at cell centres).
+/// `voxel_signed_distance`, with true distances at every depth. Kept as they lie are lattices of uniform scale with a
+/// translation by whole voxels, or by half a voxel on all axes (samples at cell centres). Those of any other affine transform are
+/// resampled if `options` say so, to corner samples along the axes: linearly, level sets to true distances again, vectors with the
+/// components that they have in the file. A frustum is refused.
 ///
 /// The finest tiles are those with an active voxel. Active voxels of a level set keep their bits; all other voxels of
 /// all tiles get the distance to the grid's zero surface with the sign that the grid has there. Other grids: every voxel

@@ -1,5 +1,6 @@
 #pragma once
 // OpenVDB is slow to compile: only the vdb_*.cpp sources include this.
+#include "TilegridOps/algorithms/affine_map.h"
 #include "TilegridOps/host/math.h"
 #include "TilegridOps/substrate/traits.h"
 #include "io/vdb.h"
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -20,10 +22,13 @@ struct GridPlacement {
     float voxelSize = 0.0f;
     bool centre = false;
     openvdb::Coord shift;
+    /// Of a lattice that is to be resampled: from the space in which it lies so, with corner samples, to the world.
+    std::optional<AffineMap> toWorld;
 };
 
-/// \throws InputError with a hint for a transform that is no uniform scale, or has a translation by parts of a voxel
-GridPlacement placementOf(openvdb::GridBase const& grid);
+/// \throws InputError with a hint for a frustum, and unless `options` ask to resample for a transform that is no uniform scale, or has
+///         a translation by parts of a voxel
+GridPlacement placementOf(openvdb::GridBase const& grid, VdbOptions const& options);
 
 /// A grid of a file with where it goes.
 struct PlacedGrid {

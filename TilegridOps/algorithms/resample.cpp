@@ -5,6 +5,7 @@
 #include "TilegridOps/algorithms/level_set_parts.h"
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/commands.h"
+#include "TilegridOps/substrate/grading.h"
 #include "TilegridOps/substrate/memory_budget.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "TilegridOps/substrate/traversal.h"
@@ -145,6 +146,18 @@ void readInto(Container<To> const& tree, float3 const& offset, Request const& re
     }
 }
 
+/// Distances of a surface that was moved. In a tree that is not graded what lies between coarse samples says less of a hanging voxel
+/// than what was read there: nothing counts as hanging then.
+template <class To> void redistanceImage(Container<To> const& tree, VoxelTopology<To> const& topology, Channel<To, float, To::width, 0>& levelSet)
+{
+    Corvid::String const timer = "Volume::resample.redistance";
+    if (!CoreGL::TileTree3D::findGradingFault(tree, 0, To::maxDepth)) return redistanceAll<To>(tree, topology, levelSet, dofsOf<To>(tree, topology), timer);
+    VolumeGL::TileTree3D::LevelSet::levelSetRedistance<To>(tree, topology, levelSet, /*resetFar*/ true, /*resetCrossing*/ true, /*keepSigns*/ true, 0,
+                                                           To::maxDepth, nullptr, nullptr, 1.0f, FLT_MAX, FLT_MAX, 10, 10, /*restoreDependents*/ false,
+                                                           /*unsignedResult*/ false, nullptr, timer,
+                                                           VolumeGL::TileTree3D::LevelSet::RedistancingScheme::kClosestPoint);
+}
+
 /// The property as a channel for the target's tiles; null if the source has none of that name and type.
 template <class From, class To, class T>
 Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, VoxelTopology<To> const& topology, Request const& request,
@@ -180,7 +193,7 @@ Corvid::MutablePtr<OST::Component> carried(Container<To> const& tree, VoxelTopol
     readInto<To, T>(tree, topology.offset(), request, *reader, factor, copied, *made);
     if constexpr (std::is_same_v<T, float>)
         if (distances && !request.placement.toTarget.isSimilarity())
-            redistanceAll<To>(tree, topology, *made, dofsOf<To>(tree, topology), "Volume::resample.redistance");
+            redistanceImage<To>(tree, topology, *made);
     return made;
 }
 

@@ -53,6 +53,38 @@ Words operator+(Words words, Words const& more)
     return words;
 }
 
+/// What `validate` says of a merge, of its file of levels, and of the same with fog; no step fails.
+TEST(Merge, leaves_what_validate_calls_good_also_from_a_file_of_levels)
+{
+    const tilegrid::test::TestFolder folder;
+    const std::string file = folder.file("merged.vdb");
+    for (char const* adaptive : {"adaptive=true", "adaptive=false"})
+        for (char const* voxel : {"voxel=0.03", "voxel=0.04"}) {
+            SCOPED_TRACE(std::string(adaptive) + " " + voxel);
+            // Voxels of the two sizes meet nowhere, so that what lies above children was read from other voxels than these.
+            const Words merge = {"sphere", "radius=1", "voxel=0.05", "as=a", "!", "fog", "a", "keep=yes", "as=f", "!",
+                                 "box", "min=-0.3,-0.3,-0.3", "max=1.2,1.2,1.2", voxel, "as=b", "!", "merge", "b", "f", adaptive, "as=m", "!"};
+            Words checked = merge;
+            for (std::string const& word : {"validate", "m", "!", "write", "m", file.c_str(), "layout=levels"}) checked.push_back(word);
+            const std::string report = outcomeOf(checked).results + outcomeOf({"read", file, "!", "validate"}).results;
+            EXPECT_TRUE(contains(report, "verdict     good")) << report;
+            EXPECT_FALSE(contains(report, "verdict     wrong")) << report;
+            EXPECT_FALSE(contains(report, "off by")) << report;
+        }
+}
+TEST(Validate, calls_a_plain_level_set_from_a_vdb_good_and_tells_no_error_of_what_is_not_wrong)
+{
+    const tilegrid::test::TestFolder folder;
+    for (char const* structure : {"structure=binary", "structure=quinary"}) {
+        const std::string file = folder.file("ball.vdb");
+        outcomeOf({"sphere", "radius=1", "voxel=0.05", "!", "write", file});
+        const std::string report = outcomeOf({"read", file, structure, "!", "validate"}).results;
+        EXPECT_TRUE(contains(report, "verdict     good")) << report;
+        EXPECT_TRUE(contains(report, "hanging voxels wrong\n")) << report;
+        EXPECT_FALSE(contains(report, "off by")) << report;
+    }
+}
+
 TEST(Merge, takes_any_number_of_volumes_and_the_finest_voxel)
 {
     for (Words const& names : {Words{"a", "b"}, Words{"a", "b", "a", "b"}}) {

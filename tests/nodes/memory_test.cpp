@@ -3,6 +3,7 @@
 #include "TilegridOps/nodes/merge.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "support/clusters.h"
+#include "support/field_volumes.h"
 #include "support/jobs.h"
 #include "support/volumes.h"
 
@@ -13,7 +14,8 @@
 namespace tilegrid::test {
 namespace {
 
-using namespace OST::TileTree3D;
+using OST::TileTree3D::Channel;
+using OST::TileTree3D::cubeIndex;
 using namespace Ostara::Geometry;
 using namespace Geometry::Volume;
 
@@ -136,7 +138,7 @@ TYPED_TEST(MemoryLimits, refuse_many_points_that_touch_more_tiles_than_can_be_li
 {
     auto cloud = Corvid::makeMutable<Host>(getPointCloudPrototype());
     cloud->set(sPointPosition, Corvid::Array<float3>(std::size_t(100'000), float3(0.05f)));
-    const HostPtr points = cloud;
+    const HostPtr points(std::move(cloud));
     // Each touches some thousand tiles, the same ones; 8 bytes for each point and tile.
     this->expectRefusal(ball<TypeParam>(), [points](HostPtr input, HostPtr& output, Corvid::RuntimeServices const& services) {
         splat_points_into_volume(std::move(input), *points, false, "q", SplatKernelType::kLinear, 2.5f, 0, 0, 1, 1, output, services);
@@ -173,9 +175,10 @@ TYPED_TEST(MemoryLimits, refuse_a_plain_merge_whose_inputs_are_larger)
     }, kMegabyte / 8);
 }
 
-TYPED_TEST(MemoryLimits, refuse_to_resample_to_voxels_that_no_memory_holds)
+TYPED_TEST(MemoryLimits, refuse_to_resample_to_more_tiles_than_there_is_memory_for)
 {
-    this->expectRefusal(ball<TypeParam>(), resample(1e-4f), 50 * kMegabyte);
+    // The depth with voxels not above those of the volume has some eight times as many tiles as it.
+    this->expectRefusal(ball<TypeParam>(), resample(0.053f), kMegabyte / 8);
     this->expectResult(ball<TypeParam>(), resample(0.07f), 50 * kMegabyte);
 }
 

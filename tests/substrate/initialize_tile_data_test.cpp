@@ -1,6 +1,8 @@
 #include "TilegridOps/substrate/child_values.h"
 #include "TilegridOps/substrate/initialize_tile_data.h"
+#include "TilegridOps/host/property_names.h"
 #include "TilegridOps/substrate/restriction.h"
+#include "TilegridOps/substrate/topology.h"
 #include "support/address_channels.h"
 #include "support/channel_types.h"
 #include "support/jobs.h"
@@ -52,13 +54,13 @@ template <class Tr> VoxelFunction unsetWhereNew(Grown<Tr> const& grown, VoxelFun
 template <class Tr, class T> using Plain = Channel<Tr, T, Tr::width, 0>;
 
 /// Puts a channel into an object, initialises its new tiles with the given type, and takes it out again.
-template <class Tr, class C> C initialised(Grown<Tr> const& grown, C const& channel, int type)
+template <class Tr, class C> C initialised(Grown<Tr> const& grown, C const& channel, int type, VoxelOffsetType offset = kCorner)
 {
     OST::Object object;
     auto copy = Corvid::makeMutable<C>(channel);
     copy->setDataElementInitializerType(static_cast<DataElementInitializerType>(type));
     object.putComponent(std::move(copy));
-    initializeTileData(grown.tree, grown.added, object);
+    initializeTileData(grown.tree, grown.added, object, offset);
     return C(*object.component<C>(channel.name()));
 }
 
@@ -82,31 +84,55 @@ TYPED_TEST(InitializeTileData, reproduces_a_linear_function)
     addBlock(finer, D, 2);
     grown.tree.refine(finer, &grown.added, true);
     ASSERT_GT(grown.added[D - 1].size(), 0u);
-    const auto linear = [&](TileKey const& key, int i, int j, int k) {
-        const int voxel[3] = {i, j, k};
-        double at[3];
-        for (int a = 0; a < 3; ++a)
-            at[a] = static_cast<double>(key.low[a] - centre.low[a])
-                + static_cast<double>(Set::voxelWidth(key.depth)) * voxel[a];
-        return 1 + 2 * at[0] - 3 * at[1] + 5 * at[2];
-    };
-    const auto channel = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, linear), 0.0f);
-    const auto result = initialised(grown, channel, kInitializeLinear);
-    double largest = 0, term = 0;
-    for (int d = D - 1; d <= D; ++d)
-        for (int3 const& corner : grown.added[d]) {
-            const TileKey key{d, toPlace(corner)};
-            const auto values = result.tileData(indexOf(grown.tree, key));
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) {
-                        largest = std::max(largest, std::abs(values(i, j, k) - linear(key, i, j, k)));
-                        term = std::max(term,
-                                        5.0 * std::abs(double(corner.z - centre.low[2]))
-                                            + 5.0 * W * double(Set::voxelWidth(D - 1)));
-                    }
-        }
-    EXPECT_LE(largest, 4 * std::exp2(std::floor(std::log2(term)) - 23));
+    for (VoxelOffsetType offset : {kCorner, kCenter, kEdgeY}) {
+        SCOPED_TRACE("offset " + std::to_string(int(offset)));
+        const auto linear = [&](TileKey const& key, int i, int j, int k) {
+            const int voxel[3] = {i, j, k};
+            double at[3];
+            for (int a = 0; a < 3; ++a)
+                at[a] = static_cast<double>(key.low[a] - centre.low[a])
+                    + static_cast<double>(Set::voxelWidth(key.depth)) * (voxel[a] + (offset >> a & 1 ? 0.0 : 0.5));
+            return 1 + 2 * at[0] - 3 * at[1] + 5 * at[2];
+        };
+        const auto channel = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, linear), 0.0f);
+        const auto result = initialised(grown, channel, kInitializeLinear, offset);
+        double largest = 0, term = 0;
+        for (int d = D - 1; d <= D; ++d)
+            for (int3 const& corner : grown.added[d]) {
+                const TileKey key{d, toPlace(corner)};
+                const auto values = result.tileData(indexOf(grown.tree, key));
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i) {
+                            largest = std::max(largest, std::abs(values(i, j, k) - linear(key, i, j, k)));
+                            term = std::max(term,
+                                            5.0 * std::abs(double(corner.z - centre.low[2]))
+                                                + 5.0 * W * double(Set::voxelWidth(D - 1)));
+                        }
+            }
+        EXPECT_LE(largest, 4 * std::exp2(std::floor(std::log2(term)) - 23));
+    }
+}
+
+TYPED_TEST(InitializeTileData, takes_the_offset_from_the_topology_of_the_object)
+{
+    const Grown<TypeParam> grown(9);
+    const auto start = channelOf<Plain<TypeParam, float>>(grown.tree, unsetWhereNew(grown, noise), 0.5f);
+    for (VoxelOffsetType offset : {kCorner, kCenter}) {
+        OST::Object object;
+        auto topology = Corvid::makeMutable<VoxelTopology<TypeParam>>(Ostara::Geometry::sVoxelComp, offset);
+        topology->update(grown.tree);
+        object.putComponent(std::move(topology));
+        auto copy = Corvid::makeMutable<Plain<TypeParam, float>>(start);
+        copy->setDataElementInitializerType(kInitializeLinear);
+        object.putComponent(std::move(copy));
+        initializeTileData(grown.tree, grown.added, object);
+        const auto told = initialised(grown, start, kInitializeLinear, offset);
+        const auto found = object.component<Plain<TypeParam, float>>(start.name());
+        for (int d = 0; d < TypeParam::levels; ++d)
+            for (int64 n = 0; n < grown.tree.tileCount(d); ++n)
+                ASSERT_EQ(std::memcmp(told.tileData(n, d).data(), found->tileData(n, d).data(), TypeParam::voxelCount * sizeof(float)), 0);
+    }
 }
 
 TYPED_TEST(InitializeTileData, mixes_the_sites_of_the_depth_above_on_random_trees)

@@ -172,7 +172,7 @@ TYPED_TEST(MemoryLimits, refuse_a_plain_merge_whose_inputs_are_larger)
     this->expectRefusal(ball<TypeParam>(), [&](HostPtr input, HostPtr& output, Corvid::RuntimeServices const& services) {
         merge_volumes_internal({input, other}, true, false, LevelSetMode::kUnion, FogDensityMode::kAdd, 0.5f, Properties::Mode::kAutomatic,
                                InterpolationMode::kLinear, /*enable_adaptivity*/ false, 1, 0.01f, AutoSubdivisionStructure::kAutomatic, output, services);
-    }, kMegabyte / 8);
+    }, kMegabyte / 16);
 }
 
 TYPED_TEST(MemoryLimits, refuse_to_resample_to_more_tiles_than_there_is_memory_for)
@@ -184,7 +184,9 @@ TYPED_TEST(MemoryLimits, refuse_to_resample_to_more_tiles_than_there_is_memory_f
 
 TYPED_TEST(MemoryLimits, refuse_to_grade_a_tree_that_has_no_room_left)
 {
-    auto native = nativeVolume<TypeParam>([](Tree<TypeParam>& tree) { tree.tileAccessor().addTile(0, 0, 0, TypeParam::maxDepth); }, kVoxel);
+    // A finest tile in the corner of a tile of depth 2, beside others of depth 1.
+    constexpr int kCornerAt = TypeParam::rangeMin + TypeParam::tileVoxelWidth(2);
+    auto native = nativeVolume<TypeParam>([](Tree<TypeParam>& tree) { tree.tileAccessor().addTile(kCornerAt, kCornerAt, kCornerAt, TypeParam::maxDepth); }, kVoxel);
     addChannel<Channel<TypeParam, float, TypeParam::width, 0>>(*native, sVoxelSignedDistance, 1.0f, [](TileKey const&, int) { return 1.0f; });
     const double tiles = double(treeOf<TypeParam>(*native)->tileCount(-1)), bytes = double(TypeParam::voxelCount) * sizeof(float);
     const Node grade = [](HostPtr input, HostPtr& output, Corvid::RuntimeServices const& services) {

@@ -58,7 +58,7 @@ TEST(Merge, leaves_what_validate_calls_good_also_from_a_file_of_levels)
 {
     const tilegrid::test::TestFolder folder;
     const std::string file = folder.file("merged.vdb");
-    for (char const* adaptive : {"adaptive=true", "adaptive=false"})
+    for (char const* adaptive : {"adaptive=yes", "adaptive=no"})
         for (char const* voxel : {"voxel=0.03", "voxel=0.04"}) {
             SCOPED_TRACE(std::string(adaptive) + " " + voxel);
             // Voxels of the two sizes meet nowhere, so that what lies above children was read from other voxels than these.

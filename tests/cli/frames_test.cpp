@@ -105,6 +105,20 @@ TEST(Frames, have_the_bytes_of_single_runs_and_run_from_a_saved_graph_too)
     EXPECT_EQ(folder.run({"run", "g.json"}).status, 1) << "which frame?";
 }
 
+TEST(Frames, have_the_same_bytes_for_any_number_of_threads)
+{
+    const WorkFolder folder;
+    makeInputs(folder);
+    std::string first;
+    for (char const* threads : {"1", "2", "8"}) {
+        ASSERT_EQ(folder.run(convert({"--frames", "4-5", "--threads", threads})).status, 0);
+        const std::string all = fileText(folder.path("out/s.04.ply")) + fileText(folder.path("out/s.05.ply"));
+        ASSERT_FALSE(all.empty());
+        if (first.empty()) first = all;
+        EXPECT_TRUE(all == first) << threads << " threads";
+    }
+}
+
 TEST(Frames, whose_files_are_all_there_are_skipped_if_that_is_wanted)
 {
     const WorkFolder folder;

@@ -1,6 +1,7 @@
 #pragma once
 #include "graph/node.h"
 #include "io/level_set_from_mesh.h"
+#include "io/view.h"
 
 #include <optional>
 
@@ -40,6 +41,11 @@ ParameterInfo structureParameter();
 io::Structure structureOf(Arguments const& arguments);
 /// What those parameters say.
 io::LevelSetOptions levelSetOptions(StepContext const& step);
+
+/// The parameters that pictures share.
+ParameterInfo upAxisParameter();
+io::UpAxis upAxisOf(Arguments const& arguments);
+ParameterInfo legendParameter();
 
 /// The parameter by which nodes that report choose their form.
 ParameterInfo jsonParameter();

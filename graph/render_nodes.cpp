@@ -46,12 +46,39 @@ io::View viewOf(std::string const& text)
                      + " nor two angles in degrees, the second from -90 to 90, as in 30,20." + suggestion(text, names));
 }
 
+}  // namespace
+
+ParameterInfo upAxisParameter()
+{
+    return {.name = "up",
+            .type = ParameterType::kEnum,
+            .help = "the axis of the world that points up in the picture",
+            .defaultText = "y",
+            .choices = {"y", "z"}};
+}
+
+io::UpAxis upAxisOf(Arguments const& arguments) { return arguments.choice("up") == 0 ? io::UpAxis::kY : io::UpAxis::kZ; }
+
+ParameterInfo legendParameter()
+{
+    return {.name = "legend",
+            .type = ParameterType::kBool,
+            .help = "whether what explains the colours and the axes stands beside the picture; not in pictures of less than 240 pixels",
+            .defaultText = "yes"};
+}
+
+namespace {
+
 Result runRender(StepContext& step)
 {
     std::string const &colour = step.arguments.text("color"), &file = step.arguments.text("file");
     io::RenderOptions options;
     options.size = int(step.arguments.integer("size"));
     options.view = viewOf(step.arguments.text("view"));
+    options.view.up = upAxisOf(step.arguments);
+    options.as = io::RenderAs(step.arguments.choice("draw"));
+    options.opacity = step.arguments.number("opacity");
+    options.legend = step.arguments.flag("legend");
     if (colour == "plain" || colour == "depth" || colour == "normal") {
         options.colour = colour == "depth" ? io::SurfaceColour::kDepth
             : colour == "normal"           ? io::SurfaceColour::kNormal
@@ -74,10 +101,10 @@ Result runRender(StepContext& step)
 std::vector<NodeInfo> renderNodes()
 {
     NodeInfo node{.name = "render",
-                  .help = "draws the surface of a level set, lit and seen from a side, as a picture",
+                  .help = "draws the surface of a level set, or fog, lit and seen from a side, as a picture",
                   .hasResult = false,
                   .run = runRender};
-    node.inputs = {{.name = "volume", .help = "a volume with a signed distance"}};
+    node.inputs = {{.name = "volume", .help = "a volume with a signed distance or a fog density"}};
     node.parameters = {
         {.name = "file",
          .type = ParameterType::kOutputFile,
@@ -86,20 +113,33 @@ std::vector<NodeInfo> renderNodes()
          .endings = {".png"}},
         {.name = "size",
          .type = ParameterType::kInt,
-         .help = "longer side of the picture; the other follows from the surface",
+         .help = "longer side of the picture; the other follows from the content",
          .unit = "pixels",
          .defaultText = "1024",
          .range = {.min = 16, .max = 4096}},
         {.name = "view",
-         .help = "front (along -z, y up), back, left, right, top, bottom; or two angles in degrees: how far the camera "
+         .help = "front (along -z, y up; along y with up=z), back, left, right, top, bottom; or two angles in degrees: how far the camera "
                  "walks from the front around "
-                 "the y axis towards x, and how far it climbs",
+                 "the axis that points up, towards x, and how far it climbs",
          .defaultText = "-30,20"},
         {.name = "color",
          .help = "plain; depth: one tone for each voxel size, with the tile borders; normal: the direction of the "
                  "surface; or a property: three "
                  "components as red, green, blue, others on a scale from the least to the largest value seen",
          .defaultText = "plain"},
+        {.name = "draw",
+         .type = ParameterType::kEnum,
+         .help = "what is drawn; auto: the surface if there is a signed distance, else the fog",
+         .defaultText = "auto",
+         .choices = {"auto", "surface", "fog"}},
+        {.name = "opacity",
+         .type = ParameterType::kFloat,
+         .help = "how opaque fog is: what passes its largest density along a twentieth of the longest side loses this many e-folds of "
+                 "its light",
+         .defaultText = "1.5",
+         .range = {.min = 0, .aboveMin = true}},
+        upAxisParameter(),
+        legendParameter(),
     };
     return {node};
 }

@@ -111,6 +111,8 @@ Result runSlice(StepContext& step)
     io::SliceOptions options;
     options.axis = step.arguments.choice("axis");
     options.at = step.arguments.number("at");
+    options.up = upAxisOf(step.arguments);
+    options.legend = step.arguments.flag("legend");
     options.property = step.arguments.text("property");
     options.size = int(step.arguments.integer("size"));
     options.cells = int(step.arguments.integer("cells"));
@@ -178,6 +180,8 @@ NodeInfo sliceNode()
          .choices = std::move(modes)},
         {.name = "cells", .type = ParameterType::kInt, .help = "values that a voxel shows along an axis, so that voxels can be told apart; 0: one per pixel",
          .defaultText = "0", .range = {.min = 0, .max = 64}},
+        upAxisParameter(),
+        legendParameter(),
     };
     return node;
 }

@@ -21,8 +21,12 @@ constexpr double kPerDegree = std::numbers::pi / 180.0;
 Camera::Camera(double3 const& low, double3 const& high, View const& view)
 {
     const double a = view.azimuth * kPerDegree, e = view.elevation * kPerDegree;
-    back_ = {std::sin(a) * std::cos(e), std::sin(e), std::cos(a) * std::cos(e)};
-    right_ = {std::cos(a), 0.0, -std::sin(a)};
+    // From axes to the right, up and to the viewer to those of the world.
+    const auto inWorld = [&view](double right, double up, double toViewer) {
+        return view.up == UpAxis::kY ? double3(right, up, toViewer) : double3(right, -toViewer, up);
+    };
+    back_ = inWorld(std::sin(a) * std::cos(e), std::sin(e), std::cos(a) * std::cos(e));
+    right_ = inWorld(std::cos(a), 0.0, -std::sin(a));
     up_ = cross(back_, right_);
     eye_ = 0.5 * (low + high) + (0.5 * length(high - low) / std::sin(kHalfAngle * kPerDegree)) * back_;
 }
@@ -34,13 +38,12 @@ void Camera::add(Frame& frame, double3 const& place, double around) const
     frame.add(dot(way, right_) / away, dot(way, up_) / away, around / away);
 }
 
-void Camera::fit(Frame const& frame, int size)
+void Camera::fit(Frame const& frame, int wide, int tall)
 {
-    const double wide = frame.right - frame.left, tall = frame.high - frame.low,
-                 margin = kMargin * std::max(wide, tall);
-    step_ = (std::max(wide, tall) + 2.0 * margin) / size;
-    width_ = std::clamp(static_cast<int>(std::lround((wide + 2.0 * margin) / step_)), 1, size);
-    height_ = std::clamp(static_cast<int>(std::lround((tall + 2.0 * margin) / step_)), 1, size);
+    const double width = frame.right - frame.left, height = frame.high - frame.low, margin = kMargin * std::max(width, height);
+    step_ = std::max((width + 2.0 * margin) / wide, (height + 2.0 * margin) / tall);
+    width_ = std::clamp(static_cast<int>(std::lround((width + 2.0 * margin) / step_)), 1, wide);
+    height_ = std::clamp(static_cast<int>(std::lround((height + 2.0 * margin) / step_)), 1, tall);
     left_ = 0.5 * (frame.left + frame.right) - 0.5 * width_ * step_;
     top_ = 0.5 * (frame.low + frame.high) + 0.5 * height_ * step_;
 }

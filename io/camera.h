@@ -37,8 +37,8 @@ public:
     /// Adds the place where something is seen, and what lies no further than `around` beside it.
     void add(Frame& frame, double3 const& place, double around = 0.0) const;
     /// Makes the frame the picture, with a margin. Before, there are no pixels.
-    /// \param size  longer side in pixels; the other follows from the frame
-    void fit(Frame const& frame, int size);
+    /// \param wide, tall  the picture is as large as fits into so many pixels
+    void fit(Frame const& frame, int wide, int tall);
 
     int width() const { return width_; }
     int height() const { return height_; }

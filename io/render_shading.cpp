@@ -45,6 +45,19 @@ Light backgroundAt(double down)
     return (1.0f - share) * kAbove + share * kBelow;
 }
 
+Light fogBackgroundAt(double down)
+{
+    static const Light kAbove = fromBytes({118, 140, 172}), kBelow = fromBytes({184, 198, 214});
+    const auto share = static_cast<float>(std::clamp(down, 0.0, 1.0));
+    return (1.0f - share) * kAbove + share * kBelow;
+}
+
+Light fogMaterial()
+{
+    static const Light kWhite = fromBytes({246, 246, 244});
+    return kWhite;
+}
+
 Light plainMaterial()
 {
     static const Light kClay = fromBytes({222, 208, 190});
@@ -93,6 +106,17 @@ Light Lamps::shade(Light const& material, double3 const& normal, double3 const& 
     const auto glint =
         static_cast<float>(kGloss * keyShare * std::pow(std::max(dot(normal, halfWay), 0.0), kSharpness));
     return times(material, falling) + Light(glint);
+}
+
+Light Lamps::scatter(Light const& material, double toKey, double toSky)
+{
+    static constexpr Light kSky{0.34f, 0.38f, 0.46f}, kGround{0.10f, 0.10f, 0.10f}, kKey{0.86f, 0.82f, 0.76f};
+    // Light that is scattered more than once reaches deeper (a second, weaker extinction: Wrenninge et al. 2013).
+    constexpr double kDeeper = 0.25, kShareOfDeeper = 0.4;
+    const auto left = [](double folds) {
+        return static_cast<float>((1.0 - kShareOfDeeper) * std::exp(-folds) + kShareOfDeeper * std::exp(-kDeeper * folds));
+    };
+    return times(material, kGround + left(toKey) * kKey + left(toSky) * kSky);
 }
 
 }  // namespace tilegrid::io

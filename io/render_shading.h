@@ -15,8 +15,11 @@ Light fromBytes(std::array<double, 3> const& bytes);
 
 /// What lies behind the surface, from 0 at the upper to 1 at the lower side of the picture.
 Light backgroundAt(double down);
+/// The same behind fog, which is bright: dark enough to show it.
+Light fogBackgroundAt(double down);
 /// What the surface is made of.
 Light plainMaterial();
+Light fogMaterial();
 /// One of a row of tones, that of the finest depth first.
 Light depthMaterial(int coarser);
 /// A scale from dark blue over green to yellow; 0 to 1. What is no number is magenta.
@@ -36,6 +39,10 @@ public:
     /// \param sky, keyShare  how much of the sky and of the lamp is seen from there, from 0 to 1
     Light shade(Light const& material, double3 const& normal, double3 const& toCamera, double sky,
                 double keyShare) const;
+
+    /// What fog scatters to the camera from a place of it.
+    /// \param toKey, toSky  e-folds that light loses in the fog on its way from the lamp and from straight above
+    static Light scatter(Light const& material, double toKey, double toSky);
 
 private:
     double3 key_, fill_, up_;

@@ -3,11 +3,13 @@
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "io/error.h"
+#include "io/legend.h"
 #include "io/property_reader.h"
+#include "io/slice_painter.h"
 #include "io/volume_access.h"
 
-#include <algorithm>
-#include <cmath>
+#include <limits>
+#include <utility>
 
 namespace tilegrid::io {
 
@@ -15,50 +17,40 @@ using namespace OST::TileTree3D;
 
 namespace {
 
-using Colour = std::array<double, 3>;
-
 /// Share of the content's longest side that is shown around it.
 constexpr double kMargin = 0.06;
 constexpr int kLargestSide = 16384;
 constexpr int kMostCells = 64;
+constexpr char kAxes[] = "xyz";
 
-/// What one pixel shows. Places are in tile space.
-struct Pixel {
-    float value = 0.0f, smooth = 0.0f;
-    int depth = -1;
+/// Room around a plane for what explains it, in pixels.
+struct Margins {
+    int left = 0, top = 0, right = 0, bottom = 0;
 };
 
-/// The window of a plane: pixel (x, y) shows `corner` + x right + y down, in tile-space units.
-struct Window {
-    int right = 0, up = 1, axis = 2;
-    int width = 0, height = 0;
-    /// Tile-space units per pixel.
-    double step = 1.0;
-    double3 corner;
-
-    double3 place(int x, int y) const
-    {
-        double3 p = corner;
-        p[right] += (x + 0.5) * step;
-        p[up] -= (y + 0.5) * step;
-        return p;
-    }
-};
-
-Window windowAround(double3 const& low, double3 const& high, SliceOptions const& options)
+SliceWindow windowAround(double3 const& low, double3 const& high, SliceOptions const& options, Margins const& margins)
 {
-    Window window;
+    SliceWindow window;
     window.axis = options.axis;
-    window.right = options.axis == 0 ? 1 : 0;
-    window.up = options.axis == 2 ? 1 : 2;
-    const double wide = high[window.right] - low[window.right], tall = high[window.up] - low[window.up];
+    if (options.up == UpAxis::kY) {
+        // As seen from the left, from above, from the front.
+        window.across = options.axis == 0 ? 2 : 0;
+        window.upright = options.axis == 1 ? 2 : 1;
+        window.turnedOver = options.axis == 1;
+    } else {
+        // As seen from the right, from the front, from above.
+        window.across = options.axis == 0 ? 1 : 0;
+        window.upright = options.axis == 2 ? 1 : 2;
+    }
+    const double wide = high[window.across] - low[window.across], tall = high[window.upright] - low[window.upright];
     // A content without extent (nothing there, or one layer) still gets a picture some voxels wide.
     const double margin = std::max(kMargin * std::max(wide, tall), 4.0);
-    window.step = (std::max(wide, tall) + 2.0 * margin) / options.size;
+    window.step = std::max((wide + 2.0 * margin) / (options.size - margins.left - margins.right),
+                           (tall + 2.0 * margin) / (options.size - margins.top - margins.bottom));
     window.width = std::max(1, static_cast<int>(std::lround((wide + 2.0 * margin) / window.step)));
     window.height = std::max(1, static_cast<int>(std::lround((tall + 2.0 * margin) / window.step)));
-    window.corner[window.right] = low[window.right] - margin;
-    window.corner[window.up] = high[window.up] + margin;
+    window.corner[window.across] = low[window.across] - margin;
+    window.corner[window.upright] = window.turnedOver ? low[window.upright] - margin : high[window.upright] + margin;
     window.corner[window.axis] = low[window.axis] + options.at * (high[window.axis] - low[window.axis]);
     return window;
 }
@@ -66,16 +58,16 @@ Window windowAround(double3 const& low, double3 const& high, SliceOptions const&
 /// The value of the voxel whose sample is nearest in the finest tile at the place, and the value between samples for
 /// the zero line.
 template <class Tr, class C>
-std::vector<Pixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset, Window const& window)
+std::vector<SlicePixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset, SliceWindow const& window)
 {
-    std::vector<Pixel> pixels(static_cast<std::size_t>(window.width) * window.height);
+    std::vector<SlicePixel> pixels(static_cast<std::size_t>(window.width) * window.height);
     const float3 shift = voxelOffset(offset);
     parallel::loop(0, window.height, 8, [&](OST::int64 begin, OST::int64 end) {
         const VolumeReader<Tr, C> reader(tree, channel, offset);
         const ConstTileAccessor<Tr> accessor(tree);
         for (OST::int64 y = begin; y < end; ++y)
             for (int x = 0; x < window.width; ++x) {
-                const double3 place = window.place(x, static_cast<int>(y));
+                const double3 place = window.position(x, static_cast<int>(y));
                 int3 cell;
                 if (!cellOf<Tr>(place, cell)) continue;
                 const TreeIndex found = accessor.find(cell.x, cell.y, cell.z, Tr::maxDepth);
@@ -86,7 +78,7 @@ std::vector<Pixel> pixelsOf(Container<Tr> const& tree, C const& channel, VoxelOf
                     const double q = (place[axis] - tile.tijk()[axis]) / tile.voxelDataWidth() - shift[axis];
                     nearest[axis] = tile.tijk()[axis] + (std::round(q) + shift[axis]) * tile.voxelDataWidth();
                 }
-                Pixel& pixel = pixels[static_cast<std::size_t>(y) * window.width + x];
+                SlicePixel& pixel = pixels[static_cast<std::size_t>(y) * window.width + x];
                 pixel = {static_cast<float>(reader.at(nearest, found.depth)),
                          static_cast<float>(reader.at(place, found.depth)), found.depth};
             }
@@ -118,9 +110,9 @@ double magnitudeOf(std::vector<double> const& components)
 
 /// What a sampler gives.
 template <class Tr>
-std::vector<Pixel> sampledPixels(Container<Tr> const& tree, PropertyReaders const& readers, int cells, Window const& window)
+std::vector<SlicePixel> sampledPixels(Container<Tr> const& tree, PropertyReaders const& readers, int cells, SliceWindow const& window)
 {
-    std::vector<Pixel> pixels(static_cast<std::size_t>(window.width) * window.height);
+    std::vector<SlicePixel> pixels(static_cast<std::size_t>(window.width) * window.height);
     parallel::loop(0, window.height, 8, [&](OST::int64 begin, OST::int64 end) {
         const auto reader = readers.make();
         const ConstTileAccessor<Tr> accessor(tree);
@@ -131,7 +123,7 @@ std::vector<Pixel> sampledPixels(Container<Tr> const& tree, PropertyReaders cons
         };
         for (OST::int64 y = begin; y < end; ++y)
             for (int x = 0; x < window.width; ++x) {
-                const double3 place = window.place(x, static_cast<int>(y));
+                const double3 place = window.position(x, static_cast<int>(y));
                 int3 cell;
                 if (!cellOf<Tr>(place, cell)) continue;
                 const TreeIndex found = accessor.find(cell.x, cell.y, cell.z, Tr::maxDepth);
@@ -144,141 +136,105 @@ std::vector<Pixel> sampledPixels(Container<Tr> const& tree, PropertyReaders cons
     return pixels;
 }
 
-/// Blue over white to red, lightness falling evenly on both sides. t from -1 to 1.
-Colour diverging(double t)
-{
-    static constexpr Colour kBelow[4]{{247, 247, 245}, {146, 190, 222}, {62, 122, 184}, {20, 52, 110}};
-    static constexpr Colour kAbove[4]{{247, 247, 245}, {240, 170, 138}, {206, 82, 72}, {122, 16, 38}};
-    auto const& stops = t < 0.0 ? kBelow : kAbove;
-    const double s = std::min(std::abs(t), 1.0) * 3.0;
-    const int first = std::min(static_cast<int>(s), 2);
-    Colour colour;
-    for (int c = 0; c < 3; ++c) colour[c] = std::lerp(stops[first][c], stops[first + 1][c], s - first);
-    return colour;
-}
-
-void blend(Colour& under, Colour const& over, double alpha)
-{
-    for (int c = 0; c < 3; ++c) under[c] = std::lerp(under[c], over[c], alpha);
-}
-
-/// The size of value that gets the full colour: all but the largest fiftieth of the picture lies below it.
-double fullColourValue(std::vector<Pixel> const& pixels)
-{
-    std::vector<float> sizes;
-    for (Pixel const& pixel : pixels)
-        if (std::isfinite(pixel.value)) sizes.push_back(std::abs(pixel.value));
-    if (sizes.empty()) return 1.0;
-    const auto at = sizes.begin() + static_cast<std::ptrdiff_t>(0.98 * static_cast<double>(sizes.size() - 1));
-    std::nth_element(sizes.begin(), at, sizes.end());
-    if (*at > 0.0f) return *at;
-    const float largest = *std::max_element(sizes.begin(), sizes.end());
-    return largest > 0.0f ? largest : 1.0;
-}
-
-/// Draws a plane of pixels.
-template <class Tr> class SlicePainter {
+/// What stands around a plane: a line that says what it is, two axes in world units, and a bar of its colours.
+class SliceLegend {
 public:
-    SlicePainter(Window const& window, std::vector<Pixel> const& pixels)
-        : window_(window), pixels_(pixels), full_(fullColourValue(pixels))
+    SliceLegend(SliceOptions const& options, std::string const& property, double voxelSize, double3 const& low, double3 const& high)
+        : style_(options.size), voxelSize_(voxelSize), isDistance_(property == Ostara::Geometry::sVoxelSignedDistance.str()), property_(property)
     {
-        for (Pixel const& pixel : pixels) deepest_ = std::max(deepest_, pixel.depth);
+        margins_.left = int(std::ceil(3.4 * style_.gap + style_.letter));
+        margins_.top = int(std::ceil(2.1 * style_.gap + style_.letter));
+        margins_.bottom = int(std::ceil(3.2 * style_.gap + 2.0 * style_.letter));
+        margins_.right = int(std::ceil(2.8 * style_.gap + style_.letter + textWidth("-0.00000", style_.letter)));
+        // Labels of the upright axis take room, which makes the plane smaller, which may change labels once.
+        double widest = 0.0;
+        for (int pass = 0; pass < 2; ++pass) {
+            setAxes(windowAround(low, high, options, margins_));
+            const double before = widest;
+            widest = std::max(widest, upright_.widest(style_.letter));
+            margins_.left += int(std::ceil(widest - before));
+        }
     }
 
-    Image paint() const
+    Margins const& margins() const { return margins_; }
+
+    Image around(Image const& plane, SliceWindow const& window, double lowValue, double highValue, double full)
     {
-        Image image{window_.width, window_.height, std::vector<std::uint8_t>(3 * pixels_.size())};
-        parallel::forRanges(0, window_.height, 8, [&](OST::int64 begin, OST::int64 end) {
-            for (int y = static_cast<int>(begin); y < end; ++y)
-                for (int x = 0; x < window_.width; ++x) {
-                    const Colour colour = colourAt(x, y);
-                    std::array<std::uint8_t, 3> bytes;
-                    for (std::size_t c = 0; c < 3; ++c)
-                        bytes[c] = static_cast<std::uint8_t>(std::lround(std::clamp(colour[c], 0.0, 255.0)));
-                    image.set(x, y, bytes);
-                }
-        });
+        setAxes(window);
+        Image image = withMargins(plane, margins_.left, margins_.top, margins_.right, margins_.bottom, [](int) { return LegendStyle::kPaper; });
+        drawAxes(image, window);
+        const double at = window.corner[window.axis] * voxelSize_;
+        const std::string text = (isDistance_ ? "signed distance" : property_) + " at " + kAxes[window.axis] + " = " + shortNumber(at)
+            + (isDistance_ ? ", in world units" : " (world units)");
+        drawText(image, margins_.left, style_.gap + style_.letter, shortened(text, style_.letter, image.width - margins_.left - style_.gap),
+                 style_.lettering());
+        ColourBar bar;
+        bar.low = std::max(-full, std::min(lowValue, 0.0));
+        bar.high = lowValue == highValue && !(highValue > 0.0) && bar.low == 0.0 ? full : std::min(full, std::max(highValue, 0.0));
+        bar.colour = [full](double value) { return toBytes(sliceColour(value, full)); };
+        bar.below = lowValue < bar.low;
+        bar.above = highValue > bar.high;
+        drawColourBar(image, image.width - margins_.right + 1.2 * style_.gap, margins_.top, margins_.top + window.height, bar, style_);
         return image;
     }
 
 private:
-    Pixel const& pixel(int x, int y) const
+    /// World position of an edge of the plane.
+    double world(SliceWindow const& window, int axis, double pixels, double sign) const
     {
-        return pixels_[static_cast<std::size_t>(std::clamp(y, 0, window_.height - 1)) * window_.width
-                       + std::clamp(x, 0, window_.width - 1)];
+        return voxelSize_ * (window.corner[axis] + sign * pixels * window.step);
     }
 
-    Colour colourAt(int x, int y) const
+    void setAxes(SliceWindow const& window)
     {
-        static constexpr Colour kNothing{200, 200, 200}, kNotANumber{255, 0, 255}, kZero{16, 16, 20};
-        Pixel const& here = pixel(x, y);
-        if (here.depth < 0) return kNothing;
-        if (std::isnan(here.value)) return kNotANumber;
-        // The root of the share spreads the values near zero, where level sets are read.
-        const double share = std::sqrt(std::min(std::abs(here.value) / full_, 1.0));
-        Colour colour = diverging(here.value < 0.0f ? -share : share);
-        paintBorder(colour, x, y);
-        blend(colour, kZero, zeroLine(x, y));
-        return colour;
+        left_ = world(window, window.across, 0, 1), right_ = world(window, window.across, window.width, 1);
+        const double sign = window.turnedOver ? 1 : -1;
+        top_ = world(window, window.upright, 0, sign), bottom_ = world(window, window.upright, window.height, sign);
+        across_ = ticksOver(left_, right_, std::max(3, int(window.width / (6.0 * style_.letter))));
+        upright_ = ticksOver(std::min(top_, bottom_), std::max(top_, bottom_), std::max(3, int(window.height / (4.0 * style_.letter))));
     }
 
-    /// How much of the pixel the line value = 0 covers: from the distance to it that the value and its slope tell.
-    double zeroLine(int x, int y) const
+    void drawAxes(Image& image, SliceWindow const& window) const
     {
-        constexpr double kHalfWidth = 1.1;  // pixels
-        double low = 0.0, high = 0.0;
-        for (int dy = -2; dy <= 2; ++dy)
-            for (int dx = -2; dx <= 2; ++dx) {
-                low = std::min<double>(low, pixel(x + dx, y + dy).smooth);
-                high = std::max<double>(high, pixel(x + dx, y + dy).smooth);
-            }
-        if (!(low < 0.0 && high > 0.0)) return 0.0;
-        const double slopeX = 0.5 * (pixel(x + 1, y).smooth - pixel(x - 1, y).smooth);
-        const double slopeY = 0.5 * (pixel(x, y + 1).smooth - pixel(x, y - 1).smooth);
-        const double slope = std::hypot(slopeX, slopeY);
-        const double away = slope > 0.0 ? std::abs(pixel(x, y).smooth) / slope : kHalfWidth + 1.0;
-        return std::clamp(kHalfWidth + 0.5 - away, 0.0, 1.0);
-    }
-
-    /// Borders of tiles, one tone for each depth: finest ones light and thin, coarser ones darker, then thicker. A
-    /// depth whose tiles are only some pixels wide fades out.
-    void paintBorder(Colour& colour, int x, int y) const
-    {
-        static constexpr Colour kInk{28, 30, 44};
-        double alpha = 0.0;
-        for (int reach = 0; reach < 2; ++reach)
-            for (const auto& [dx, dy] : {std::pair{1, 0}, std::pair{0, 1}}) {
-                const int depth = borderDepth(x - reach * dx, y - reach * dy, dx, dy);
-                const int coarser = deepest_ - depth;
-                if (depth < 0 || (reach > 0 && coarser < 3)) continue;
-                const double widthPixels = Tr::tileVoxelWidth(depth) / window_.step;
-                const double visible = std::clamp((widthPixels - 4.0) / 10.0, 0.0, 1.0);
-                alpha = std::max(alpha, visible * std::min(0.24 + 0.12 * coarser, 0.72));
-            }
-        blend(colour, kInk, alpha);
-    }
-
-    /// Depth of the coarsest tiles that the step from the pixel to its neighbour leads across; -1 if it stays in one
-    /// tile.
-    int borderDepth(int x, int y, int dx, int dy) const
-    {
-        if (x < 0 || y < 0 || x + dx >= window_.width || y + dy >= window_.height) return -1;
-        const int axis = dx ? window_.right : window_.up;
-        const double from = window_.place(x, y)[axis], to = window_.place(x + dx, y + dy)[axis];
-        // A border belongs to a depth only where a tile of that depth lies on one side.
-        const int finest = std::max(pixel(x, y).depth, pixel(x + dx, y + dy).depth);
-        for (int depth = 0; depth <= finest; ++depth) {
-            const double width = Tr::tileVoxelWidth(depth);
-            if (std::floor((from - Tr::rangeMin) / width) != std::floor((to - Tr::rangeMin) / width)) return depth;
+        const double x0 = margins_.left, y0 = margins_.top, x1 = x0 + window.width, y1 = y0 + window.height, tick = 0.5 * style_.gap;
+        const auto line = [&](double ax, double ay, double bx, double by) { drawLine(image, {ax, ay}, {bx, by}, style_.line, LegendStyle::kInk); };
+        line(x0, y0, x1, y0), line(x1, y0, x1, y1), line(x1, y1, x0, y1), line(x0, y1, x0, y0);
+        const double labels = y1 + 1.0 * style_.gap + style_.letter;
+        for (std::size_t n = 0; n < across_.values.size(); ++n) {
+            const double x = std::lerp(x0, x1, (across_.values[n] - left_) / (right_ - left_));
+            line(x, y1, x, y1 + tick);
+            drawText(image, x - 0.5 * textWidth(across_.labels[n], style_.letter), labels, across_.labels[n], style_.lettering());
         }
-        return -1;
+        for (std::size_t n = 0; n < upright_.values.size(); ++n) {
+            const double y = std::lerp(y0, y1, (upright_.values[n] - top_) / (bottom_ - top_));
+            line(x0 - tick, y, x0, y);
+            drawText(image, x0 - 1.0 * style_.gap - textWidth(upright_.labels[n], style_.letter), y + 0.5 * style_.letter, upright_.labels[n],
+                     style_.lettering());
+        }
+        const std::string across(1, kAxes[window.across]), upright(1, kAxes[window.upright]);
+        drawText(image, 0.5 * (x0 + x1) - 0.5 * textWidth(across, style_.letter), labels + 1.1 * style_.gap + style_.letter, across,
+                 style_.lettering());
+        drawText(image, style_.gap, 0.5 * (y0 + y1) + 0.5 * style_.letter, upright, style_.lettering());
     }
 
-    Window const& window_;
-    std::vector<Pixel> const& pixels_;
-    double full_;
-    int deepest_ = -1;
+    LegendStyle style_;
+    double voxelSize_;
+    bool isDistance_;
+    std::string property_;
+    Margins margins_;
+    Ticks across_, upright_;
+    /// World positions of the edges of the plane.
+    double left_ = 0, right_ = 0, top_ = 0, bottom_ = 0;
 };
+
+/// The range of the values of a picture; 0 twice if none is finite.
+std::pair<double, double> rangeOf(std::vector<SlicePixel> const& pixels)
+{
+    double low = std::numeric_limits<double>::infinity(), high = -low;
+    for (SlicePixel const& pixel : pixels)
+        if (pixel.depth >= 0 && std::isfinite(pixel.value)) low = std::min<double>(low, pixel.value), high = std::max<double>(high, pixel.value);
+    return low <= high ? std::pair(low, high) : std::pair(0.0, 0.0);
+}
 
 template <class Tr> std::string propertyToShow(OST::Object const& native, std::string const& asked)
 {
@@ -319,14 +275,23 @@ Image sliceImage(Ostara::Object const& volume, SliceOptions const& options)
             Ostara::Math::bbox<float3, float> box;
             Ostara::GeometryAlgorithms::getVolumeBounds(volume, box);
             const double unit = 1.0 / tree.voxelSize();
-            const Window window = windowAround(double3(box.min) * unit, double3(box.max) * unit, options);
-            std::vector<Pixel> pixels;
+            const double3 low = double3(box.min) * unit, high = double3(box.max) * unit;
+            std::optional<SliceLegend> legend;
+            if (options.legend && options.size >= LegendStyle::kSmallestPicture)
+                legend.emplace(options, name.str(), tree.voxelSize(), low, high);
+            const SliceWindow window = windowAround(low, high, options, legend ? legend->margins() : Margins());
+            std::vector<SlicePixel> pixels;
             const PropertyReaders readers = options.mode ? readersOf(volume, name.str(), *options.mode) : PropertyReaders();
-            if (readers.components > 0) return SlicePainter<Tr>(window, sampledPixels(tree, readers, options.cells, window)).paint();
-            tryElements<Tr>(native, name, [&]<class C>() {
-                pixels = pixelsOf<Tr, C>(tree, *native.component<C>(name), topology.offsetType(), window);
-            });
-            return SlicePainter<Tr>(window, pixels).paint();
+            if (readers.components > 0)
+                pixels = sampledPixels(tree, readers, options.cells, window);
+            else
+                tryElements<Tr>(native, name, [&]<class C>() {
+                    pixels = pixelsOf<Tr, C>(tree, *native.component<C>(name), topology.offsetType(), window);
+                });
+            const SlicePainter<Tr> painter(window, pixels);
+            if (!legend) return painter.paint();
+            const auto [least, largest] = rangeOf(pixels);
+            return legend->around(painter.paint(), window, least, largest, painter.full());
         });
 }
 

@@ -63,6 +63,37 @@ TEST(RenderStep, colours_by_what_it_is_told)
         for (std::size_t m = 0; m < n; ++m) EXPECT_NE(pictures[n], pictures[m]) << n << ", " << m;
 }
 
+TEST(RenderStep, draws_fog_legends_and_the_axis_that_points_up_as_it_is_told)
+{
+    const TestFolder folder;
+    const auto fog = [&](Words const& parameters) {
+        Words words = {"box", "min=-1,-0.5,-0.25", "max=1,0.5,0.25", "voxel=0.1", "!", "fog", "!", "render", folder.file("a.png"), "size=300", "color=depth"};
+        words.insert(words.end(), parameters.begin(), parameters.end());
+        Trial run;
+        run(planOf(words));
+        return folder.read("a.png");
+    };
+    EXPECT_EQ(fog({}), fog({"draw=surface", "up=y", "legend=yes", "opacity=1.5"}));
+    const std::vector<std::string> pictures = {fog({}), fog({"draw=fog"}), fog({"draw=fog", "opacity=3"}), fog({"up=z"}), fog({"legend=no"})};
+    for (std::size_t n = 0; n < pictures.size(); ++n)
+        for (std::size_t m = 0; m < n; ++m) EXPECT_NE(pictures[n], pictures[m]) << n << ", " << m;
+}
+
+TEST(SliceStep, draws_its_legend_and_the_axis_that_points_up_as_it_is_told)
+{
+    const TestFolder folder;
+    const auto slice = [&](Words const& parameters) {
+        Words words = {"box", "min=-1,-0.5,-0.25", "max=1,0.5,0.25", "voxel=0.1", "!", "slice", folder.file("a.png"), "axis=x", "size=300"};
+        words.insert(words.end(), parameters.begin(), parameters.end());
+        Trial run;
+        run(planOf(words));
+        return folder.read("a.png");
+    };
+    EXPECT_EQ(slice({}), slice({"up=y", "legend=yes"}));
+    EXPECT_NE(slice({}), slice({"up=z"}));
+    EXPECT_NE(slice({}), slice({"legend=no"}));
+}
+
 TEST(RenderStep, says_what_it_cannot_draw)
 {
     const TestFolder folder;

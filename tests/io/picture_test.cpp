@@ -76,6 +76,7 @@ TYPED_TEST(Slice, of_a_sphere_is_blue_inside_red_outside_and_dark_on_the_circle)
 {
     const auto volume = levelSetOf<TypeParam>(sphereMesh(1.0f, 5), 0.02f);
     SliceOptions options;
+    options.legend = false;
     options.size = 400;
     for (options.axis = 0; options.axis < 3; ++options.axis) {
         const Image image = sliceImage(*volume, options);
@@ -107,6 +108,7 @@ TYPED_TEST(Slice, draws_borders_where_tiles_of_different_depth_meet)
     io::addChannel<Tr>(*native, "density", 0.0f, [](auto const&, auto&) {});
     const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     SliceOptions options;
+    options.legend = false;
     options.size = 300;
     const Image image = sliceImage(*volume, options);
     const auto blank = pixel(image, image.width / 2, image.height / 2);
@@ -121,6 +123,7 @@ TYPED_TEST(Slice, is_the_same_on_any_number_of_threads)
 {
     const auto volume = levelSetOf<TypeParam>(sphereMesh(1.0f, 3), 0.05f);
     SliceOptions options;
+    options.legend = false;
     options.size = 200;
     options.at = 0.3;
     Image first;
@@ -130,6 +133,106 @@ TYPED_TEST(Slice, is_the_same_on_any_number_of_threads)
             if (first.rgb.empty()) first = image;
             EXPECT_EQ(image.rgb, first.rgb) << threads << " threads";
         });
+}
+
+TYPED_TEST(Slice, has_ticks_where_the_axis_has_round_numbers)
+{
+    const auto volume = levelSetOf<TypeParam>(boxMesh({-2, -0.5f, -0.25f}, {2, 0.5f, 0.25f}), 0.05f);
+    for (const int size : {400}) {
+        SliceOptions options;
+        options.size = size;
+        const Image image = sliceImage(*volume, options);
+        EXPECT_EQ(image.width, size);
+        // The lower side of the frame is the first row from below that is mostly ink; ticks hang from it.
+        const auto isInk = [&](int x, int y) {
+            const auto c = pixel(image, x, y);
+            return c[0] < 110 && c[1] < 110 && c[2] < 120;
+        };
+        int bottom = image.height - 1;
+        const auto inkIn = [&](int y) {
+            int count = 0;
+            for (int x = 0; x < image.width; ++x) count += isInk(x, y);
+            return count;
+        };
+        while (inkIn(bottom) < image.width / 2) --bottom;
+        std::vector<double> ticks;
+        int begin = 1;  // of the frame: labels of the other axis lie further left, the bar further right
+        while (!isInk(begin + 4, bottom)) ++begin;
+        for (int x = begin + 8; x < image.width * 84 / 100; ++x)
+            if (isInk(x, bottom + 2) && !isInk(x - 1, bottom + 2)) ticks.push_back(x + 0.5);
+        // The inside reaches from -2 to 2 on x. What is shown is 0.24 wider on both sides: there are ticks at -2, -1, 0, 1 and 2, or
+        // twice as many.
+        int left = image.width, right = 0;
+        for (int y = 0; y < bottom; ++y)
+            for (int x = 0; x < image.width * 83 / 100; ++x)
+                if (isBluish(pixel(image, x, y)) && !isInk(x, y)) left = std::min(left, x), right = std::max(right, x);
+        ASSERT_TRUE(ticks.size() == 5 || ticks.size() == 9) << ticks.size() << " in " << size;
+        // Near the surface colours are white, then comes its line: within 2 % of the length and three pixels.
+        const double slack = 0.02 * (right - left) + 3;
+        EXPECT_NEAR(ticks.front(), left, slack) << size;
+        EXPECT_NEAR(ticks.back(), right, slack) << size;
+        for (std::size_t n = 2; n < ticks.size(); ++n)
+            EXPECT_NEAR(ticks[n] - ticks[n - 1], ticks[1] - ticks[0], 1.01) << size;
+    }
+    SliceOptions options;
+    options.size = 239;
+    const Image small = sliceImage(*volume, options);
+    options.legend = false;
+    EXPECT_EQ(small.rgb, sliceImage(*volume, options).rgb);
+}
+
+/// The world direction of a knob on a bar, by where the inside is in each slice: to the left or right, and above or below.
+struct Sides {
+    bool right, above;
+};
+template <class Tr> Sides sidesOf(Ostara::Object const& volume, int axis, io::UpAxis up)
+{
+    SliceOptions options;
+    options.legend = false;
+    options.size = 200;
+    options.axis = axis;
+    options.up = up;
+    const Image image = sliceImage(volume, options);
+    int right = 0, above = 0;
+    for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x)
+            if (isBluish(pixel(image, x, y))) right += 2 * x > image.width ? 1 : -1, above += 2 * y < image.height ? 1 : -1;
+    return {right > 0, above > 0};
+}
+
+TYPED_TEST(Slice, has_y_up_or_the_axis_that_is_asked_for)
+{
+    using Tr = TypeParam;
+    // Most of it lies at high x, y and z in every plane through the middle: an arm of a cross is wide there.
+    const auto volume = levelSetOf<Tr>(joined(joined(boxMesh({-1, -0.2f, -0.2f}, {1, 0.2f, 0.2f}), boxMesh({-0.2f, -1, -0.2f}, {0.2f, 1, 0.2f})),
+                                              joined(boxMesh({-0.2f, -0.2f, -1}, {0.2f, 0.2f, 1}), boxMesh({-0.1f, -0.1f, -0.1f}, {0.9f, 0.9f, 0.9f}))),
+                                       0.05f);
+    const auto check = [&](int axis, io::UpAxis up, bool right, bool above) {
+        const Sides sides = sidesOf<Tr>(*volume, axis, up);
+        EXPECT_EQ(sides.right, right) << axis;
+        EXPECT_EQ(sides.above, above) << axis;
+    };
+    // From the left: z to the right, y up. From above: x to the right, z down. From the front: x to the right, y up.
+    check(0, io::UpAxis::kY, true, true);
+    check(1, io::UpAxis::kY, true, false);
+    check(2, io::UpAxis::kY, true, true);
+    // y to the right, z up; x to the right, z up; x to the right, y up.
+    for (int axis = 0; axis < 3; ++axis) check(axis, io::UpAxis::kZ, true, true);
+}
+
+TYPED_TEST(Slice, from_the_left_has_y_up_where_z_and_y_differ)
+{
+    // Long along y: the picture is tall. With z up it lies on its side.
+    const auto volume = levelSetOf<TypeParam>(boxMesh({-0.5f, -2, -0.5f}, {0.5f, 2, 0.5f}), 0.05f);
+    SliceOptions options;
+    options.legend = false;
+    options.size = 100;
+    options.axis = 0;
+    const Image tall = sliceImage(*volume, options);
+    EXPECT_LT(tall.width, tall.height / 2);
+    options.up = io::UpAxis::kZ;
+    const Image wide = sliceImage(*volume, options);
+    EXPECT_LT(wide.height, wide.width / 2);
 }
 
 TYPED_TEST(Slice, shows_every_kind_of_property_and_survives_values_that_are_not_finite)
@@ -148,6 +251,7 @@ TYPED_TEST(Slice, shows_every_kind_of_property_and_survives_values_that_are_not_
     io::addChannel<Tr>(*native, "mark", static_cast<unsigned char>(1), [](auto const&, auto&) {});
     const auto volume = Ostara::Geometry::move_ost_volume_to_object(*native);
     SliceOptions options;
+    options.legend = false;
     options.size = 64;
     options.at = 0.0;
     for (const std::string name : {"velocity", "wild", "mark", ""}) {
@@ -160,6 +264,7 @@ TEST(SliceOptionsCheck, names_the_properties_when_one_is_missing)
 {
     const auto volume = levelSetOf<BinaryTraits>(boxMesh({0, 0, 0}, {1, 1, 1}), 0.1f);
     SliceOptions options;
+    options.legend = false;
     options.property = "temperature";
     const std::string text = errorOf<InputError>([&] { sliceImage(*volume, options); });
     EXPECT_TRUE(contains(text, "'temperature'") && contains(text, "voxel_signed_distance")) << text;
@@ -170,6 +275,7 @@ TEST(SliceOptionsCheck, refuses_options_out_of_range)
     const auto volume = levelSetOf<BinaryTraits>(boxMesh({0, 0, 0}, {1, 1, 1}), 0.1f);
     const auto complaint = [&](int axis, double at, int size) {
         SliceOptions options;
+        options.legend = false;
         options.axis = axis, options.at = at, options.size = size;
         return errorOf<InputError>([&] { sliceImage(*volume, options); });
     };

@@ -1,6 +1,7 @@
 #include "io/error.h"
 #include "io/level_set_from_shape.h"
 #include "io/render.h"
+#include "io/render_shading.h"
 #include "io/volume_builder.h"
 #include "support/files.h"
 #include "support/jobs.h"
@@ -62,6 +63,7 @@ RenderOptions optionsOf(int size, io::View const& view = {0, 0}, SurfaceColour c
     options.size = size;
     options.view = view;
     options.colour = colour;
+    options.legend = false;
     return options;
 }
 
@@ -233,6 +235,75 @@ TYPED_TEST(Render, leaves_what_is_hidden_from_the_lamp_in_the_dark)
         return least;
     };
     EXPECT_LT(darkest(both), darkest(alone) - 100);
+}
+
+TYPED_TEST(Render, with_z_up_looks_at_a_turned_world_as_without_at_the_world)
+{
+    using Tr = TypeParam;
+    // Where y points up lies z in the other world, and -y where z looks at the viewer.
+    const auto turned = [](io::TriangleMesh mesh) {
+        for (float3& v : mesh.vertices) v = {v.x, -v.z, v.y};
+        return mesh;
+    };
+    const auto mesh = joined(boxMesh({-1, -1, -1}, {1, -0.5f, 1}), boxMesh({0.5f, -0.6f, -1}, {1, 1, -0.5f}));
+    RenderOptions options = optionsOf(150, {-30, 20});
+    const Image world = renderImage(*levelSetOf<Tr>(mesh, 0.05f), options);
+    options.view.up = io::UpAxis::kZ;
+    const Image other = renderImage(*levelSetOf<Tr>(turned(mesh), 0.05f), options);
+    ASSERT_EQ(world.width, other.width);
+    ASSERT_EQ(world.height, other.height);
+    // Normals are colours and turn with the world: red stays, blue becomes the opposite of green, green becomes blue.
+    int different = 0;
+    for (int y = 0; y < world.height; ++y)
+        for (int x = 0; x < world.width; ++x) {
+            const Rgb a = colourAt(world, x, y), b = colourAt(other, x, y);
+            const bool isBackground = a == colourAt(world, 0, y);
+            const Rgb expected = isBackground ? a : Rgb{a[0], 255 - a[2], a[1]};
+            for (std::size_t c = 0; c < 3; ++c) different += std::abs(expected[c] - b[c]) > 6;
+        }
+    // Pixels at edges hold parts of the background, which does not turn.
+    EXPECT_LT(different, 3 * 0.04 * world.width * world.height);
+}
+
+TYPED_TEST(Render, has_a_legend_of_the_voxel_sizes_that_are_seen_or_of_the_range_of_a_property)
+{
+    using Tr = TypeParam;
+    const auto volume = withProperty<Tr, float>(
+        levelSetOfShape<Tr>(io::Sphere{{0, 0, 0}, 1}, 0.125f, io::FinerBox{{0, -2, -2}, {2, 2, 2}, 1}), "heat",
+        [](float3 const& p) { return 500.0f * p.x; });
+    const auto coloursBeside = [](Image const& image, auto const& colour) {
+        // To the right of the picture of a ball, which is as wide as it is high.
+        int count = 0;
+        for (int y = 0; y < image.height; ++y)
+            for (int x = image.height; x < image.width; ++x) {
+                const Rgb c = colourAt(image, x, y);
+                count += c[0] == colour[0] && c[1] == colour[1] && c[2] == colour[2];
+            }
+        return count;
+    };
+    RenderOptions options = optionsOf(400, {0, 0}, SurfaceColour::kDepth);
+    options.legend = true;
+    const Image depths = renderImage(*volume, options);
+    EXPECT_EQ(depths.width, 400);
+    for (int coarser = 0; coarser < 2; ++coarser)
+        EXPECT_GT(coloursBeside(depths, io::toBytes(io::depthMaterial(coarser))), 60) << coarser;
+    EXPECT_EQ(coloursBeside(depths, io::toBytes(io::depthMaterial(2))), 0);
+    options.colour = SurfaceColour::kProperty;
+    options.property = "heat";
+    const Image heat = renderImage(*volume, options);
+    EXPECT_EQ(heat.width, 400);
+    // The middle of the scale: rows of the bar, a pixel high, hold shares that are less than a two hundredth apart.
+    int green = 0;
+    for (int n = 0; n <= 20; ++n) green += coloursBeside(heat, io::toBytes(io::scaleMaterial(0.5 + 0.001 * (n - 10))));
+    EXPECT_GT(green, 5);
+    // What needs no explanation has none, and small pictures have no room.
+    options.colour = SurfaceColour::kPlain;
+    EXPECT_NEAR(renderImage(*volume, options).height, 400, 2);
+    options.colour = SurfaceColour::kDepth;
+    options.size = 239;
+    const Image small = renderImage(*volume, options);
+    options.legend = false;
+    EXPECT_EQ(small.rgb, renderImage(*volume, options).rgb);
 }
 
 TYPED_TEST(Render, is_the_same_on_any_number_of_threads)

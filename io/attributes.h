@@ -17,6 +17,16 @@ unsigned char byteOf(float value);
 /// The colours of a text format, three sRGB codes for each vertex: from 0 to 1, or to 255 where one is above 1.
 Attribute colorsFromCodes(std::vector<float> codes);
 
+/// Vectors as an attribute of three components.
+template <class Vectors> Attribute vectorAttribute(std::string const& name, Vectors const& vectors)
+{
+    Attribute attribute{name, 3, {}};
+    attribute.values.reserve(3 * vectors.size());
+    for (auto const& v : vectors)
+        for (int axis = 0; axis < 3; ++axis) attribute.values.push_back(v[axis]);
+    return attribute;
+}
+
 /// Numbers by column, the form that text and binary tables share.
 struct AttributeTable {
     std::vector<std::string> names;

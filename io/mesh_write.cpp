@@ -62,20 +62,11 @@ void writeObj(std::ostream& out, TriangleMesh const& mesh, Attribute const* colo
     }
 }
 
-Attribute attributeOf(std::string const& name, std::vector<float3> const& vectors)
-{
-    Attribute attribute{name, 3, {}};
-    attribute.values.reserve(3 * vectors.size());
-    for (float3 const& v : vectors)
-        for (int axis = 0; axis < 3; ++axis) attribute.values.push_back(v[axis]);
-    return attribute;
-}
-
 AttributeTable tableOf(TriangleMesh const& mesh, Attributes const& attributes)
 {
     AttributeTable table;
-    addColumns(table, attributeOf(Ostara::Geometry::sPointPosition.str(), mesh.vertices));
-    if (mesh.hasNormals()) addColumns(table, attributeOf("normal", mesh.normals));
+    addColumns(table, vectorAttribute(Ostara::Geometry::sPointPosition.str(), mesh.vertices));
+    if (mesh.hasNormals()) addColumns(table, vectorAttribute("normal", mesh.normals));
     for (Attribute const* attribute : attributes) addColumns(table, *attribute);
     return table;
 }

@@ -29,15 +29,6 @@ template <class T> Corvid::Array<T> const* arrayOf(Corvid::Any const& entry, std
     return array;
 }
 
-Attribute attributeOf(std::string const& name, Corvid::Array<float3> const& values)
-{
-    Attribute attribute{name, 3, {}};
-    attribute.values.reserve(3 * values.size());
-    for (float3 const& v : values)
-        for (int axis = 0; axis < 3; ++axis) attribute.values.push_back(v[axis]);
-    return attribute;
-}
-
 }  // namespace
 
 bool isPointCloud(Ostara::Object const& object) { return Ostara::Object::isA(object, *Ostara::Geometry::getPointCloudPrototype()); }
@@ -68,14 +59,14 @@ AttributeTable tableOf(Ostara::Object const& points, Corvid::RuntimeServices con
     auto const* positions = points.get<Corvid::Array<float3>>(sPointPosition);
     if (!positions) throw InputError("the points have no positions");
     AttributeTable table;
-    addColumns(table, attributeOf(sPointPosition.str(), *positions));
+    addColumns(table, vectorAttribute(sPointPosition.str(), *positions));
     for (auto const& [name, entry] : points.entries()) {
         if (name == sPointPosition) continue;
         if (auto const* scalars = arrayOf<float>(entry, name.str(), positions->size())) {
             table.names.push_back(name.str() == kRadius ? "radius" : name.str());
             table.columns.emplace_back(scalars->begin(), scalars->end());
         } else if (auto const* vectors = arrayOf<float3>(entry, name.str(), positions->size())) {
-            addColumns(table, attributeOf(name.str(), *vectors));
+            addColumns(table, vectorAttribute(name.str(), *vectors));
         } else {
             services.message(Severity::kWarning, "attribute '" + name.str() + "' is left out: its values are neither float nor float3");
         }

@@ -3,6 +3,7 @@
 #include "io/mesh.h"
 #include "support/files.h"
 #include "support/gltf_text.h"
+#include "support/mesh_files.h"
 #include "support/meshes.h"
 
 #include <assimp/Importer.hpp>
@@ -22,15 +23,6 @@ using Ostara::Math::double3;
 using Ostara::Math::float3;
 using Ostara::Math::int3;
 
-bool sameMesh(TriangleMesh const& a, TriangleMesh const& b)
-{
-    if (a.triangles.size() != b.triangles.size()) return false;
-    for (std::size_t t = 0; t < a.triangles.size(); ++t)
-        for (int c = 0; c < 3; ++c)
-            if (!(a.vertices[a.triangles[t][c]] == b.vertices[b.triangles[t][c]])) return false;
-    return true;
-}
-
 /// The value of an attribute at a corner of a triangle.
 std::vector<float> valueAt(TriangleMesh const& mesh, std::string const& name, std::size_t triangle, int corner)
 {
@@ -41,14 +33,6 @@ std::vector<float> valueAt(TriangleMesh const& mesh, std::string const& name, st
             return {first, first + attribute.components};
         }
     return {};
-}
-
-std::string complaintAbout(TestFolder const& folder, std::string const& name, std::string const& content, std::uint64_t maxBytes = 0)
-{
-    const std::string path = folder.write(name, content);
-    const std::string text = errorOf<InputError>([&] { readMesh(path, maxBytes, {}); });
-    EXPECT_TRUE(contains(text, path)) << "the message does not name the file: " << text;
-    return text;
 }
 
 const std::string kPlyHead = "ply\nformat ascii 1.0\n";

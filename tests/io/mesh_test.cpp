@@ -2,6 +2,7 @@
 #include "io/level_set_from_mesh.h"
 #include "io/mesh.h"
 #include "support/files.h"
+#include "support/mesh_files.h"
 #include "support/meshes.h"
 #include "support/paths.h"
 #include "support/structures.h"
@@ -48,26 +49,6 @@ std::string textPly(std::string const& vertices, int vertexCount, std::string co
     return "ply\nformat ascii 1.0\nelement vertex " + std::to_string(vertexCount)
         + "\nproperty float x\nproperty float y\nproperty float z\nelement face " + std::to_string(faceCount)
         + "\nproperty list uchar int vertex_indices\nend_header\n" + vertices + faces;
-}
-
-bool sameMesh(TriangleMesh const& a, TriangleMesh const& b)
-{
-    // By the places of corners: the order of vertices is the reader's.
-    if (a.triangles.size() != b.triangles.size()) return false;
-    for (std::size_t t = 0; t < a.triangles.size(); ++t)
-        for (int c = 0; c < 3; ++c)
-            if (!(a.vertices[a.triangles[t][c]] == b.vertices[b.triangles[t][c]])) return false;
-    return true;
-}
-
-/// What reading a file with that content says.
-std::string complaintAbout(TestFolder const& folder, std::string const& name, std::string const& content,
-                           std::uint64_t maxBytes = 0)
-{
-    const std::string path = folder.write(name, content);
-    const std::string text = errorOf<InputError>([&] { readMesh(path, maxBytes, {}); });
-    EXPECT_TRUE(contains(text, path)) << "the message does not name the file: " << text;
-    return text;
 }
 
 TEST(MeshReader, reads_the_bunny_closed_and_manifold)

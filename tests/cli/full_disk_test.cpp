@@ -18,9 +18,9 @@ TEST(FullDisk, ends_every_writer_with_the_reason_and_leaves_the_old_file)
     std::ofstream(folder.path("p.csv")) << places;
     const Words sphere = {"sphere", "radius=1", "voxel=0.04", "!"}, cloud = {"read", "p.csv", "!"};
     const std::pair<Words, std::string> writers[] = {
-        {sphere, "flat.vdb"},    {sphere, "levels.vdb"}, {sphere, "mesh.ply"},  {sphere, "mesh.obj"},
-        {sphere, "picture.png"}, {sphere, "values.csv"}, {cloud, "points.csv"}, {cloud, "points.ply"},
-        {cloud, "points.vdb"},   {sphere, "graph.json"},
+        {sphere, "flat.vdb"},  {sphere, "levels.vdb"}, {sphere, "mesh.ply"},    {sphere, "mesh.stl"},
+        {sphere, "mesh.glb"},  {sphere, "mesh.obj"},   {sphere, "picture.png"}, {sphere, "values.csv"},
+        {cloud, "points.csv"}, {cloud, "points.ply"},  {cloud, "points.vdb"},   {sphere, "graph.json"},
     };
     for (auto const& [source, file] : writers) {
         SCOPED_TRACE(file);

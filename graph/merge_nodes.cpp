@@ -88,7 +88,7 @@ Result runMerge(StepContext& step)
     Corvid::Ptr<Ostara::Object> merged = merge(step, volumes, choice);
     if (merged && merged->native() && choice.parameters.enableAdaptivity && choice.bytes) {
         choice.bytes->adaptive = double(io::contentBytes(*merged));
-        if (choice.bytes->adaptive > choice.bytes->plain) {  // the estimate was too low, by no more than it scatters
+        if (choice.bytes->adaptive > choice.bytes->plain) {  // the estimate was too low
             choosePlain(choice);
             merged = merge(step, volumes, choice);
         }

@@ -65,7 +65,7 @@ TEST(Merge, leaves_what_validate_calls_good_also_from_a_file_of_levels)
             const Words merge = {"sphere", "radius=1", "voxel=0.05", "as=a", "!", "fog", "a", "keep=yes", "as=f", "!",
                                  "box", "min=-0.3,-0.3,-0.3", "max=1.2,1.2,1.2", voxel, "as=b", "!", "merge", "b", "f", adaptive, "as=m", "!"};
             Words checked = merge;
-            for (std::string const& word : {"validate", "m", "!", "write", "m", file.c_str(), "layout=levels"}) checked.push_back(word);
+            for (char const* word : {"validate", "m", "!", "write", "m", file.c_str(), "layout=levels"}) checked.push_back(word);
             const std::string report = outcomeOf(checked).results + outcomeOf({"read", file, "!", "validate"}).results;
             EXPECT_TRUE(contains(report, "verdict     good")) << report;
             EXPECT_FALSE(contains(report, "verdict     wrong")) << report;

@@ -74,7 +74,7 @@ private:
         }
         if (NodeInfo const* node = findNode(step.node)) {
             placeWords(step, *node, positional);
-            readFiles(step, *node);
+            if (!standInForFile(step, *node)) readFiles(step, *node);
         }
         if (!step.as.empty()) results_.push_back(step.as);
         graph_.steps.push_back(std::move(step));
@@ -126,6 +126,21 @@ private:
         for (ParameterInfo const& parameter : node.parameters)
             if (parameter.positional) text += (text.empty() ? "" : " ") + parameter.name;
         return text.empty() ? "none" : text;
+    }
+
+    /// `info mesh.obj` describes the file; with parameters that only reading knows, as voxel=0.1, what it reads as.
+    bool standInForFile(Step& step, NodeInfo const& node) const
+    {
+        NodeInfo const* other = node.forFiles.empty() ? nullptr : findNode(node.forFiles);
+        if (!other || step.inputs.size() != 1 || contains(results_, step.inputs.front())) return false;
+        std::string const& file = step.inputs.front();
+        const auto isOthers = [other](auto const& entry) { return other->parameter(entry.first) != nullptr; };
+        if (!contains(other->parameter("file")->endings, endingOf(file)) || !std::all_of(step.parameters.begin(), step.parameters.end(), isOthers))
+            return false;
+        step.node = other->name;
+        step.parameters.insert(step.parameters.begin(), {"file", file});
+        step.inputs.clear();
+        return true;
     }
 
     /// Puts a read step before this one for each input that is a file.

@@ -38,6 +38,14 @@ std::vector<std::string> endingsThatAny(std::vector<bool io::FileFormat::*> cons
     return endings;
 }
 
+/// The choice of `up` that is not the world's own.
+constexpr int kUpZ = 1;
+
+ParameterInfo upParameter(char const* help)
+{
+    return {.name = "up", .type = ParameterType::kEnum, .help = help, .defaultText = "y", .choices = {"y", "z"}, .onlyFor = kMeshEndings};
+}
+
 io::MeshTransform placementOf(Arguments const& arguments)
 {
     io::MeshTransform placement;
@@ -52,11 +60,16 @@ io::MeshTransform placementOf(Arguments const& arguments)
 Result readMeshFile(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
-    if (!step.arguments.has("voxel")) throw UsageError("'voxel' is missing. Give voxel=length: size of a voxel of the band.");
+    if (!step.arguments.has("voxel") && !step.arguments.has("voxels"))
+        throw UsageError("'voxel' is missing. Give voxel=length: size of a voxel of the band; or voxels=int: how many lie along the longest side.");
     io::TriangleMesh mesh = io::readMesh(file, step.maxBytes, step.services);
+    if (step.arguments.choice("up") == kUpZ) io::turnUpFromZ(mesh);
     io::transformMesh(mesh, placementOf(step.arguments));
     if (!step.arguments.flag("attributes")) mesh.attributes.clear(), mesh.attributeCorners.clear();
-    return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, levelSetOptions(step), step.services)}};
+    io::LevelSetOptions options = levelSetOptions(step, io::longestSide(mesh));
+    const Length thickness = step.arguments.length("thickness");
+    options.thickness = thickness.value * (thickness.unit == LengthUnit::kVoxels ? double(options.voxelSize) : 1.0);
+    return {{std::filesystem::path(file).stem().string(), io::levelSetFromMesh(mesh, options, step.services)}};
 }
 
 Result readVolumeFile(StepContext& step)
@@ -106,6 +119,7 @@ Result runWrite(StepContext& step)
     } else {
         io::TriangleMesh surface = io::extractSurface(volume);
         io::addPropertiesAtVertices(surface, volume);
+        if (step.arguments.choice("up") == kUpZ) io::turnUpToZ(surface);
         // A cancelled run must not replace a file any more.
         if (Corvid::isJobCancelled()) return {};
         createParentFolders(file);
@@ -129,8 +143,13 @@ NodeInfo readNode()
     std::ranges::copy(kVolumeEndings, std::back_inserter(voxel.onlyFor));
     // A .ply file without faces holds points.
     voxel.optionalFor = {".ply", ".vdb"};
+    std::ranges::find(node.parameters, "voxels", &ParameterInfo::name)->optionalFor = {".ply"};
     const std::vector<ParameterInfo> others = {
+        {.name = "thickness", .type = ParameterType::kLength,
+         .help = "total thickness of a shell around the surface, for meshes that are not closed, as leaves and car bodies; 0: the mesh bounds a solid",
+         .unit = "world units, or voxels as in 3vx", .defaultText = "0", .range = {.min = 0}, .onlyFor = kMeshEndings},
         structureParameter(),
+        upParameter("axis of the mesh that points up, which is y in the world: z turns the mesh by -90 degrees around x before all else"),
         {.name = "scale", .type = ParameterType::kVector, .help = "factor of the mesh about the origin, one or three along x,y,z; before it is turned",
          .defaultText = "1", .onlyFor = kMeshEndings},
         {.name = "rotate", .type = ParameterType::kVector,
@@ -163,6 +182,7 @@ NodeInfo writeNode()
          .help = "flat: one grid of the finest voxels for each property, for any program; levels: one for each property and depth, which "
                  "keeps all voxel sizes and reads back as it was",
          .defaultText = "flat", .choices = {"flat", "levels"}, .onlyFor = kVolumeEndings},
+        upParameter("axis of the mesh written that points up, which is y in the world"),
     };
     return node;
 }

@@ -28,7 +28,8 @@ Json parameterToJson(ParameterInfo const& parameter)
     Json object = {{"name", parameter.name}, {"type", typeName(parameter.type)}, {"help", parameter.help}};
     if (!parameter.unit.empty()) object["unit"] = parameter.unit;
     if (parameter.defaultText) object["default"] = *parameter.defaultText;
-    object["required"] = !parameter.defaultText;
+    object["required"] = !parameter.defaultText && parameter.insteadOf.empty();
+    if (!parameter.insteadOf.empty()) object["instead_of"] = parameter.insteadOf;
     if (parameter.positional) object["positional"] = true;
     if (std::isfinite(parameter.range.min)) object[parameter.range.aboveMin ? "above" : "min"] = parameter.range.min;
     if (std::isfinite(parameter.range.max)) object["max"] = parameter.range.max;
@@ -52,11 +53,17 @@ std::string useLine(NodeInfo const& node)
     for (InputInfo const& input : node.inputs) line += " " + inputWord(input);
     for (ParameterInfo const& parameter : node.parameters)
         if (parameter.positional) line += " " + parameter.name;
-    for (ParameterInfo const& parameter : node.parameters)
-        if (!parameter.positional)
+    for (ParameterInfo const& parameter : node.parameters) {
+        if (parameter.positional) continue;
+        ParameterInfo const* other = parameter.insteadOf.empty() ? nullptr : node.parameter(parameter.insteadOf);
+        if (other && other < &parameter) continue;
+        if (other)
+            line += " " + parameter.name + "=...|" + other->name + "=...";
+        else
             line += parameter.type == ParameterType::kBool ? " [--" + parameter.name + "]"
                     : parameter.defaultText                ? " [" + parameter.name + "=...]"
                                                            : " " + parameter.name + "=...";
+    }
     return line + (node.hasResult ? " [as=NAME]" : "");
 }
 
@@ -73,7 +80,9 @@ std::string detailOf(ParameterInfo const& parameter)
     if (const std::string range = rangeText(parameter.range); !range.empty()) details.push_back(range);
     if (!parameter.onlyFor.empty()) details.push_back("only for " + listed(parameter.onlyFor));
     if (!parameter.needs.empty()) details.push_back("only with " + parameter.needs);
-    if (!parameter.defaultText)
+    if (!parameter.insteadOf.empty())
+        details.push_back("this or " + parameter.insteadOf + " must be given");
+    else if (!parameter.defaultText)
         details.push_back("must be given");
     else if (!parameter.defaultText->empty())
         details.push_back("default " + *parameter.defaultText);

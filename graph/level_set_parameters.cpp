@@ -39,7 +39,14 @@ std::vector<ParameterInfo> levelSetParameters(std::vector<std::string> const& on
          .unit = "world units",
          .range = {.min = 0, .aboveMin = true},
          .onlyFor = onlyFor,
+         .insteadOf = "voxels",
          .voxelsAllowed = false},
+        {.name = "voxels",
+         .type = ParameterType::kInt,
+         .help = "how many of them lie along the longest side of the box around it",
+         .range = {.min = 1, .max = 1e8},
+         .onlyFor = onlyFor,
+         .insteadOf = "voxel"},
         {.name = "band",
          .type = ParameterType::kLength,
          .help = "half width of the band around the surface",
@@ -84,12 +91,13 @@ io::Structure structureOf(Arguments const& arguments)
     return arguments.choice("structure") == 0 ? io::Structure::kBinary : io::Structure::kQuinary;
 }
 
-io::LevelSetOptions levelSetOptions(StepContext const& step)
+io::LevelSetOptions levelSetOptions(StepContext const& step, double longestSide)
 {
-    const Length voxel = step.arguments.length("voxel"), band = step.arguments.length("band");
+    const Length band = step.arguments.length("band");
+    const double voxel = step.arguments.has("voxels") ? longestSide / double(step.arguments.integer("voxels")) : step.arguments.length("voxel").value;
     io::LevelSetOptions options;
-    options.voxelSize = float(voxel.value);
-    options.bandVoxels = float(band.unit == LengthUnit::kVoxels ? band.value : band.value / voxel.value);
+    options.voxelSize = float(voxel);
+    options.bandVoxels = float(band.unit == LengthUnit::kVoxels ? band.value : band.value / voxel);
     options.structure = structureOf(step.arguments);
     options.maxBytes = step.maxBytes;
     options.finer = finerBox(step.arguments);

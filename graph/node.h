@@ -49,6 +49,8 @@ struct NodeInfo {
     std::vector<ParameterInfo> parameters = {};
     /// Whether later steps can use what it leaves.
     bool hasResult = true;
+    /// In a chain, the node that stands in for this one where its only input is a file of that node and all parameters are that node's.
+    std::string forFiles = "";
     /// \throws io::InputError for what cannot be served, UsageError for parameters that do not fit what the inputs turned out
     ///         to be. Errors of the node itself come as messages.
     Result (*run)(StepContext& step) = nullptr;

@@ -34,13 +34,13 @@ void makeNamesDistinct(Result& volumes);
 /// \throws UsageError if there are as many as do not fit
 std::optional<Ostara::Math::double3> vectorOfThree(Arguments const& arguments, std::string const& parameter, bool oneForAll = false);
 
-/// The parameters by which nodes that make a level set say how: voxel, band, inside, levels.
+/// The parameters by which nodes that make a level set say how: voxel or voxels, band, inside, levels.
 /// \param onlyFor  as in `ParameterInfo`
 std::vector<ParameterInfo> levelSetParameters(std::vector<std::string> const& onlyFor = {});
 ParameterInfo structureParameter();
 io::Structure structureOf(Arguments const& arguments);
-/// What those parameters say.
-io::LevelSetOptions levelSetOptions(StepContext const& step);
+/// What those parameters say. \param longestSide  of what the level set is of, in world units
+io::LevelSetOptions levelSetOptions(StepContext const& step, double longestSide);
 
 /// The parameters that pictures share.
 ParameterInfo upAxisParameter();

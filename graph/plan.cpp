@@ -111,6 +111,8 @@ private:
                             (node.parameters.empty() ? " It has none." : " It has " + listed(node.parameterNames()) + "."));
             else if (!applies(*parameter, file))
                 stepProblem("'" + name + "' means nothing for '" + *file + "': it is for " + listed(parameter->onlyFor) + ". Leave it out.");
+            else if (!parameter->insteadOf.empty() && step.parameter(parameter->insteadOf) && seen.contains(parameter->insteadOf))
+                stepProblem("'" + name + "' and '" + parameter->insteadOf + "' say the same. Give one of them.");
             else if (!parameter->needs.empty() && !step.parameter(parameter->needs))
                 stepProblem("'" + name + "' means nothing without '" + parameter->needs + "'. Give both, or leave it out.");
             else if (name == "format" && step.parameter("file") && *step.parameter("file") != kStandardStream)
@@ -119,7 +121,7 @@ private:
                 setArgument(*parameter, fileName(step, *parameter, value), arguments);
         }
         for (ParameterInfo const& parameter : node.parameters)
-            if (!seen.contains(parameter.name)) setDefault(parameter, file, arguments);
+            if (!seen.contains(parameter.name) && !seen.contains(parameter.insteadOf)) setDefault(node, parameter, file, arguments);
     }
 
     /// The file of the step, if its format is known; another problem is reported with the parameter.
@@ -154,7 +156,7 @@ private:
         }
     }
 
-    void setDefault(ParameterInfo const& parameter, std::string const* file, Arguments& arguments)
+    void setDefault(NodeInfo const& node, ParameterInfo const& parameter, std::string const* file, Arguments& arguments)
     {
         const bool isNone = parameter.defaultText && parameter.defaultText->empty();
         if (isNone && parameter.type == ParameterType::kVector)
@@ -168,8 +170,18 @@ private:
         else if (file && contains(parameter.optionalFor, endingOf(*file)))
             return;
         else if (parameter.onlyFor.empty() || (file && applies(parameter, file)))
-            stepProblem("'" + parameter.name + "' is missing. Give " + parameter.name + "=" +
-                        (parameter.choices.empty() ? typeName(parameter.type) : listed(parameter.choices)) + ": " + parameter.help + ".");
+            reportMissing(node, parameter);
+    }
+
+    /// Of two that stand for each other, the first speaks for both.
+    void reportMissing(NodeInfo const& node, ParameterInfo const& parameter)
+    {
+        ParameterInfo const* other = parameter.insteadOf.empty() ? nullptr : node.parameter(parameter.insteadOf);
+        if (other && other < &parameter) return;
+        const auto asked = [](ParameterInfo const& missing) {
+            return missing.name + "=" + (missing.choices.empty() ? typeName(missing.type) : listed(missing.choices)) + ": " + missing.help;
+        };
+        stepProblem("'" + parameter.name + "' is missing. Give " + asked(parameter) + (other ? "; or " + asked(*other) : "") + ".");
     }
 
     void addResult(Step const& step, NodeInfo const* node, std::size_t index)

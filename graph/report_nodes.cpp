@@ -6,13 +6,17 @@
 #include "io/atomic_file.h"
 #include "io/check.h"
 #include "io/compare.h"
+#include "io/formats.h"
 #include "io/info.h"
+#include "io/mesh_info.h"
+#include "io/points.h"
 #include "io/sample.h"
 #include "io/text.h"
 #include "io/slice.h"
 
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <ostream>
 
 namespace tilegrid::graph {
@@ -37,7 +41,23 @@ template <class Report> void print(StepContext& step, std::string const& name, R
 
 Result runInfo(StepContext& step)
 {
-    for (io::NamedVolume const& volume : step.inputs[0]) print(step, volume.name, io::describeVolume(*volume.volume));
+    for (io::NamedVolume const& volume : step.inputs[0]) {
+        if (io::isPointCloud(*volume.volume))
+            print(step, volume.name, io::describePoints(*volume.volume));
+        else
+            print(step, volume.name, io::describeVolume(*volume.volume));
+    }
+    return {};
+}
+
+Result runInfoFile(StepContext& step)
+{
+    std::string const& file = step.arguments.text("file");
+    const std::string name = std::filesystem::path(file).stem().string();
+    if (io::holdsPoints(file))
+        print(step, name, io::describePoints(*io::readPoints(file, step.maxBytes)));
+    else
+        print(step, name, io::describeMesh(io::readMesh(file, step.maxBytes, step.services)));
     return {};
 }
 
@@ -131,8 +151,20 @@ Result runSlice(StepContext& step)
 NodeInfo infoNode()
 {
     NodeInfo node{.name = "info", .help = "prints what a volume holds: voxel size, tiles by depth, properties, volume and area", .hasResult = false, .run = runInfo};
-    node.inputs = {{.name = "volume", .help = "a volume, or all volumes of a file", .several = true}};
+    node.inputs = {{.name = "volume", .help = "a volume, or all volumes of a file; a file of a mesh or points without voxel=...: see info_file", .several = true}};
     node.parameters = {jsonParameter()};
+    node.forFiles = "info_file";
+    return node;
+}
+
+NodeInfo infoFileNode()
+{
+    NodeInfo node{.name = "info_file", .help = "prints what a file of a mesh or of points holds: bounds, counts, area, volume, and whether a mesh is closed",
+                  .hasResult = false, .run = runInfoFile};
+    std::vector<std::string> endings = io::endingsThat(&io::FileFormat::readsMeshes);
+    endings.push_back(".csv");
+    node.parameters = {{.name = "file", .type = ParameterType::kInputFile, .help = "the file", .positional = true, .endings = std::move(endings)},
+                       jsonParameter()};
     return node;
 }
 
@@ -222,7 +254,7 @@ NodeInfo compareNode()
 
 std::vector<NodeInfo> reportNodes()
 {
-    return {infoNode(), validateNode(), slopeNode(), sliceNode(), sampleNode(), compareNode()};
+    return {infoNode(), infoFileNode(), validateNode(), slopeNode(), sliceNode(), sampleNode(), compareNode()};
 }
 
 }  // namespace tilegrid::graph

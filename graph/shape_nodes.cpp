@@ -10,7 +10,7 @@ namespace {
 
 Result levelSetOf(StepContext& step, std::string const& name, io::Shape const& shape)
 {
-    return {{name, io::levelSetFromShape(shape, levelSetOptions(step))}};
+    return {{name, io::levelSetFromShape(shape, levelSetOptions(step, io::longestSide(shape)))}};
 }
 
 Result runSphere(StepContext& step)

@@ -61,6 +61,9 @@ struct ParameterInfo {
     std::vector<std::string> onlyFor = {};
     /// Means something only together with the parameter of this name; empty: always.
     std::string needs = "";
+    /// The name of another parameter that says the same in another way, and names this one likewise: exactly one of both is given, and
+    /// the other is missing in `Arguments`. Without defaults.
+    std::string insteadOf = "";
     /// Of these: files that need it or not, depending on their content. Without a default it is then missing in `Arguments`.
     std::vector<std::string> optionalFor = {};
     /// What a length without a unit counts.

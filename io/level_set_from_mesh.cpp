@@ -1,13 +1,19 @@
 #include "io/level_set_from_mesh.h"
 
+#include "TilegridOps/host/geometry.h"
+#include "TilegridOps/substrate/channel.h"
+#include "TilegridOps/substrate/container.h"
 #include "io/error.h"
 #include "io/level_set_build.h"
+#include "io/mesh_clean.h"
 #include "io/mesh_distance.h"
 #include "io/mesh_properties.h"
+#include "io/text.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <numbers>
 
 namespace tilegrid::io {
 
@@ -67,20 +73,84 @@ TriangleTree treeInTileSpace(TriangleMesh const& mesh, double voxelSize)
     return TriangleTree(vertices, mesh.triangles);
 }
 
-template <class Tr>
-Corvid::Ptr<Ostara::Object> levelSet(TriangleMesh const& mesh, LevelSetOptions const& options,
-                                     Corvid::RuntimeServices const& services)
+template <class Tr> bool anyInside(Ostara::Object const& volume)
 {
-    checkMesh(mesh);
+    using Ostara::Geometry::sVoxelSignedDistance, Ostara::Geometry::sVoxelTileTree;
+    const auto tree = volume.native()->template component<Container<Tr>>(sVoxelTileTree);
+    const auto values = volume.native()->template component<Channel<Tr, float, Tr::width, 0>>(sVoxelSignedDistance);
+    for (int depth = Tr::maxDepth; depth >= 0; --depth)
+        for (OST::int64 n = 0; n < tree->tileCount(depth); ++n) {
+            float const* value = values->tileData(n, depth).data();
+            if (std::any_of(value, value + Tr::voxelCount, [](float v) { return v < 0.0f; })) return true;
+        }
+    return false;
+}
+
+[[noreturn]] void refuseEmpty(MeshTopology const& edges)
+{
+    throw InputError("no voxel is inside the mesh" + (edges.closed() ? std::string(": it is closed, but thinner than the voxels, or its parts cancel. Use a smaller voxel size, or g")
+                                                                  : ": " + openEdgesText(edges) + ". G")
+                     + "ive it a thickness (thickness=2vx and more) to make a shell around its surface");
+}
+
+void checkThickness(double thickness, double voxelSize)
+{
+    if (!(thickness >= 0.0) || !std::isfinite(thickness)) throw InputError("the thickness is " + number(thickness) + ": give a positive number");
+    if (thickness > 0.0 && thickness < kMinShellVoxels * voxelSize * (1.0 - 1e-6))  // a length in voxels comes as a product of floats
+        throw InputError("the shell is " + number(thickness / voxelSize) + " voxels thick, and would have holes: give it a thickness of "
+                         + number(kMinShellVoxels) + " voxels (" + number(kMinShellVoxels * voxelSize) + ") or more, or use smaller voxels");
+}
+
+/// What is known of the shell around a surface. Its area is that of both sides, of half a tube along each rim, and of a ball.
+SurfaceExtent shellExtent(SurfaceExtent const& surface, double rim, double thickness)
+{
+    const double half = 0.5 * thickness, ends = std::numbers::pi * (half * rim + 4.0 * half * half);
+    SurfaceExtent shell{"shell", surface.low - double3(half), surface.high + double3(half), 2.0 * surface.area + ends, {}};
+    shell.areaIn = [&surface, half, ends](FinerBox const& finer) {
+        FinerBox wider = finer;
+        wider.low = finer.low - double3(half);
+        wider.high = finer.high + double3(half);
+        return 2.0 * surface.areaIn(wider) + ends;
+    };
+    return shell;
+}
+
+template <class Tr> Corvid::Ptr<Ostara::Object> shellLevelSet(TriangleMesh mesh, LevelSetOptions const& options)
+{
+    checkThickness(options.thickness, options.voxelSize);
+    dropRepeatedTriangles(mesh, TwinRule::kKeepOne);
+    const SurfaceExtent extent = extentOf(mesh);
+    checkLevelSetOptions<Tr>(shellExtent(extent, meshTopology(mesh).openLength, options.thickness), options);
+    const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
+    return buildLevelSet<Tr>(ShellDistance(surface, 0.5 * options.thickness / finestVoxel<Tr>(options)), options);
+}
+
+template <class Tr>
+Corvid::Ptr<Ostara::Object> solidLevelSet(TriangleMesh mesh, LevelSetOptions const& options, Corvid::RuntimeServices const& services)
+{
     const SurfaceExtent extent = extentOf(mesh);
     checkLevelSetOptions<Tr>(extent, options);
-    const MeshTopology edges = meshTopology(mesh);
+    // Copies of whole parts leave every edge balanced, and a copy of one triangle does not: either count may be the one that is meant.
+    MeshTopology edges = meshTopology(mesh);
+    dropRepeatedTriangles(mesh, TwinRule::kCancel);
+    const MeshTopology left = meshTopology(mesh);
+    if (!edges.closed()) edges = left;
+    if (mesh.triangles.empty()) refuseEmpty(edges);
+    const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
+    const auto volume = buildLevelSet<Tr>(MeshDistance(surface, left.closed()), options);
+    if (!anyInside<Tr>(*volume)) refuseEmpty(edges);
     if (!edges.closed())
         services.message(Severity::kWarning,
                          "the mesh is not closed: " + openEdgesText(edges)
                              + ". Assumed: what it winds around by more than one half is inside, so holes count as covered");
-    const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
-    return buildLevelSet<Tr>(MeshDistance(surface, edges.closed()), options);
+    return volume;
+}
+
+template <class Tr>
+Corvid::Ptr<Ostara::Object> levelSet(TriangleMesh const& mesh, LevelSetOptions const& options, Corvid::RuntimeServices const& services)
+{
+    checkMesh(mesh);
+    return options.thickness == 0.0 ? solidLevelSet<Tr>(mesh, options, services) : shellLevelSet<Tr>(mesh, options);
 }
 
 }  // namespace
@@ -90,7 +160,11 @@ Corvid::Ptr<Ostara::Object> levelSetFromMesh(TriangleMesh const& mesh, LevelSetO
 {
     auto volume = options.structure == Structure::kBinary ? levelSet<BinaryTraits>(mesh, options, services)
                                                           : levelSet<QuinaryTraits>(mesh, options, services);
-    return withMeshProperties(std::move(volume), mesh, options.maxBytes, services);
+    if (mesh.attributes.empty()) return volume;
+    checkAttributes(mesh);
+    TriangleMesh once = mesh;
+    dropRepeatedTriangles(once, TwinRule::kKeepOne);
+    return withMeshProperties(std::move(volume), once, options.maxBytes, services);
 }
 
 }  // namespace tilegrid::io

@@ -156,6 +156,13 @@ template <class Tr> Corvid::Ptr<Ostara::Object> levelSet(Shape const& shape, Lev
 
 }  // namespace
 
+double longestSide(Shape const& shape)
+{
+    const SurfaceExtent extent = std::visit([](auto const& s) { return checkedExtent(s); }, shape);
+    const double3 sides = extent.high - extent.low;
+    return std::max({sides.x, sides.y, sides.z});
+}
+
 double signedDistance(Shape const& shape, double3 const& place)
 {
     return std::visit([&place](auto const& s) { return distanceTo(s, place); }, shape);

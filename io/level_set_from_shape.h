@@ -26,6 +26,9 @@ using Shape = std::variant<Sphere, Box, Torus>;
 /// Signed distance to the surface of a shape, negative inside: exact up to the rounding of double.
 double signedDistance(Shape const& shape, Ostara::Math::double3 const& place);
 
+/// Of its box. \throws InputError for a shape that is empty or not finite
+double longestSide(Shape const& shape);
+
 /// A level set of a shape, as `levelSetFromMesh` makes it: the same tiles, distances at all depths, default value, finer box
 /// and limits.
 /// \throws InputError for a shape that is empty or not finite, and for options as there

@@ -33,6 +33,8 @@ struct MeshTopology {
     std::int64_t flippedEdges = 0;
     /// Of more than two triangles, open or not.
     std::int64_t nonManifoldEdges = 0;
+    /// Length of the open edges together.
+    double openLength = 0.0;
     bool closed() const { return openEdges == 0; }
 };
 

@@ -16,10 +16,10 @@ constexpr double kSameSideSlack = 1.0 + 1e-9;
 /// Up to so many triangles it is faster to try all of them at every sample than to search the tree for each (measured).
 constexpr int kFewTriangles = 48;
 
-}  // namespace
+using Ostara::Math::double3;
 
 /// The samples of one tile.
-class MeshDistance::Lattice {
+class Lattice {
 public:
     Lattice(double3 const& first, double spacing, int n) : first_(first), spacing_(spacing), n_(n) {}
 
@@ -61,6 +61,7 @@ public:
         }
     }
 
+    double unsignedAt(int n) const { return distance_[n]; }
     double at(int n) const { return inside_[n] ? -distance_[n] : distance_[n]; }
 
 private:
@@ -97,6 +98,8 @@ private:
     std::array<bool, kLargest> inside_;
 };
 
+}  // namespace
+
 DistanceSource::Nearest MeshDistance::nearest(double3 const& place, std::int32_t guess) const
 {
     const auto found = tree_.nearest(place, guess);
@@ -130,6 +133,32 @@ void MeshDistance::fill(double3 const& first, double spacing, int n, double unit
     lattice.findDistances(tree_);
     lattice.findSides(tree_, watertight_);
     for (int at = 0; at < n * n * n; ++at) values[at] = static_cast<float>(lattice.at(at) * unit);
+}
+
+DistanceSource::Nearest ShellDistance::nearest(double3 const& place, std::int32_t guess) const
+{
+    const auto found = tree_.nearest(place, guess);
+    const double beyond = std::sqrt(found.squaredDistance) - half_;
+    return {beyond * beyond, found.triangle};
+}
+
+bool ShellDistance::anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const
+{
+    for (int k = 0; k < n; ++k)
+        for (int j = 0; j < n; ++j)
+            for (int i = 0; i < n; ++i) {
+                const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
+                guess = found.triangle;
+                if (std::abs(std::sqrt(found.squaredDistance) - half_) <= reach) return true;
+            }
+    return false;
+}
+
+void ShellDistance::fill(double3 const& first, double spacing, int n, double unit, float* values) const
+{
+    Lattice lattice(first, spacing, n);
+    lattice.findDistances(tree_);
+    for (int at = 0; at < n * n * n; ++at) values[at] = static_cast<float>((lattice.unsignedAt(at) - half_) * unit);
 }
 
 }  // namespace tilegrid::io

@@ -16,9 +16,22 @@ public:
     void fill(double3 const& first, double spacing, int n, double unit, float* values) const override;
 
 private:
-    class Lattice;
     TriangleTree const& tree_;
     bool watertight_;
+};
+
+/// Signed distances of the shell of all places at most `half` (in tile space, positive) from a surface of triangles. Refers to the tree.
+class ShellDistance final : public DistanceSource {
+public:
+    ShellDistance(TriangleTree const& tree, double half) : tree_(tree), half_(half) {}
+
+    Nearest nearest(double3 const& place, std::int32_t guess) const override;
+    bool anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const override;
+    void fill(double3 const& first, double spacing, int n, double unit, float* values) const override;
+
+private:
+    TriangleTree const& tree_;
+    double half_;
 };
 
 }  // namespace tilegrid::io

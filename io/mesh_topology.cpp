@@ -6,11 +6,15 @@
 
 namespace tilegrid::io {
 
+using Ostara::Math::double3;
 using Ostara::Math::int3;
 
-MeshTopology meshTopology(TriangleMesh const& mesh)
+namespace {
+
+/// Calls `visit(low, high, forward, triangles)` for every edge, in the order of its vertices: how many triangles run along it, and
+/// how many of them from the lower vertex to the higher one.
+template <class Visit> void forEachEdge(TriangleMesh const& mesh, Visit visit)
 {
-    /// An edge with the lower vertex first, and whether a triangle runs along it that way.
     struct Edge {
         std::int32_t low, high;
         bool forward;
@@ -26,18 +30,27 @@ MeshTopology meshTopology(TriangleMesh const& mesh)
         }
     }
     std::sort(edges.begin(), edges.end());
-    MeshTopology result;
     for (std::size_t begin = 0, end; begin < edges.size(); begin = end) {
         std::int64_t forward = 0;
         for (end = begin; end < edges.size() && edges[end].low == edges[begin].low && edges[end].high == edges[begin].high; ++end)
             forward += edges[end].forward;
-        const auto triangles = static_cast<std::int64_t>(end - begin);
+        visit(edges[begin].low, edges[begin].high, forward, static_cast<std::int64_t>(end - begin));
+    }
+}
+
+}  // namespace
+
+MeshTopology meshTopology(TriangleMesh const& mesh)
+{
+    MeshTopology result;
+    forEachEdge(mesh, [&](std::int32_t low, std::int32_t high, std::int64_t forward, std::int64_t triangles) {
         const bool open = 2 * forward != triangles;
         ++result.edges;
         result.openEdges += open;
         result.flippedEdges += open && triangles % 2 == 0;
         result.nonManifoldEdges += triangles > 2;
-    }
+        if (open) result.openLength += length(double3(mesh.vertices[high]) - double3(mesh.vertices[low]));
+    });
     return result;
 }
 

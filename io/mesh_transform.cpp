@@ -3,6 +3,7 @@
 #include "io/error.h"
 #include "io/text.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -43,6 +44,29 @@ void checkTransform(MeshTransform const& transform)
 }
 
 }  // namespace
+
+void turnUpFromZ(TriangleMesh& mesh)
+{
+    for (auto* list : {&mesh.vertices, &mesh.normals})
+        for (float3& v : *list) v = {v.x, v.z, -v.y};
+}
+
+void turnUpToZ(TriangleMesh& mesh)
+{
+    for (auto* list : {&mesh.vertices, &mesh.normals})
+        for (float3& v : *list) v = {v.x, -v.z, v.y};
+}
+
+double longestSide(TriangleMesh const& mesh)
+{
+    double longest = 0.0;
+    for (int axis = 0; axis < 3; ++axis) {
+        const auto [low, high] = std::minmax_element(mesh.vertices.begin(), mesh.vertices.end(),
+                                                     [axis](float3 const& a, float3 const& b) { return a[axis] < b[axis]; });
+        if (!mesh.vertices.empty()) longest = std::max(longest, double((*high)[axis]) - double((*low)[axis]));
+    }
+    return longest;
+}
 
 double3 MeshTransform::operator()(double3 const& place) const
 {

@@ -17,6 +17,15 @@ struct MeshTransform {
     bool isIdentity() const;
 };
 
+/// Turns a mesh whose z axis points up so that its y axis does, as it is in the world of this library: x stays, z becomes y, y
+/// becomes -z. Exact; normals turn too.
+void turnUpFromZ(TriangleMesh& mesh);
+/// The way back.
+void turnUpToZ(TriangleMesh& mesh);
+
+/// Of the box around all vertices; 0 without any.
+double longestSide(TriangleMesh const& mesh);
+
 /// Places a mesh. Vertices are computed in double and rounded to float once; triangles keep their order and direction.
 /// \throws InputError for a scale that is not positive, for numbers that are not finite, and for a result that no float holds
 void transformMesh(TriangleMesh& mesh, MeshTransform const& transform);

@@ -18,7 +18,7 @@ public:
         /// What to hand in as the guess for a place near by. What it means is the source's own business.
         std::int32_t guess;
     };
-    /// The smallest distance to the surface. `guess`, 0 or that of a result for a place near by, only saves time.
+    /// The smallest distance to the surface, or less where finding it would take too long. `guess`, 0 or that of a result for a place near by, only saves time.
     virtual Nearest nearest(double3 const& place, std::int32_t guess) const = 0;
 
     /// Whether one of n^3 samples, the first at `first` and the next ones `spacing` apart along each axis, is at most

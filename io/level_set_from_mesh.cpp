@@ -64,13 +64,13 @@ SurfaceExtent extentOf(TriangleMesh const& mesh)
     return extent;
 }
 
-/// The surface in tile space, in double: float coordinates scaled without loss.
-TriangleTree treeInTileSpace(TriangleMesh const& mesh, double voxelSize)
+/// Vertices in tile space, in double: float coordinates scaled without loss.
+std::vector<double3> verticesInTileSpace(TriangleMesh const& mesh, double voxelSize)
 {
     std::vector<double3> vertices;
     vertices.reserve(mesh.vertices.size());
     for (float3 const& v : mesh.vertices) vertices.emplace_back(v.x / voxelSize, v.y / voxelSize, v.z / voxelSize);
-    return TriangleTree(vertices, mesh.triangles);
+    return vertices;
 }
 
 template <class Tr> bool anyInside(Ostara::Object const& volume)
@@ -121,7 +121,7 @@ template <class Tr> Corvid::Ptr<Ostara::Object> shellLevelSet(TriangleMesh mesh,
     dropRepeatedTriangles(mesh, TwinRule::kKeepOne);
     const SurfaceExtent extent = extentOf(mesh);
     checkLevelSetOptions<Tr>(shellExtent(extent, meshTopology(mesh).openLength, options.thickness), options);
-    const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
+    const TriangleTree surface(verticesInTileSpace(mesh, finestVoxel<Tr>(options)), mesh.triangles);
     return buildLevelSet<Tr>(ShellDistance(surface, 0.5 * options.thickness / finestVoxel<Tr>(options)), options);
 }
 
@@ -131,18 +131,21 @@ Corvid::Ptr<Ostara::Object> solidLevelSet(TriangleMesh mesh, LevelSetOptions con
     const SurfaceExtent extent = extentOf(mesh);
     checkLevelSetOptions<Tr>(extent, options);
     // Copies of whole parts leave every edge balanced, and a copy of one triangle does not: either count may be the one that is meant.
+    const std::vector<double3> vertices = verticesInTileSpace(mesh, finestVoxel<Tr>(options));
     MeshTopology edges = meshTopology(mesh);
-    dropRepeatedTriangles(mesh, TwinRule::kCancel);
-    const MeshTopology left = meshTopology(mesh);
-    if (!edges.closed()) edges = left;
+    std::optional<WindingRows> rows;
+    if (edges.closed()) rows.emplace(vertices, mesh.triangles);
+    if (dropRepeatedTriangles(mesh, TwinRule::kCancel) > 0 && !edges.closed()) edges = meshTopology(mesh);
     if (mesh.triangles.empty()) refuseEmpty(edges);
-    const TriangleTree surface = treeInTileSpace(mesh, finestVoxel<Tr>(options));
-    const auto volume = buildLevelSet<Tr>(MeshDistance(surface, left.closed()), options);
+    if (edges.closed() && !rows) rows.emplace(vertices, mesh.triangles);
+    const TriangleTree surface(vertices, mesh.triangles);
+    const auto volume = buildLevelSet<Tr>(MeshDistance(surface, rows ? &*rows : nullptr), options);
     if (!anyInside<Tr>(*volume)) refuseEmpty(edges);
     if (!edges.closed())
         services.message(Severity::kWarning,
                          "the mesh is not closed: " + openEdgesText(edges)
-                             + ". Assumed: what it winds around by more than one half is inside, so holes count as covered");
+                             + ". Assumed: what it winds around by more than one half is inside, so holes count as covered; "
+                               "thickness=3vx would make a shell of the surface instead");
     return volume;
 }
 

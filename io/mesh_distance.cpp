@@ -10,13 +10,15 @@ namespace tilegrid::io {
 namespace {
 
 constexpr int kLargest = 5 * 5 * 5;
-/// Two places are on one side of a closed surface if their distances to it add up to more than the way between them.
-/// The slack covers the rounding of a sum of two distances.
-constexpr double kSameSideSlack = 1.0 + 1e-9;
+/// Covers the rounding of a sum of two distances.
+constexpr double kSumSlack = 1.0 + 1e-9;
 /// Up to so many triangles it is faster to try all of them at every sample than to search the tree for each (measured).
 constexpr int kFewTriangles = 48;
+/// Nodes that a search on its own may visit before it stops being exact (see `SearchEffort`).
+constexpr std::int64_t kQuerySteps = 1 << 11;
 
 using Ostara::Math::double3;
+using Ostara::Math::int3;
 
 /// The samples of one tile.
 class Lattice {
@@ -29,8 +31,9 @@ public:
         // to a sample.
         const double half = 0.5 * (n_ - 1) * spacing_;
         const double3 middle{first_.x + half, first_.y + half, first_.z + half};
-        auto nearest = tree.nearest(middle);
-        const double radius = (std::sqrt(nearest.squaredDistance) + 2.0 * std::numbers::sqrt3 * half) * kSameSideSlack;
+        auto effort = TriangleTree::SearchEffort::ofTile(spacing_);
+        auto nearest = tree.nearest(middle, 0, &effort);
+        const double radius = (std::sqrt(nearest.squaredDistance) + 2.0 * std::numbers::sqrt3 * half) * kSumSlack;
         std::array<std::int32_t, kFewTriangles> list;
         const int count = tree.listNear(middle, radius, list.data(), kFewTriangles);
         for (int at = 0; at < n_ * n_ * n_; ++at) {
@@ -38,27 +41,21 @@ public:
             if (count <= kFewTriangles) {
                 squared = tree.squaredDistanceTo(placeOf(at), list.data(), count);
             } else {
-                nearest = tree.nearest(placeOf(at), nearest.triangle);
+                nearest = tree.nearest(placeOf(at), nearest.triangle, &effort);
                 squared = nearest.squaredDistance;
             }
             distance_[at] = std::sqrt(squared);
         }
     }
 
-    void findSides(TriangleTree const& tree, bool watertight)
+    void findSides(TriangleTree const& tree, WindingRows const* rows)
     {
-        std::array<bool, kLargest> known{};
-        const int count = n_ * n_ * n_;
-        while (true) {
-            // The unknown sample furthest from the surface has the surest answer.
-            int seed = -1;
-            for (int at = 0; at < count; ++at)
-                if (!known[at] && (seed < 0 || distance_[at] > distance_[seed])) seed = at;
-            if (seed < 0) return;
-            known[seed] = true;
-            inside_[seed] = tree.inside(placeOf(seed));
-            if (watertight) spread(seed, known);
+        if (rows) {
+            for (int row = 0; row < n_ * n_; ++row) rows->findInside(int3(placeOf(row * n_)), static_cast<int>(spacing_), n_, &inside_[row * n_]);
+            return;
         }
+        TriangleTree::WindingEffort effort;
+        for (int at = 0; at < n_ * n_ * n_; ++at) inside_[at] = tree.inside(placeOf(at), effort);
     }
 
     double unsignedAt(int n) const { return distance_[n]; }
@@ -69,26 +66,6 @@ private:
     {
         return {first_.x + at % n_ * spacing_, first_.y + at / n_ % n_ * spacing_,
                 first_.z + at / (n_ * n_) * spacing_};
-    }
-    /// Hands the side of a sample to all that are linked to it by neighbours whom the surface cannot part.
-    void spread(int from, std::array<bool, kLargest>& known)
-    {
-        std::array<int, kLargest> waiting;
-        int size = 0;
-        waiting[size++] = from;
-        while (size > 0) {
-            const int at = waiting[--size];
-            const int ijk[3] = {at % n_, at / n_ % n_, at / (n_ * n_)}, stride[3] = {1, n_, n_ * n_};
-            for (int axis = 0; axis < 3; ++axis)
-                for (int step = -1; step <= 1; step += 2) {
-                    if (ijk[axis] + step < 0 || ijk[axis] + step >= n_) continue;
-                    const int other = at + step * stride[axis];
-                    if (known[other] || distance_[at] + distance_[other] <= spacing_ * kSameSideSlack) continue;
-                    known[other] = true;
-                    inside_[other] = inside_[at];
-                    waiting[size++] = other;
-                }
-        }
     }
 
     double3 first_;
@@ -102,14 +79,16 @@ private:
 
 DistanceSource::Nearest MeshDistance::nearest(double3 const& place, std::int32_t guess) const
 {
-    const auto found = tree_.nearest(place, guess);
-    return {found.squaredDistance, found.triangle};
+    TriangleTree::SearchEffort effort{kQuerySteps};
+    const auto found = tree_.nearest(place, guess, &effort);
+    return {found.leastSquaredDistance(), found.triangle};
 }
 
 bool MeshDistance::anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const
 {
+    auto effort = TriangleTree::SearchEffort::ofTile(spacing);
     const auto within = [&](int i, int j, int k) {
-        const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
+        const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess, &effort);
         guess = found.triangle;
         return found.squaredDistance <= reach * reach;
     };
@@ -131,23 +110,27 @@ void MeshDistance::fill(double3 const& first, double spacing, int n, double unit
 {
     Lattice lattice(first, spacing, n);
     lattice.findDistances(tree_);
-    lattice.findSides(tree_, watertight_);
+    lattice.findSides(tree_, rows_);
     for (int at = 0; at < n * n * n; ++at) values[at] = static_cast<float>(lattice.at(at) * unit);
 }
 
 DistanceSource::Nearest ShellDistance::nearest(double3 const& place, std::int32_t guess) const
 {
-    const auto found = tree_.nearest(place, guess);
-    const double beyond = std::sqrt(found.squaredDistance) - half_;
+    TriangleTree::SearchEffort effort{kQuerySteps};
+    const auto found = tree_.nearest(place, guess, &effort);
+    // The least distance of the two sides from all that the true distance may be.
+    const double low = std::sqrt(found.leastSquaredDistance()) - half_, high = std::sqrt(found.squaredDistance) - half_;
+    const double beyond = low > 0.0 ? low : high < 0.0 ? high : 0.0;
     return {beyond * beyond, found.triangle};
 }
 
 bool ShellDistance::anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const
 {
+    auto effort = TriangleTree::SearchEffort::ofTile(spacing);
     for (int k = 0; k < n; ++k)
         for (int j = 0; j < n; ++j)
             for (int i = 0; i < n; ++i) {
-                const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess);
+                const auto found = tree_.nearest({first.x + i * spacing, first.y + j * spacing, first.z + k * spacing}, guess, &effort);
                 guess = found.triangle;
                 if (std::abs(std::sqrt(found.squaredDistance) - half_) <= reach) return true;
             }

@@ -1,15 +1,15 @@
 #pragma once
 #include "io/distance_source.h"
 #include "io/triangle_tree.h"
+#include "io/winding_rows.h"
 
 namespace tilegrid::io {
 
-/// Signed distances of a surface of triangles. The tree's vertices are in tile space. Refers to the tree.
+/// Signed distances of a surface of triangles. The tree's vertices are in tile space. Refers to the tree and the rows.
 class MeshDistance final : public DistanceSource {
 public:
-    /// \param watertight  no edge is open and all triangles agree which side is inside: then the winding number changes
-    ///        nowhere but on the surface, and neighbours that the surface cannot part share their sign
-    MeshDistance(TriangleTree const& tree, bool watertight) : tree_(tree), watertight_(watertight) {}
+    /// \param rows  of the surface, if it is closed: they say what is inside. Null: the winding number over one half does
+    MeshDistance(TriangleTree const& tree, WindingRows const* rows) : tree_(tree), rows_(rows) {}
 
     Nearest nearest(double3 const& place, std::int32_t guess) const override;
     bool anyWithin(double3 const& first, double spacing, int n, double reach, std::int32_t guess) const override;
@@ -17,7 +17,7 @@ public:
 
 private:
     TriangleTree const& tree_;
-    bool watertight_;
+    WindingRows const* rows_;
 };
 
 /// Signed distances of the shell of all places at most `half` (in tile space, positive) from a surface of triangles. Refers to the tree.

@@ -87,7 +87,7 @@ MeshInfo describeMesh(TriangleMesh const& mesh)
 PointsInfo describePoints(Ostara::Object const& points)
 {
     if (!isPointCloud(points)) throw InputError("there are no points to describe");
-    const PointTable table = tableOf(points, {});
+    const AttributeTable table = tableOf(points, {});
     PointsInfo info;
     info.points = static_cast<std::int64_t>(table.rows());
     for (std::size_t n = 0; n < table.names.size(); ++n) {

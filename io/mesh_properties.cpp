@@ -83,12 +83,13 @@ void fill(Container<Tr> const& tree, TriangleTree const& surface, std::vector<in
                 const double3 first(tile.tijk());
                 const double spacing = Tr::voxelDataWidth(depth);
                 std::int32_t guess = 0;
+                auto effort = TriangleTree::SearchEffort::ofTile(spacing);
                 for (int flat = 0; flat < Tr::voxelCount; ++flat) {
                     const int3 ijk = cubeIndex(Tr::width, flat);
                     // Above a child it takes the child's value in the end.
                     if (!tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z))) continue;
                     const double3 place = first + spacing * double3(ijk);
-                    guess = surface.nearest(place, guess).triangle;
+                    guess = surface.nearest(place, guess, &effort).triangle;
                     const auto point = surface.barycentric(place, guess);
                     for (auto const& target : targets) target->set(index, flat, corners[std::size_t(point.triangle)], point.weights);
                 }

@@ -103,19 +103,37 @@ void reportEdges(StepContext& step, io::TriangleMesh const& surface)
     step.services.message(edges.closed() ? Severity::kInfo : Severity::kWarning, text + ".");
 }
 
+bool changesFlatFile(io::VdbWriteOptions const& options)
+{
+    return options.bandVoxels != io::VdbWriteOptions().bandVoxels || !options.name.empty() || options.half;
+}
+
+io::VdbWriteOptions vdbOptions(StepContext const& step)
+{
+    io::VdbWriteOptions options(step.arguments.choice("layout") == 0 ? io::VdbLayout::kFlat : io::VdbLayout::kLevels);
+    options.bandVoxels = step.arguments.number("band");
+    options.name = step.arguments.text("name");
+    options.half = step.arguments.flag("half");
+    options.maxBytes = step.maxBytes;
+    if (options.layout == io::VdbLayout::kLevels && changesFlatFile(options))
+        throw UsageError("'band', 'name' and 'half' are for layout=flat: layout=levels keeps everything as it is.");
+    return options;
+}
+
 Result runWrite(StepContext& step)
 {
     std::string const& file = step.arguments.text("file");
     Ostara::Object const& volume = *step.volume().volume;
     if (io::isPointCloud(volume)) {
+        if (contains(kVolumeEndings, endingOf(file)) && changesFlatFile(vdbOptions(step)))
+            throw UsageError("'band', 'name' and 'half' are for volumes, and these are points.");
         createParentFolders(file);
         io::writePoints(file, volume, step.services);
     } else if (endingOf(file) == ".csv") {
         throw io::InputError("'" + file + "' would hold points, and this is a volume. Write .vdb, or its surface as " + io::endingsText(&io::FileFormat::writesMeshes) + ".");
     } else if (contains(kVolumeEndings, endingOf(file))) {
         createParentFolders(file);
-        const auto layout = step.arguments.choice("layout") == 0 ? io::VdbLayout::kFlat : io::VdbLayout::kLevels;
-        io::writeVdb(file, volume, step.services, layout);
+        io::writeVdb(file, volume, step.services, vdbOptions(step));
     } else {
         io::TriangleMesh surface = io::extractSurface(volume);
         io::addPropertiesAtVertices(surface, volume);
@@ -183,6 +201,14 @@ NodeInfo writeNode()
                  "keeps all voxel sizes and reads back as it was",
          .defaultText = "flat", .choices = {"flat", "levels"}, .onlyFor = kVolumeEndings},
         upParameter("axis of the mesh written that points up, which is y in the world"),
+        {.name = "band", .type = ParameterType::kFloat,
+         .help = "half width of the narrow band of a flat level set; it is filled everywhere, and beyond it the file only tells inside from outside",
+         .unit = "voxels of the file", .defaultText = "3", .range = {.min = 1, .max = 1e6}, .onlyFor = kVolumeEndings},
+        {.name = "name",
+         .help = "name of the grid in a flat file: of the level set (left out: surface), else of the fog (density) or of the only property",
+         .defaultText = "", .onlyFor = kVolumeEndings},
+        {.name = "half", .type = ParameterType::kBool, .help = "values of a flat file as 16-bit floats: half the size, 11 bits of precision",
+         .defaultText = "false", .onlyFor = kVolumeEndings},
     };
     return node;
 }

@@ -76,7 +76,13 @@ openvdb::GridPtrVecPtr gridsOf(std::string const& path)
 std::string propertyNameOf(openvdb::GridBase const& grid, bool isLevelSet)
 {
     if (isLevelSet) return Ostara::Geometry::sVoxelSignedDistance.str();
-    const std::string name = grid.getName().empty() ? "grid" : grid.getName();
+    const auto text = [&grid](char const* key) {
+        auto const metadata = grid.getMetadata<openvdb::StringMetadata>(key);
+        return metadata ? metadata->value() : std::string();
+    };
+    const bool keptName = !grid.getName().empty() && text(kFlatNameKey) == grid.getName();
+    const std::string own = keptName ? text(kFlatPropertyKey) : std::string();
+    const std::string name = !own.empty() ? own : grid.getName().empty() ? "grid" : grid.getName();
     if (name == Ostara::Geometry::sVoxelTileTree.str() || name == Ostara::Geometry::sVoxelComp.str()
         || name == Ostara::Geometry::sPointComp.str())
         refuse(grid, "has a name that volumes need for themselves: rename it");
@@ -270,11 +276,11 @@ std::vector<NamedVolume> readVdb(std::string const& path, VdbOptions const& opti
 }
 
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
-              VdbLayout layout)
+              VdbWriteOptions const& options)
 {
     openvdb::initialize();
     const auto grids = isPointCloud(volume)           ? std::vector<openvdb::GridBase::Ptr>{gridFromPoints(volume, services)}
-                       : layout == VdbLayout::kFlat ? gridsFromVolume(volume, services)
+                       : options.layout == VdbLayout::kFlat ? gridsFromVolume(volume, options, services)
                                                     : levelGridsFromVolume(volume, services);
     if (grids.empty())
         throw InputError("cannot write '" + path + "': the volume has no property that a .vdb file can hold");

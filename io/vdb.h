@@ -53,11 +53,35 @@ enum class VdbLayout {
     kLevels
 };
 
-/// `kFlat`: writes every property that has a grid type, flattened to the finest depth in use, under a temporary name first. Active
-/// are all voxels of the tiles of that depth, so that reading the file gives the same finest tiles with the same bits.
-/// In coarser leaf cells a level set is resampled where the surface passes through them, and the rest is told by the
-/// sign of the background; other properties become constant regions where they differ from their default value, but
-/// beside a level set they are written where its finest tiles are. Equal volumes give equal files.
+struct VdbWriteOptions {
+    VdbWriteOptions() = default;
+    VdbWriteOptions(VdbLayout fileLayout) : layout(fileLayout) {}
+
+    VdbLayout layout = VdbLayout::kFlat;
+    /// Of `kFlat`. Half width of the band of a level set, in voxels of the file: 1 to 1e6.
+    double bandVoxels = 3.0;
+    /// Of `kFlat`. The name of the grid of the level set, without one that of the fog density or of the only property. Empty:
+    /// `surface` for a level set, `density` for fog, the property's own name for others, and for these two where another property
+    /// has that name.
+    std::string name;
+    /// Of `kFlat`. Values as 16-bit floats, 11 bits of precision. A grid whose values do not fit stays as it is, with a warning.
+    bool half = false;
+    /// Refuse grids that would take more in memory, 0 for no limit.
+    std::uint64_t maxBytes = 0;
+};
+
+/// `kFlat`: writes every property that has a grid type with the voxels of the finest depth in use, under a temporary name first.
+/// Equal volumes give equal files. In tiles of that depth voxels have their own bits, in coarser ones the values of the library's
+/// linear sampler; integers have those of the leaf voxel.
+///
+/// A level set becomes a narrow band, as programs that read `.vdb` expect it: active exactly where |distance| is below the band,
+/// the background the band in world units, rounded up, and at least 3 voxels; elsewhere plus or minus the background. Reading
+/// the file gives the voxels of the band in tiles of the finest depth with the same bits, with `half` to 11 bits; tiles
+/// without one come back coarser, and values outside the band as distances to the surface.
+///
+/// Other properties beside a level set are active where it is negative or in its band. Without a level set they are active where
+/// they differ from their default value, inside the bounds of the tiles of the two finest depths in use. Leaf voxels of one value
+/// become constant regions. A grid of real numbers from 0 to 1 with background 0 gets the class fog volume.
 ///
 /// `kLevels`: every grid holds the tiles of one depth, all their voxels active, with metadata (`tilegrid_...`) that tells
 /// structure, voxel size, sample offset, refinement error, depth, and name, default value, initializer and depth range of
@@ -65,8 +89,9 @@ enum class VdbLayout {
 /// are left out.
 ///
 /// A point cloud is written as one grid of points, whatever the layout; see `writePoints`.
-/// \throws InputError if nothing can be written or the file cannot be
+/// \throws InputError if nothing can be written or the file cannot be, for a name that two grids would have, for a band out of
+///         range, and for more than `maxBytes`, estimated first
 void writeVdb(std::string const& path, Ostara::Object const& volume, Corvid::RuntimeServices const& services,
-              VdbLayout layout = VdbLayout::kFlat);
+              VdbWriteOptions const& options = {});
 
 }  // namespace tilegrid::io

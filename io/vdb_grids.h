@@ -2,11 +2,12 @@
 // OpenVDB is slow to compile: only the vdb_*.cpp sources include this.
 #include "TilegridOps/algorithms/affine_map.h"
 #include "TilegridOps/host/math.h"
-#include "TilegridOps/substrate/traits.h"
+#include "TilegridOps/substrate/parallel.h"
 #include "io/vdb.h"
 
 #include <openvdb/openvdb.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -87,6 +88,16 @@ template <class Op> bool withGrid(openvdb::GridBase const& grid, Op const& op)
     }(PropertyGrids());
 }
 
+/// Fills the n-th of some blocks of 8^3 voxels, i fastest; every value, and whether it is active. Called from several threads.
+template <class T> using FillBlock = parallel::FunctionRef<void(OST::int64 n, T* values, bool* active)>;
+
+/// Of the components of all values that a grid was given.
+struct ValueRange {
+    double least = 0.0, largest = 0.0;
+    bool finite = true;
+    double farthest() const { return std::max(-least, largest); }
+};
+
 /// A grid that is being filled, behind plain calls: the code of grids is slow to compile, so there is one copy per
 /// element type.
 template <class T> class GridSink {
@@ -94,11 +105,18 @@ public:
     virtual ~GridSink() = default;
     /// Sets n^3 voxels, i fastest, and makes them active.
     virtual void setCube(openvdb::Coord const& low, int n, T const* values) = 0;
-    /// Sets a cube of one value, as constant nodes where it fits them, and makes it active.
-    virtual void fillCube(openvdb::Coord const& low, int n, T const& value) = 0;
+    /// Sets a box of one value, corners inclusive, as constant nodes where it fits them, and makes it active.
+    virtual void fillBox(openvdb::CoordBBox const& box, T const& value) = 0;
+    /// Sets whole leaf nodes. `lows` are multiples of 8, each there once.
+    virtual void setBlocks(std::vector<Ostara::Math::int3> const& lows, FillBlock<T> fill) = 0;
+    /// Of what boxes and blocks brought, and 0.
+    virtual ValueRange range() const = 0;
     virtual openvdb::GridBase::Ptr grid() = 0;
-    /// The grid as a level set: what is inactive becomes the background, negative inside. Null but for float.
-    virtual openvdb::FloatGrid::Ptr levelSet() = 0;
+    /// Makes nodes of one value and state constant.
+    virtual void prune() = 0;
+    /// Makes the grid a level set: nodes without an active voxel go, and what is inactive outside of blocks gets the background
+    /// with the sign of the blocks around it. Nothing for other types than float.
+    virtual void finishLevelSet() = 0;
 };
 template <class T, class... Grids> constexpr bool isElementOfOne(GridTypes<Grids...>)
 {
@@ -121,8 +139,12 @@ IndexSurface surfaceInIndexSpace(openvdb::FloatGrid const& grid);
 Corvid::Ptr<Ostara::Object> volumeFromGrids(std::vector<PlacedGrid> const& grids, VdbOptions const& options,
                                             Corvid::RuntimeServices const& services);
 
-/// All properties that have a grid type, flattened, in the order of their names.
-std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
+/// All properties that have a grid type, flattened: the level set first, the others in the order of their names.
+std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume, VdbWriteOptions const& options,
                                                     Corvid::RuntimeServices const& services);
+
+/// String metadata of a grid that does not have the name of its property: that name, and the one that the grid was given.
+/// A grid with another name than that was renamed since, and keeps it.
+inline constexpr char kFlatPropertyKey[] = "tilegrid_flat_property", kFlatNameKey[] = "tilegrid_flat_name";
 
 }  // namespace tilegrid::io

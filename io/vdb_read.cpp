@@ -113,6 +113,9 @@ template <class Tr, class G> void collectTiles(G const& grid, PlacedGrid const& 
     }
 }
 
+/// How far the surface found in a grid may lie from that of its values, in voxels.
+constexpr double kSurfaceSlack = 0.5;
+
 /// Signed distances at places of tile space: the grid's own values at its active voxels, else the distance to its
 /// surface with the sign that the grid has there.
 class LevelSetSource {
@@ -156,7 +159,11 @@ private:
         if (!tree_) return inside ? -grid_.background() : grid_.background();
         const auto nearest = tree_->nearest(place, guess);
         guess = nearest.triangle;
-        const double distance = std::sqrt(nearest.squaredDistance) * placement_.voxelSize;
+        double distance = std::sqrt(nearest.squaredDistance) * placement_.voxelSize;
+        // An inactive sample lies outside of the band. Where the distance says otherwise by no more than the surface may be off,
+        // the grid is right, so that writing the volume again gives the same band.
+        const double band = std::abs(own);
+        if (atSample && distance < band && distance > band - kSurfaceSlack * placement_.voxelSize) distance = band;
         return static_cast<float>(inside ? -distance : distance);
     }
     static bool insideBetween(Accessor const& accessor, openvdb::Coord const& low, openvdb::Vec3d const& index)

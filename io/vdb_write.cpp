@@ -1,6 +1,8 @@
 #include "TilegridOps/host/geometry.h"
 #include "TilegridOps/substrate/parallel.h"
 #include "io/error.h"
+#include "io/flat_cover.h"
+#include "io/text.h"
 #include "io/vdb_lattice.h"
 
 #include <algorithm>
@@ -9,216 +11,291 @@
 namespace tilegrid::io {
 
 using namespace OST::TileTree3D;
+using Ostara::Geometry::sVoxelFogDensity, Ostara::Geometry::sVoxelSignedDistance;
 
 namespace {
 
-/// A constant coarse voxel wider than this, in voxels of the flattened grid, is left out: a grid has no nodes that are
-/// wider.
-constexpr int kWidestVoxel = 4096;
+/// The largest 16-bit float, and the smallest with all of its 11 bits (IEEE 754 binary16).
+constexpr double kLargestHalf = 65504.0, kSmallestNormalHalf = 0x1p-14;
+/// Programs expect a narrow band to be three voxels wide at the least (openvdb::LEVEL_SET_HALF_WIDTH).
+constexpr double kLeastBackground = 3.0;
 
-/// Writes the voxels of the deepest tiles, all active.
-template <class Tr, class T>
-void fillDeepest(Container<Tr> const& tree, FetchTile<T> fetch, LevelLattice<Tr> const& lattice, GridSink<T>& sink)
-{
-    std::array<T, Tr::voxelCount> values;
-    for (OST::int64 n = 0; n < tree.tileCount(lattice.depth); ++n)
-        if (fetch(TreeIndex{n, lattice.depth}, values.data()))
-            sink.setCube(lattice.index(tree.tile(n, lattice.depth).tijk()), Tr::width, values.data());
-}
+bool fitsHalf(double farthest) { return farthest >= kSmallestNormalHalf && farthest <= kLargestHalf; }
 
-/// Calls `visit(tile, ijk)` for every leaf voxel above the deepest depth.
-template <class Tr, class Visit> void forEachCoarseLeafVoxel(Container<Tr> const& tree, int deepest, Visit const& visit)
-{
-    for (int depth = 0; depth < deepest; ++depth)
-        for (OST::int64 n = 0; n < tree.tileCount(depth); ++n) {
-            auto const& tile = tree.tile(n, depth);
-            for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                const int3 ijk = cubeIndex(Tr::width, flat);
-                if (tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z))) visit(tile, ijk);
-            }
-        }
-}
+/// The band of a level set.
+struct Band {
+    /// Half width in world units, and the background, which is not below it, nor below 3 voxels.
+    double width = 0.0;
+    float background = 0.0f;
+    bool half = false;
 
-/// Coarser leaf voxels that differ from the default become active boxes of their value. \return how many were too wide
-/// for that
-template <class Tr, class T>
-OST::int64 fillCoarse(Container<Tr> const& tree, FetchTile<T> fetch, T const& background,
-                      LevelLattice<Tr> const& lattice, GridSink<T>& sink)
-{
-    OST::int64 tooWide = 0;
-    std::array<T, Tr::voxelCount> values;
-    TreeIndex fetched;
-    bool known = false;
-    forEachCoarseLeafVoxel(tree, lattice.depth, [&](auto const& tile, int3 const& ijk) {
-        if (fetched != tile.treeIndex()) known = fetch(fetched = tile.treeIndex(), values.data());
-        T const& value = values[flatIndex(Tr::width, ijk.x, ijk.y, ijk.z)];
-        if (!known || value == background) return;
-        const int width = tile.voxelDataWidth() / lattice.width;
-        if (width <= kWidestVoxel)
-            sink.fillCube(lattice.index(tile.tijk() + tile.voxelDataWidth() * ijk), width, value);
-        else
-            ++tooWide;
-    });
-    return tooWide;
-}
-
-/// A grid of the channel's element type, or null if none has it.
-/// \param bandOnly  only the deepest tiles: beside a level set the coarse tiles reach through all of tile space, and a
-///        reader would get that space back as tiles
-template <class Tr, class C>
-openvdb::GridBase::Ptr plainGrid(Container<Tr> const& tree, C const& channel, LevelLattice<Tr> const& lattice,
-                                 std::string const& name, bool bandOnly, Corvid::RuntimeServices const& services)
-{
-    using T = typename C::Element;
-    if constexpr (!hasGridType<T>) {
-        return {};
-    } else {
-        const auto sink = makeGridSink<T>(channel.defaultValue());
-        const auto fetch = fetchFrom<Tr>(channel);
-        const OST::int64 tooWide =
-            bandOnly ? 0 : fillCoarse<Tr, T>(tree, fetch, channel.defaultValue(), lattice, *sink);
-        if (tooWide > 0)
-            services.message(Severity::kWarning,
-                             "property '" + name + "': " + std::to_string(tooWide)
-                                 + " coarse voxels are left out, they are wider than " + std::to_string(kWidestVoxel)
-                                 + " voxels of the file");
-        fillDeepest<Tr, T>(tree, fetch, lattice, *sink);
-        return sink->grid();
+    Band(double voxels, double voxelSize, bool wantsHalf) : width(voxels * voxelSize)
+    {
+        const double least = std::max(voxels, kLeastBackground) * voxelSize;
+        half = wantsHalf && fitsHalf(roundedUpToHalf(least));
+        background = half ? static_cast<float>(roundedUpToHalf(least)) : static_cast<float>(least);
+        while (double(background) < least || double(background) / voxelSize < kLeastBackground)
+            background = half ? static_cast<float>(roundedUpToHalf(std::nextafter(background, INFINITY)))
+                              : std::nextafter(background, INFINITY);
     }
-}
-
-/// The surface inside one coarse cell, resampled to the fine lattice between the values of its corners.
-class CoarseCell {
-public:
-    /// \param low  index of the cell's corner 0
-    CoarseCell(openvdb::Coord const& low, int width, std::array<double, 8> const& corners)
-        : low_(low), width_(width), corners_(corners)
-    {}
-
-    /// Sets the samples of those fine cells that the surface passes through. A trilinear function lies between the
-    /// values at the corners of any box, so boxes of one sign are passed over.
-    void resample(GridSink<float>& sink) const { resample(sink, {0, 0, 0}, {width_, width_, width_}); }
 
 private:
-    double value(openvdb::Coord const& at) const
+    /// Of a normal number.
+    static double roundedUpToHalf(double value)
     {
-        double sum = 0.0;
-        for (int corner = 0; corner < 8; ++corner) {
-            double weight = 1.0;
-            for (int axis = 0; axis < 3; ++axis) {
-                const double part = double(at[axis]) / width_;
-                weight *= corner >> axis & 1 ? part : 1.0 - part;
-            }
-            sum += weight * corners_[corner];
-        }
-        return sum;
+        const double step = std::ldexp(1.0, std::ilogb(value) - 10);
+        return std::ceil(value / step) * step;
     }
-    void resample(GridSink<float>& sink, openvdb::Coord const& from, openvdb::Coord const& to) const
-    {
-        bool below = false, above = false;
-        for (int corner = 0; corner < 8; ++corner)
-            (value({corner & 1 ? to.x() : from.x(), corner & 2 ? to.y() : from.y(), corner & 4 ? to.z() : from.z()})
-                     < 0.0
-                 ? below
-                 : above) = true;
-        if (!below || !above) return;
-        const openvdb::Coord size = to - from;
-        if (size == openvdb::Coord(1)) {
-            for (int corner = 0; corner < 8; ++corner) {
-                const openvdb::Coord at = from.offsetBy(corner & 1, corner >> 1 & 1, corner >> 2);
-                const float sample = static_cast<float>(value(at));
-                sink.setCube(low_ + at, 1, &sample);
-            }
-            return;
-        }
-        // Halves per axis; an axis of one cell is not divided.
-        const openvdb::Coord middle(from.x() + (size.x() + 1) / 2, from.y() + (size.y() + 1) / 2,
-                                    from.z() + (size.z() + 1) / 2);
-        for (int part = 0; part < 8; ++part) {
-            openvdb::Coord a = from, b = to;
-            for (int axis = 0; axis < 3; ++axis) (part >> axis & 1 ? a : b)[axis] = middle[axis];
-            if (a.x() < b.x() && a.y() < b.y() && a.z() < b.z()) resample(sink, a, b);
-        }
-    }
-
-    openvdb::Coord low_;
-    int width_;
-    std::array<double, 8> corners_;
 };
 
-/// All voxels of the deepest tiles are active, so that a reader finds the same tiles again. Coarser leaf cells count
-/// where the surface passes through them; elsewhere inside and outside are told by the sign of the background.
-template <class Tr, class C>
-openvdb::FloatGrid::Ptr flattenedLevelSet(Container<Tr> const& tree, C const& channel, VoxelOffsetType offset,
-                                          LevelLattice<Tr> const& lattice)
-{
-    const float band = std::abs(channel.defaultValue());
-    const auto sink = makeGridSink<float>(band > 0.0f ? band : 3.0f * tree.voxelSize());
-    const VolumeReader<Tr, C> reader(tree, channel, offset);
-    forEachCoarseLeafVoxel(tree, lattice.depth, [&](auto const& tile, int3 const& ijk) {
-        std::array<double, 8> corners;
-        int inside = 0;
-        for (int corner = 0; corner < 8; ++corner) {
-            corners[corner] =
-                reader.sample(tile, {ijk.x + (corner & 1), ijk.y + (corner >> 1 & 1), ijk.z + (corner >> 2)});
-            inside += corners[corner] < 0.0;
+/// What all grids of a volume share.
+template <class Tr> struct FlatVolume {
+    Container<Tr> const& tree;
+    VoxelOffsetType offset;
+    LevelLattice<Tr> lattice;
+    VdbWriteOptions const& options;
+    Corvid::RuntimeServices const& services;
+    /// Of the level set; null without one.
+    PlainChannel<Tr, float> const* distance = nullptr;
+    double band = 0.0;
+
+    double voxelSize() const { return lattice.width * double(tree.voxelSize()); }
+    LatticeBox wholeSpace() const
+    {
+        // Blocks reach beyond by less than their width, which fits.
+        return {int3(static_cast<int>(lattice.lowIndex())), int3(static_cast<int>(lattice.endIndex()))};
+    }
+    /// The bounds of the tiles of the two finest depths in use.
+    LatticeBox fineBounds() const
+    {
+        LatticeBox box{int3(std::numeric_limits<int>::max()), int3(std::numeric_limits<int>::min())};
+        for (int depth = std::max(lattice.depth - 1, 0); depth <= lattice.depth; ++depth) {
+            const int width = Tr::tileVoxelWidth(depth) / lattice.width;
+            for (OST::int64 n = 0; n < tree.tileCount(depth); ++n) {
+                const int3 low = lattice.indexOf(tree.tile(n, depth).tijk());
+                for (int axis = 0; axis < 3; ++axis) {
+                    box.low[axis] = std::min(box.low[axis], low[axis]);
+                    box.high[axis] = std::max(box.high[axis], low[axis] + width);
+                }
+            }
         }
-        if (inside == 0 || inside == 8) return;
-        const int width = tile.voxelDataWidth() / lattice.width;
-        // Samples at centres lie half a coarse voxel up, which for an even width is between two fine ones: rounded
-        // down.
-        const int shift = offset == kCorner ? 0 : (width - 1) / 2;
-        const openvdb::Coord low = lattice.index(tile.tijk() + tile.voxelDataWidth() * ijk).offsetBy(shift);
-        CoarseCell(low, width, corners).resample(*sink);
-    });
-    fillDeepest<Tr, float>(tree, fetchFrom<Tr>(channel), lattice, *sink);
-    return sink->levelSet();
+        return box;
+    }
+    template <class T> auto readerOf(PlainChannel<Tr, T> const& channel) const
+    {
+        return std::make_unique<FlatReader<Tr, T>>(tree, channel, offset, lattice);
+    }
+};
+
+/// The channel itself if it has the plain layout, else a copy that has.
+template <class Tr, class C, class Op> auto withPlain(Container<Tr> const& tree, C const& channel, Op const& op)
+{
+    if constexpr (std::is_same_v<C, PlainChannel<Tr, typename C::Element>>)
+        return op(channel);
+    else
+        return op(plainCopy<Tr>(tree, channel));
 }
 
 template <class Tr>
-openvdb::FloatGrid::Ptr levelSetOf(OST::Object const& native, Container<Tr> const& tree,
-                                   VoxelTopology<Tr> const& topology)
+openvdb::GridBase::Ptr levelSetGrid(FlatVolume<Tr> const& volume, Band const& band, std::string const& name)
 {
-    openvdb::FloatGrid::Ptr grid;
-    const LevelLattice<Tr> lattice(tree.deepestDepth());
-    const auto flatten = [&]<class C>() {
-        grid = flattenedLevelSet(tree, *native.component<C>(Ostara::Geometry::sVoxelSignedDistance),
-                                 topology.offsetType(), lattice);
-    };
-    if (tree.deepestDepth() < 0 || !tryLayouts<Tr, float>(native, Ostara::Geometry::sVoxelSignedDistance, flatten))
-        return {};
-    grid->setTransform(lattice.transform(tree.voxelSize(), topology.offsetType()));
-    grid->setName(Ostara::Geometry::sVoxelSignedDistance.str());
+    auto const& distance = *volume.distance;
+    const FlatCover cover = coverFlatGrid<Tr>({.tree = volume.tree,
+                                               .offset = volume.offset,
+                                               .lattice = volume.lattice,
+                                               .distance = &distance,
+                                               .above = -band.width,
+                                               .below = band.width,
+                                               .clip = volume.wholeSpace(),
+                                               .maxBytes = volume.options.maxBytes,
+                                               .name = name});
+    const auto sink = makeGridSink<float>(band.background);
+    parallel::PerThread<FlatReader<Tr, float>> readers;
+    sink->setBlocks(cover.blocks, [&](OST::int64 n, float* values, bool* active) {
+        readers.local([&] { return volume.readerOf(distance); }).read(cover.blocks[n], values);
+        for (int at = 0; at < kBlockVoxels; ++at) {
+            active[at] = std::abs(double(values[at])) < band.width;
+            if (!active[at]) values[at] = values[at] < 0.0f ? -band.background : band.background;
+        }
+    });
+    sink->finishLevelSet();
+    sink->grid()->setSaveFloatAsHalf(band.half);
+    return sink->grid();
+}
+
+/// Leaves what 16-bit floats cannot hold as it is.
+void setHalf(openvdb::GridBase& grid, ValueRange const& range, double background, std::string const& property,
+             Corvid::RuntimeServices const& services)
+{
+    const double farthest = std::max(range.farthest(), std::abs(background));
+    if (farthest == 0.0 || fitsHalf(farthest)) return grid.setSaveFloatAsHalf(true);
+    services.message(Severity::kWarning,
+                     "property '" + property + "' keeps its 32 bits: its values reach " + number(farthest)
+                         + ", and 16-bit floats go from " + number(kSmallestNormalHalf) + " to "
+                         + number(kLargestHalf));
+}
+
+template <class Tr, class T>
+openvdb::GridBase::Ptr propertyGrid(FlatVolume<Tr> const& volume, PlainChannel<Tr, T> const& channel,
+                                    std::string const& name)
+{
+    const T background = channel.defaultValue();
+    const LatticeBox clip = volume.distance ? volume.wholeSpace() : volume.fineBounds();
+    const FlatCover cover = coverFlatGrid<Tr>({.tree = volume.tree,
+                                               .offset = volume.offset,
+                                               .lattice = volume.lattice,
+                                               .distance = volume.distance,
+                                               .below = volume.band,
+                                               .clip = clip,
+                                               .property = [&] { return volume.readerOf(channel); },
+                                               .bytesPerValue = sizeof(T),
+                                               .maxBytes = volume.options.maxBytes,
+                                               .name = name});
+    const auto sink = makeGridSink<T>(background);
+    for (ConstantBox const& constant : cover.boxes) {
+        const int3 low = constant.box.low, high = constant.box.high - int3(1);
+        sink->fillBox({{low.x, low.y, low.z}, {high.x, high.y, high.z}},
+                      channel.tileData(constant.tile)(constant.voxel));
+    }
+    parallel::PerThread<FlatReader<Tr, T>> readers;
+    parallel::PerThread<FlatReader<Tr, float>> distances;
+    sink->setBlocks(cover.blocks, [&](OST::int64 n, T* values, bool* active) {
+        readers.local([&] { return volume.readerOf(channel); }).read(cover.blocks[n], values);
+        std::array<float, kBlockVoxels> distance;
+        if (volume.distance)
+            distances.local([&] { return volume.readerOf(*volume.distance); }).read(cover.blocks[n], distance.data());
+        for (int at = 0; at < kBlockVoxels; ++at) {
+            const int3 voxel = cover.blocks[n] + cubeIndex(kBlockWidth, at);
+            active[at] = volume.distance ? double(distance[at]) < volume.band
+                                         : std::memcmp(&values[at], &background, sizeof(T)) != 0;
+            for (int axis = 0; axis < 3; ++axis)
+                active[at] = active[at] && voxel[axis] >= clip.low[axis] && voxel[axis] < clip.high[axis];
+            if (!active[at]) values[at] = background;
+        }
+    });
+    sink->prune();
+    const ValueRange range = sink->range();
+    const auto grid = sink->grid();
+    if constexpr (std::is_floating_point_v<T>)
+        if (background == T(0) && range.finite && range.least >= 0.0 && range.largest <= 1.0)
+            grid->setGridClass(openvdb::GRID_FOG_VOLUME);
+    if constexpr (canInterpolate<T>)
+        if (volume.options.half) setHalf(*grid, range, magnitude(background), name, volume.services);
     return grid;
+}
+
+/// The names of the grids of a volume's properties.
+class GridNames {
+public:
+    /// \param properties  those that have a grid
+    GridNames(std::vector<std::string> const& properties, bool hasLevelSet, std::string const& wanted)
+        : properties_(properties), wanted_(wanted)
+    {
+        if (hasLevelSet)
+            main_ = sVoxelSignedDistance.str();
+        else if (has(sVoxelFogDensity.str()))
+            main_ = sVoxelFogDensity.str();
+        else if (properties.size() == 1)
+            main_ = properties.front();
+        if (!wanted.empty() && main_.empty())
+            throw InputError("the name '" + wanted
+                             + "' is for the grid of a level set, of fog or of the only property, and the volume has "
+                             + std::to_string(properties.size()) + " others: leave the name out");
+        if (!wanted.empty() && wanted != main_ && (has(wanted) || of(sVoxelFogDensity.str()) == wanted)
+            && main_ != sVoxelFogDensity.str())
+            throw InputError("the name '" + wanted + "' is that of another grid of the file: give another name");
+    }
+    std::string of(std::string const& property) const
+    {
+        if (property == main_ && !wanted_.empty()) return wanted_;
+        if (property == sVoxelSignedDistance.str() && property == main_) return unless("surface", property);
+        if (property == sVoxelFogDensity.str()) return unless("density", property);
+        return property;
+    }
+
+private:
+    bool has(std::string const& name) const { return std::ranges::find(properties_, name) != properties_.end(); }
+    std::string unless(std::string const& usual, std::string const& own) const { return has(usual) ? own : usual; }
+
+    std::vector<std::string> properties_;
+    std::string wanted_, main_;
+};
+
+void describe(openvdb::GridBase& grid, std::string const& property, std::string const& name)
+{
+    grid.setName(name);
+    if (name == property || grid.getGridClass() == openvdb::GRID_LEVEL_SET) return;
+    grid.insertMeta(kFlatPropertyKey, openvdb::StringMetadata(property));
+    grid.insertMeta(kFlatNameKey, openvdb::StringMetadata(name));
+}
+
+/// Names of the properties that have a grid; a message for each other one.
+template <class Tr>
+std::vector<std::string> gridProperties(OST::Object const& native, Corvid::RuntimeServices const& services)
+{
+    std::vector<std::string> names;
+    for (std::string const& name : propertyNames<Tr>(native)) {
+        bool has = false;
+        tryElements<Tr>(native, Corvid::String(name), [&]<class C>() { has = hasGridType<typename C::Element>; });
+        if (has)
+            names.push_back(name);
+        else
+            services.message(Severity::kWarning, "property '" + name + "' is left out: its type has no grid");
+    }
+    return names;
+}
+
+/// The grids of all properties, `volume` having the level set if there is one.
+template <class Tr> std::vector<openvdb::GridBase::Ptr> gridsOf(OST::Object const& native, FlatVolume<Tr>& volume)
+{
+    const auto properties = gridProperties<Tr>(native, volume.services);
+    const GridNames names(properties, volume.distance != nullptr, volume.options.name);
+    std::vector<openvdb::GridBase::Ptr> grids;
+    const auto add = [&](openvdb::GridBase::Ptr const& grid, std::string const& property) {
+        describe(*grid, property, names.of(property));
+        grid->setTransform(volume.lattice.transform(volume.tree.voxelSize(), volume.offset));
+        grids.push_back(grid);
+    };
+    if (volume.distance) {
+        const Band band(volume.options.bandVoxels, volume.voxelSize(), volume.options.half);
+        if (volume.options.half && !band.half)
+            volume.services.message(Severity::kWarning,
+                                    "the level set keeps its 32 bits: its band is " + number(band.background)
+                                        + " wide, which 16-bit floats do not hold");
+        volume.band = band.width;
+        add(levelSetGrid(volume, band, names.of(sVoxelSignedDistance.str())), sVoxelSignedDistance.str());
+    }
+    for (std::string const& property : properties) {
+        if (volume.distance && property == sVoxelSignedDistance.str()) continue;
+        tryElements<Tr>(native, Corvid::String(property), [&]<class C>() {
+            if constexpr (hasGridType<typename C::Element>)
+                withPlain(volume.tree, *native.component<C>(Corvid::String(property)),
+                          [&](auto const& channel) { add(propertyGrid(volume, channel, property), property); });
+        });
+    }
+    return grids;
 }
 
 }  // namespace
 
-std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume,
+std::vector<openvdb::GridBase::Ptr> gridsFromVolume(Ostara::Object const& volume, VdbWriteOptions const& options,
                                                     Corvid::RuntimeServices const& services)
 {
+    if (!(options.bandVoxels >= 1.0) || !(options.bandVoxels <= 1e6))
+        throw InputError("the band is " + number(options.bandVoxels) + " voxels wide on each side: give 1 to 1e6");
     return withTree(
         volume, [&]<class Tr>(OST::Object const& native, Container<Tr> const& tree, VoxelTopology<Tr> const& topology) {
             std::vector<openvdb::GridBase::Ptr> grids;
             if (tree.deepestDepth() < 0) return grids;
-            const LevelLattice<Tr> lattice(tree.deepestDepth());
-            if (auto levelSet = levelSetOf(native, tree, topology)) grids.push_back(levelSet);
-            const bool bandOnly = !grids.empty();
-            for (std::string const& name : propertyNames<Tr>(native)) {
-                if (!grids.empty() && grids.front()->getName() == name) continue;
-                openvdb::GridBase::Ptr grid;
-                tryElements<Tr>(native, Corvid::String(name), [&]<class C>() {
-                    grid = plainGrid<Tr>(tree, *native.component<C>(Corvid::String(name)), lattice, name, bandOnly,
-                                         services);
-                });
-                if (!grid) {
-                    services.message(Severity::kWarning, "property '" + name + "' is left out: its type has no grid");
-                    continue;
-                }
-                grid->setName(name);
-                grid->setTransform(lattice.transform(tree.voxelSize(), topology.offsetType()));
-                grids.push_back(grid);
-            }
+            FlatVolume<Tr> flat{tree, topology.offsetType(), LevelLattice<Tr>(tree.deepestDepth()), options, services};
+            const auto withLevelSet = [&]<class C>() {
+                withPlain(tree, *native.component<C>(sVoxelSignedDistance),
+                          [&](PlainChannel<Tr, float> const& distance) {
+                              flat.distance = &distance;
+                              grids = gridsOf(native, flat);
+                          });
+            };
+            if (!tryLayouts<Tr, float>(native, sVoxelSignedDistance, withLevelSet)) grids = gridsOf(native, flat);
             return grids;
         });
 }

@@ -70,6 +70,41 @@ TEST(Levels, are_written_only_if_that_is_asked_for)
     EXPECT_TRUE(contains(errorOf<UsageError>([&] { planOf({"read", "a.vdb", "!", "write", "a.vdb", "layout=level"}); }), "Did you mean 'levels'?"));
 }
 
+TEST(FlatFiles, have_the_band_the_name_and_the_precision_that_were_asked_for)
+{
+    const TestFolder folder;
+    const auto size = [&](Words const& options) {
+        Words write{"write", folder.file("a.vdb")};
+        write.insert(write.end(), options.begin(), options.end());
+        resultOf(Words{"read", kBunny, "voxel=0.3"} + write);
+        return folder.read("a.vdb").size();
+    };
+    const std::size_t usual = size({});
+    EXPECT_TRUE(contains(resultOf({"info", folder.file("a.vdb")}), "surface\n"));
+    EXPECT_LT(size({"half=yes"}), usual);
+    EXPECT_GT(size({"band=5"}), usual);
+    size({"name=hull"});
+    EXPECT_TRUE(contains(resultOf({"info", folder.file("a.vdb")}), "hull\n"));
+    const Words read{"read", kBunny, "voxel=0.5"};
+    for (std::string const option : {"band=4", "name=a", "half=yes"}) {
+        EXPECT_TRUE(contains(errorOf<UsageError>([&] { resultOf(read + Words{"write", folder.file("b.vdb"), "layout=levels", option}); }), "layout=flat"));
+        EXPECT_THROW(planOf(read + Words{"write", "a.ply", option}), UsageError);
+    }
+    EXPECT_TRUE(contains(errorOf<UsageError>([&] { planOf(read + Words{"write", "a.vdb", "band=0.5"}); }), "band"));
+}
+
+TEST(FlatFiles, of_fog_are_as_dense_as_the_volume)
+{
+    const TestFolder folder;
+    const Words fog{"sphere", "radius=1", "voxel=0.05"};
+    resultOf(fog + Words{"fog", "width=0.3wu"} + Words{"write", folder.file("a.vdb")});
+    // The middle of the ball, and a place half as deep as the width.
+    const std::string points = folder.write("points.csv", "x,y,z\n0,0,0\n0,0.85,0\n");
+    const std::string text = resultOf({"sample", folder.file("a.vdb"), points, "property=voxel_fog_density"});
+    EXPECT_TRUE(contains(text, "0,0,0,1")) << text;
+    EXPECT_TRUE(contains(text, "0,0.85,0,0.")) << text;
+}
+
 TEST(Validation, ends_the_run_with_an_error_that_says_what_is_wrong)
 {
     // A band alone is not graded, which is wrong only where that is asked for.

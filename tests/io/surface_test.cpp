@@ -26,7 +26,7 @@ io::TriangleMesh surfaceOfFlattened(Ostara::Object const& volume)
     openvdb::initialize();
     openvdb::io::File file(folder.file("flat.vdb"));
     file.open();
-    const auto grid = openvdb::gridPtrCast<openvdb::FloatGrid>(file.readGrid(Ostara::Geometry::sVoxelSignedDistance.str()));
+    const auto grid = openvdb::gridPtrCast<openvdb::FloatGrid>(file.readGrid("surface"));
     std::vector<openvdb::Vec3s> points;
     std::vector<openvdb::Vec3I> triangles;
     std::vector<openvdb::Vec4I> quads;

@@ -36,20 +36,42 @@ template <class Tr> Corvid::Ptr<Ostara::Object> readOne(std::string const& path)
 template <class Tr> class VdbRoundTrip : public ::testing::Test {};
 TYPED_TEST_SUITE(VdbRoundTrip, Structures, StructureNames);
 
-TYPED_TEST(VdbRoundTrip, restores_the_finest_tiles_of_the_bunny_bit_for_bit)
+TYPED_TEST(VdbRoundTrip, restores_the_band_of_the_bunny_bit_for_bit)
 {
     using Tr = TypeParam;
     const TestFolder folder;
-    const auto written = levelSetOf<Tr>(io::readMesh(kBunny, 0, {}), 0.08f);
+    const float h = 0.08f;
+    const auto written = levelSetOf<Tr>(io::readMesh(kBunny, 0, {}), h);
     writeVdb(folder.file("a.vdb"), *written, {});
     const auto read = readOne<Tr>(folder.file("a.vdb"));
-    EXPECT_EQ(differencesAt<Tr>(Tr::maxDepth, *written, *read), "");
-    for (int depth = 0; depth < Tr::maxDepth; ++depth)
-        EXPECT_EQ(treeOf<Tr>(*read)->tileCount(depth), treeOf<Tr>(*written)->tileCount(depth));
-    EXPECT_EQ(treeOf<Tr>(*read)->voxelSize(), 0.08f);
-    EXPECT_EQ(channelOf<Tr>(*read)->defaultValue(), channelOf<Tr>(*written)->defaultValue());
+    const auto from = treeOf<Tr>(*written), to = treeOf<Tr>(*read);
+    const ConstTileAccessor<Tr> accessor(*to);
+    const double band = 3 * double(h);
+    int voxels = 0;
+    OST::int64 tilesWithBand = 0;
+    for (OST::int64 n = 0; n < from->tileCount(Tr::maxDepth); ++n) {
+        const int3 corner = from->tile(n, Tr::maxDepth).tijk();
+        const TreeIndex there = accessor.find(corner.x, corner.y, corner.z, Tr::maxDepth);
+        bool any = false;
+        for (int flat = 0; flat < Tr::voxelCount; ++flat) {
+            const float value = channelOf<Tr>(*written)->tileData(n, Tr::maxDepth)(flat);
+            if (!(std::abs(double(value)) < band)) continue;
+            any = true;
+            ASSERT_EQ(there.depth, Tr::maxDepth);
+            ASSERT_EQ(channelOf<Tr>(*read)->tileData(there)(flat), value);
+            ++voxels;
+        }
+        tilesWithBand += any;
+    }
+    EXPECT_GT(voxels, 100000);
+    // More where a coarser tile shows some of the band between samples beyond it.
+    EXPECT_GE(to->tileCount(Tr::maxDepth), tilesWithBand);
+    EXPECT_EQ(to->voxelSize(), h);
+    // Three voxels, rounded up.
+    EXPECT_GE(double(channelOf<Tr>(*read)->defaultValue()), band);
+    EXPECT_FLOAT_EQ(channelOf<Tr>(*read)->defaultValue(), channelOf<Tr>(*written)->defaultValue());
     EXPECT_TRUE(Ostara::Object::isA(*read, *Ostara::Geometry::getLevelSetPrototype()));
-    EXPECT_TRUE(checkTree(*treeOf<Tr>(*read)).empty());
+    EXPECT_TRUE(checkTree(*to).empty());
 }
 
 TYPED_TEST(VdbRoundTrip, gives_true_distances_at_every_depth)
@@ -173,37 +195,6 @@ TYPED_TEST(VdbRoundTrip, keeps_samples_at_centres)
     const int3 voxel = Tr::cellVoxels * parent.childIJK(child);
     EXPECT_FLOAT_EQ(channelOf<Tr>(*read, "density")->tileData(parent.treeIndex())(voxel),
                     static_cast<float>(mean / Tr::childCount));
-}
-
-TYPED_TEST(VdbRoundTrip, flattens_coarse_leaf_voxels_that_differ_from_the_default)
-{
-    using Tr = TypeParam;
-    const TestFolder folder;
-    // A coarse tile beside a finest one, as adapted fog has them.
-    const int coarse = Tr::maxDepth - 1;
-    auto native = io::makeVolume<Tr>(
-        {VoxelCoord(0, 0, 0, Tr::maxDepth), VoxelCoord(Tr::tileVoxelWidth(coarse), 0, 0, coarse)}, 1.0f, kCorner);
-    io::addChannel<Tr>(*native, "density", 0.0f, [&](Container<Tr> const& tree, auto& channel) {
-        const ConstTileAccessor<Tr> accessor(tree);
-        channel.tileData(accessor.find(Tr::tileVoxelWidth(coarse), 0, 0, coarse)).set(0.75f);
-        channel.tileData(0, Tr::maxDepth).set(0.25f);
-    });
-    const auto written = Ostara::Geometry::move_ost_volume_to_object(*native);
-    writeVdb(folder.file("a.vdb"), *written, {});
-    const auto read = readOne<Tr>(folder.file("a.vdb"));
-    const auto tree = treeOf<Tr>(*read);
-    const auto values = channelOf<Tr>(*read, "density");
-    double sum = 0.0;  // the mass, over leaf voxels
-    for (int depth = 0; depth <= Tr::maxDepth; ++depth)
-        for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
-            for (int flat = 0; flat < Tr::voxelCount; ++flat) {
-                auto const& tile = tree->tile(n, depth);
-                const int3 ijk = cubeIndex(Tr::width, flat);
-                const float value = values->tileData(n, depth)(flat);
-                if (value != 0.0f && tile.isLeaf(tile.voxelChildIJK(ijk.x, ijk.y, ijk.z)))
-                    sum += value * std::pow(Tr::voxelDataWidth(depth), 3);
-            }
-    EXPECT_DOUBLE_EQ(sum, 0.25 * Tr::voxelCount + 0.75 * Tr::voxelCount * Tr::childCount);
 }
 
 TYPED_TEST(VdbRoundTrip, says_what_it_leaves_out)

@@ -169,7 +169,7 @@ private:
     {
         const auto wants = [&](Step const& read) {
             const std::optional<std::string> file = read.file();
-            return applies(parameter, file ? &*file : nullptr);
+            return reads.size() > 1 ? appliesByTheWay(parameter, file ? &*file : nullptr) : applies(parameter, file ? &*file : nullptr);
         };
         const bool any = std::any_of(reads.begin(), reads.end(), wants);
         for (Step& read : reads)

@@ -159,6 +159,7 @@ NodeInfo readNode()
     ParameterInfo& voxel = *std::ranges::find(node.parameters, "voxel", &ParameterInfo::name);
     voxel.help += "; of a .vdb file, the grids with other voxels are resampled to this size";
     std::ranges::copy(kVolumeEndings, std::back_inserter(voxel.onlyFor));
+    voxel.ownStepFor = kVolumeEndings;
     // A .ply file without faces holds points.
     voxel.optionalFor = {".ply", ".vdb"};
     std::ranges::find(node.parameters, "voxels", &ParameterInfo::name)->optionalFor = {".ply"};

@@ -79,5 +79,7 @@ struct NodeInfo {
 
 /// Whether the parameter means something in a step that reads or writes `file`; null, where that is not known, stands for any.
 bool applies(ParameterInfo const& parameter, std::string const* file);
+/// The same where the parameter is given to several files, or to all steps.
+bool appliesByTheWay(ParameterInfo const& parameter, std::string const* file);
 
 }  // namespace tilegrid::graph

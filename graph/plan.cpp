@@ -248,6 +248,11 @@ bool applies(ParameterInfo const& parameter, std::string const* file)
     return parameter.onlyFor.empty() || !file || contains(parameter.onlyFor, endingOf(*file));
 }
 
+bool appliesByTheWay(ParameterInfo const& parameter, std::string const* file)
+{
+    return applies(parameter, file) && !(file && contains(parameter.ownStepFor, endingOf(*file)));
+}
+
 Plan makePlan(Graph const& graph)
 {
     return Checker().check(graph);

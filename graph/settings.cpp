@@ -25,13 +25,13 @@ Setting parseSetting(std::string const& assignment)
     return setting;
 }
 
-/// True if the step has the parameter, and it means something for the step's file.
+/// True if the step has the parameter, and it means something for the step's file, also by the way.
 bool takes(Step const& step, std::string const& name)
 {
     NodeInfo const* node = findNode(step.node);
     ParameterInfo const* parameter = node ? node->parameter(name) : nullptr;
     const std::optional<std::string> file = step.file();
-    return parameter && applies(*parameter, file ? &*file : nullptr);
+    return parameter && appliesByTheWay(*parameter, file ? &*file : nullptr);
 }
 
 Step& namedStep(Graph& graph, std::string const& name, std::string const& assignment)

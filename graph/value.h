@@ -66,6 +66,9 @@ struct ParameterInfo {
     std::string insteadOf = "";
     /// Of these: files that need it or not, depending on their content. Without a default it is then missing in `Arguments`.
     std::vector<std::string> optionalFor = {};
+    /// Of `onlyFor`: files that get it only from a step about this file alone, and not by the way, from a step that reads other files
+    /// too or from a setting for all steps.
+    std::vector<std::string> ownStepFor = {};
     /// What a length without a unit counts.
     LengthUnit bareUnit = LengthUnit::kWorld;
     /// Whether there is a voxel that a length can be counted in.

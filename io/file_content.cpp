@@ -75,7 +75,7 @@ std::string tooLarge(std::uint64_t limit) { return "it has more than the limit o
 
 }  // namespace
 
-std::string fileContent(std::string const& path, std::string const& kind, std::uint64_t maxBytes)
+std::string fileContent(std::string const& path, std::string const& kind, std::uint64_t maxBytes, Emptiness emptiness)
 {
     const std::string what = isStandardStream(path) ? "from standard input" : "'" + path + "'";
     const auto fail = [&](std::string const& why) {
@@ -85,7 +85,7 @@ std::string fileContent(std::string const& path, std::string const& kind, std::u
     if (isStandardStream(path)) {
         std::string content = standardInput(limit + 1);
         if (content.size() > limit) fail(tooLarge(limit));
-        if (content.empty()) fail("nothing came");
+        if (content.empty() && emptiness == Emptiness::kRefused) fail("nothing came");
         return content;
     }
     namespace fs = std::filesystem;
@@ -94,7 +94,7 @@ std::string fileContent(std::string const& path, std::string const& kind, std::u
     if (!fs::is_regular_file(path, error)) fail("it is no regular file");
     const std::uint64_t size = fs::file_size(path, error);
     if (error) fail(error.message());
-    if (size == 0) fail("the file is empty");
+    if (size == 0 && emptiness == Emptiness::kRefused) fail("the file is empty");
     if (size > limit)
         fail("the file has " + byteText(double(size)) + ", and the limit is " + byteText(double(maxBytes)));
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

@@ -5,11 +5,14 @@
 
 namespace tilegrid::io {
 
+/// Whether a file may be empty.
+enum class Emptiness { kRefused, kAllowed };
+
 /// All of a file, or of standard input (io/standard_stream.h), which can be taken once.
 /// \param kind      what it is for people, as in "mesh"
 /// \param maxBytes  0: no limit
-/// \throws InputError for a file that is missing, no regular file, empty, above the limit or not readable
-std::string fileContent(std::string const& path, std::string const& kind, std::uint64_t maxBytes);
+/// \throws InputError for a file that is missing, no regular file, empty (but see `emptiness`), above the limit or not readable
+std::string fileContent(std::string const& path, std::string const& kind, std::uint64_t maxBytes, Emptiness emptiness = Emptiness::kRefused);
 
 /// The first `count` bytes, or all if there are fewer. What is taken from standard input comes again in `fileContent`.
 /// \throws InputError as `fileContent` does

@@ -42,7 +42,7 @@ template <class T> void append(std::string& text, T value)
 std::vector<float3> readPlaces(std::string const& path, std::uint64_t maxBytes)
 {
     constexpr int kMostNamed = 5;
-    const std::string content = fileContent(path, "points", maxBytes);
+    const std::string content = fileContent(path, "points", maxBytes, Emptiness::kAllowed);
     std::string_view rest = content;
     std::vector<float3> places;
     std::string problems;

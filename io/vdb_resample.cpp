@@ -2,6 +2,8 @@
 
 #include "TilegridOps/algorithms/consistent_values.h"
 #include "TilegridOps/host/geometry.h"
+#include "TilegridOps/nodes/grading.h"
+#include "TilegridOps/nodes/level_set.h"
 #include "TilegridOps/nodes/transfer.h"
 #include "TilegridOps/substrate/channel.h"
 #include "io/error.h"
@@ -49,6 +51,15 @@ Corvid::Ptr<Ostara::Object> resampledToWorld(Corvid::Ptr<Ostara::Object> const& 
     if (!error.empty() || !output || !output->native())
         throw InputError("grid '" + name + "' cannot be resampled: " + error + " Give larger voxels (voxel=), or more memory (--max-memory).");
     warnOfLosses(*volume, *output, services);
+    // Voxels that the map leads out of the volume hold its default. Distances from the surface replace them; hanging voxels can follow
+    // only in a graded tree.
+    if (output->native()->hasComponentFromName(Ostara::Geometry::sVoxelSignedDistance)) {
+        Geometry::Volume::grade_volume(output, inner);
+        Corvid::Ptr<Ostara::Object> rebuilt;
+        Geometry::Volume::rebuild_level_set(std::move(output), Ostara::Geometry::sVoxelSignedDistance, rebuilt, inner);
+        output = std::move(rebuilt);
+        if (!error.empty() || !output || !output->native()) throw InputError("grid '" + name + "' cannot be made a distance: " + error);
+    }
     auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(output));
     makeConsistent(*native);
     return Ostara::Geometry::move_ost_volume_to_object(*native);

@@ -52,7 +52,8 @@ TEST(Words, go_to_a_repeated_input_as_many_as_there_are)
     const Graph files = parsed({"merge", "a.vdb", "mesh", "voxel=0.5"});
     ASSERT_EQ(files.steps.size(), 3u);
     EXPECT_EQ(*files.steps[1].parameter("voxel"), "0.5");
-    EXPECT_FALSE(parsed({"merge", "a.vdb", "b.obj", "voxel=0.5"}).steps[0].parameter("voxel")) << "it means nothing for a .vdb";
+    EXPECT_FALSE(parsed({"merge", "a.vdb", "b.obj", "voxel=0.5"}).steps[0].parameter("voxel")) << "a .vdb file is not resampled by the way";
+    EXPECT_EQ(*parsed({"info", "a.vdb", "voxel=0.5"}).steps[0].parameter("voxel"), "0.5");
     EXPECT_EQ(files.steps[2].inputs, (Words{"a", "mesh"}));
 }
 
@@ -108,7 +109,7 @@ TEST(File, gives_way_to_a_result_of_its_name)
 
 TEST(Plan, knows_which_parameters_mean_something_for_a_file)
 {
-    EXPECT_TRUE(contains(complaint({"read", "a.vdb", "voxel=1"}), "'voxel' means nothing for 'a.vdb'"));
+    EXPECT_TRUE(contains(complaint({"read", "a.vdb", "thickness=1"}), "'thickness' means nothing for 'a.vdb'"));
     EXPECT_TRUE(contains(complaint({"read", "a.obj", "voxel=1", "volume=x"}), "'volume' means nothing"));
     EXPECT_TRUE(contains(complaint({"read", "a.obj"}), "'voxel' is missing"));
     EXPECT_NO_THROW(makePlan(parsed({"read", "a.vdb"})));

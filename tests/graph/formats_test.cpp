@@ -59,7 +59,7 @@ TEST(Formats, attributes_of_a_mesh_leave_with_its_surface)
     EXPECT_EQ(attributeNames(io::readMesh(folder.file("a.glb"), 0, {})), (std::vector<std::string>{"color", "heat"}));
     EXPECT_EQ(attributeNames(io::readMesh(folder.file("a.obj"), 0, {})), (std::vector<std::string>{"color"}));
     EXPECT_TRUE(std::any_of(trial.messages.begin(), trial.messages.end(), [](std::string const& text) { return contains(text, "'heat' is left out: an .obj file"); }));
-    ran({"read", folder.file("a.vdb"), "volume=voxel_signed_distance", "!", "write", folder.file("b.ply")});
+    ran({"read", folder.file("a.vdb"), "volume=surface", "!", "write", folder.file("b.ply")});
     ran({"read", folder.file("box.ply"), "voxel=0.2", "attributes=no", "!", "write", folder.file("plain.ply")});
     EXPECT_TRUE(io::readMesh(folder.file("plain.ply"), 0, {}).attributes.empty());
 }

@@ -66,12 +66,14 @@ TEST(Merge, leaves_what_validate_calls_good_also_from_a_file_of_levels)
                                  "box", "min=-0.3,-0.3,-0.3", "max=1.2,1.2,1.2", voxel, "as=b", "!", "merge", "b", "f", adaptive, "as=m", "!"};
             Words checked = merge;
             for (char const* word : {"validate", "m", "!", "write", "m", file.c_str(), "layout=levels"}) checked.push_back(word);
-            const std::string report = outcomeOf(checked).results + outcomeOf({"read", file, "!", "validate"}).results;
+            std::string report = outcomeOf(checked).results;
+            report += outcomeOf({"read", file, "!", "validate"}).results;
             EXPECT_TRUE(contains(report, "verdict     good")) << report;
             EXPECT_FALSE(contains(report, "verdict     wrong")) << report;
             EXPECT_FALSE(contains(report, "off by")) << report;
         }
 }
+
 TEST(Validate, calls_a_plain_level_set_from_a_vdb_good_and_tells_no_error_of_what_is_not_wrong)
 {
     const tilegrid::test::TestFolder folder;

@@ -1,4 +1,5 @@
 // What the check of a volume finds, on volumes that are broken in one known way.
+#include "TilegridOps/algorithms/consistent_values.h"
 #include "io/check.h"
 #include "io/error.h"
 #include "io/vdb.h"
@@ -159,7 +160,9 @@ template <class Tr> std::vector<std::pair<TreeIndex, int>> farFromInterpolation(
 {
     createDofs<Tr>("dofs", volume);
     const auto tree = test::treeOf<Tr>(volume);
-    const auto dofs = volume.component<DofChannel<Tr>>("dofs");
+    const auto dofs = volume.extractComponent<DofChannel<Tr>>("dofs");
+    // What lies across two depths and more does not follow, and is no fault.
+    keepFarHanging(*tree, *dofs);
     const auto is = volume.component<Plain<Tr, float>>(sVoxelSignedDistance);
     std::vector<std::pair<TreeIndex, int>> far;
     for (int depth = Tr::maxDepth; depth > Tr::maxDepth - 2; --depth) {
@@ -167,12 +170,11 @@ template <class Tr> std::vector<std::pair<TreeIndex, int>> farFromInterpolation(
         setNonDOFValues(depth, depth, *tree, wanted, *dofs, 0);
         for (OST::int64 n = 0; n < tree->tileCount(depth); ++n)
             for (int flat = 0; flat < Tr::voxelCount; ++flat)
-                if (std::abs(wanted.tileData(n, depth)(flat) - std::as_const(*is).tileData(n, depth)(flat))
+                if (!(std::as_const(*dofs).tileData(n, depth)(flat) & kDofKeep)
+                    && std::abs(wanted.tileData(n, depth)(flat) - std::as_const(*is).tileData(n, depth)(flat))
                     > tree->voxelSize() * float(Tr::voxelDataWidth(depth - 1)))
                     far.push_back({{n, depth}, flat});
     }
-    Corvid::Ptr<OST::Component> removed;
-    volume.removeComponent("dofs", removed);
     return far;
 }
 
@@ -191,6 +193,8 @@ TYPED_TEST(CheckedVolume, of_true_distances_is_good_graded_or_not_however_far_th
 
         auto native = Ostara::Geometry::move_object_to_ost_volume(*Corvid::toMutable(volume));
         const auto far = farFromInterpolation<Tr>(*native);
+        // Without grading, those that are far may all lie across two depths.
+        if (!graded && far.empty()) continue;
         ASSERT_GT(far.size(), 0u) << "the case that this is about";
         // Such a voxel that is no distance either is wrong: two voxels off what lies beside it.
         changeOne<Tr>(*native, sVoxelSignedDistance,

@@ -10,6 +10,8 @@
 #include <TilegridOps/io/level_set_from_mesh.h>
 #include <TilegridOps/io/level_set_from_shape.h>
 #include <TilegridOps/io/mesh.h>
+#include <TilegridOps/io/mesh_clean.h>
+#include <TilegridOps/io/mesh_info.h>
 #include <TilegridOps/io/mesh_properties.h>
 #include <TilegridOps/io/mesh_transform.h>
 #include <TilegridOps/io/points.h>
@@ -64,6 +66,10 @@ void makesAndMeasures(Corvid::RuntimeServices const& services)
     expect(mesh.vertices[0].x == 1.0f, "mesh_transform.h");
     const auto cube = levelSetFromMesh(mesh, {.voxelSize = 0.125f}, services);
     const auto same = levelSetFromShape(Box{{1, 0, 0}, {2, 1, 1}}, {.voxelSize = 0.125f});
+    expect(describeMesh(mesh).triangles == 12, "mesh_info.h");
+    TriangleMesh twice = mesh;
+    twice.triangles.insert(twice.triangles.end(), mesh.triangles.begin(), mesh.triangles.end());
+    expect(dropRepeatedTriangles(twice, TwinRule::kCancel) == 12, "mesh_clean.h");
     // Both hold the same distances, but for the rounding of floats.
     expect(compareVolumes(*cube, *same, {.property = "voxel_signed_distance"}).largest < 1e-6, "compare.h, level_set_from_*.h");
     expect(std::abs(describeVolume(*cube).levelSet->volume - 1.0) < 0.05, "info.h");

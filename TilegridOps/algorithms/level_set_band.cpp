@@ -233,7 +233,9 @@ template <class Tr> void LevelSetBand<Tr>::writeDistances(Container const& tree,
             }
         });
     }
-    wave.extend();
+    // The whole way, up as well: a new coarse tile above new finer ones has to hear from them. From the tiles around it alone it
+    // may know the far side of a thin wall, and then the side of the voxels there seems handed on through the near one.
+    wave.run();
     for (int depth = std::max(channel.minDepth(), 0); depth <= std::min(last, channel.depth()); ++depth) {
         NewVoxelSides<Tr> sides(channel, depth, wave.neighbors(depth), isOld[std::size_t(depth)], Tr::voxelDataWidth(depth) * voxelSize_);
         parallel::loop(0, tree.tileCount(depth), kTilesAtOnce, [&](int64 begin, int64 end) {

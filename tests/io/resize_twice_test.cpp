@@ -92,6 +92,14 @@ TYPED_TEST(ResizeTwice, a_torus_that_reaches_into_further_tiles_of_every_depth_g
     expectSameTwice<TypeParam>(io::Torus{{-0.8757, 0.2575, -0.4406}, 0.4526, 0.2671, 1}, 0.05f, 0.968f);
 }
 
+TYPED_TEST(ResizeTwice, a_wall_thinner_than_coarse_voxels_stays_one_wall_in_new_tiles)
+{
+    // Five voxels thick. Above y = 0, where the band leads to, all tiles are new.
+    constexpr double kVoxel = 0.05657;
+    const io::Box wall{kVoxel * double3(-0.343, -9.274, -2.059), kVoxel * double3(12.657, -4.392, 10.501)};
+    expectSameTwice<TypeParam>(wall, float(kVoxel), 3.4175f);
+}
+
 TYPED_TEST(ResizeTwice, random_shapes_keep_their_tiles)
 {
     for (std::uint64_t seed = 0; seed < 300; ++seed) {

@@ -48,17 +48,12 @@ public:
             begin[axis] = low ? first_ : 0;
             end[axis] = high ? first_ + Tr::width : row_;
         }
-        double largest = 0.0;
         for (int n = 0; n < row_ * row_ * row_; ++n) {
             const int3 at = cubeIndex(row_, n);
             bool inside = true;
             for (int axis = 0; axis < 3; ++axis) inside = inside && at[axis] >= begin[axis] && at[axis] < end[axis];
             values_[n] = inside && std::isfinite(from[n]) ? double(from[n]) : std::numeric_limits<double>::quiet_NaN();
-            if (values_[n] == values_[n]) largest = std::max(largest, std::abs(values_[n]));
         }
-        // What rounding in float can add: three mixes of two roundings each of numbers up to twice the largest, and fractions
-        // that are off by the rounding of a number below 8.
-        slack_ = (12.0 * 0x1p-24 + 3.0 * 2.0 * 8.0 * 0x1p-24) * largest;
     }
 
     /// \param low, high  a box inside one voxel of the tile, from the tile's low corner in voxels of the lattice, `high` exclusive
@@ -87,29 +82,48 @@ private:
         int3 sample;
         double fraction[3];
     };
+    /// Fractions are computed from numbers below 8 in float.
+    static constexpr double kFractionRounding = 8.0 * 0x1p-24;
+    /// A value, a bound of its magnitude, and of what rounding in float has added, in units of a float's rounding. The sampler mixes
+    /// by (b - a) * f + a: the difference and the product are rounded, which counts f times, and the sum.
+    struct Mixed {
+        double value = 0.0, magnitude = 0.0, rounding = 0.0;
+        static Mixed of(Mixed const& a, Mixed const& b, double f)
+        {
+            const auto mix = [f](double x, double y) { return x + (y - x) * f; };
+            const double magnitude = mix(a.magnitude, b.magnitude);
+            return {mix(a.value, b.value), magnitude,
+                    mix(a.rounding, b.rounding) + 2.0 * f * (a.magnitude + b.magnitude) + magnitude};
+        }
+    };
     struct Bounds {
         double lowest = std::numeric_limits<double>::infinity(), highest = -std::numeric_limits<double>::infinity();
         bool allFinite = true;
-        void add(double value)
+        void add(Mixed const& mixed)
         {
-            allFinite = allFinite && value == value;
-            lowest = std::min(lowest, value);  // of a NaN, what was there
-            highest = std::max(highest, value);
+            // Twice, for the products of roundings.
+            const double slack = 2.0 * 0x1p-24 * mixed.rounding;
+            allFinite = allFinite && mixed.value == mixed.value;
+            lowest = std::min(lowest, mixed.value - slack);  // of a NaN, what was there
+            highest = std::max(highest, mixed.value + slack);
         }
     };
     double sample(int i, int j, int k) const { return values_[flatIndex(row_, i + first_, j + first_, k + first_)]; }
     void ofCell(Place const& from, Place const& to, Bounds& bounds) const
     {
-        double corners[8];
-        for (int n = 0; n < 8; ++n)
-            corners[n] = sample(from.sample.x + (n & 1), from.sample.y + (n >> 1 & 1), from.sample.z + (n >> 2));
+        Mixed corners[8];
         for (int n = 0; n < 8; ++n) {
-            double mix[8];
+            corners[n].value = sample(from.sample.x + (n & 1), from.sample.y + (n >> 1 & 1), from.sample.z + (n >> 2));
+            corners[n].magnitude = std::abs(corners[n].value);
+        }
+        // Value and rounding are linear along each axis, so the corners of the box bound both.
+        for (int n = 0; n < 8; ++n) {
+            Mixed mix[8];
             std::copy_n(corners, 8, mix);
             for (int axis = 0; axis < 3; ++axis) {
-                const double f = n >> axis & 1 ? to.fraction[axis] : from.fraction[axis];
-                for (int pair = 0; pair < 4 >> axis; ++pair)
-                    mix[pair] = mix[2 * pair] + (mix[2 * pair + 1] - mix[2 * pair]) * f;
+                const double f = n >> axis & 1 ? std::min(to.fraction[axis] + kFractionRounding, 1.0)
+                                               : std::max(from.fraction[axis] - kFractionRounding, 0.0);
+                for (int pair = 0; pair < 4 >> axis; ++pair) mix[pair] = Mixed::of(mix[2 * pair], mix[2 * pair + 1], f);
             }
             bounds.add(mix[0]);
         }
@@ -127,10 +141,8 @@ private:
         }
         Bounds bounds;
         ofCell(from, to, bounds);
-        if (!bounds.allFinite || !(bounds.lowest - slack_ < domain_.below)
-            || !(bounds.highest + slack_ > domain_.above))
-            return Reach::kNone;
-        const bool inside = bounds.highest + slack_ < domain_.below && bounds.lowest - slack_ > domain_.above;
+        if (!bounds.allFinite || !(bounds.lowest < domain_.below) || !(bounds.highest > domain_.above)) return Reach::kNone;
+        const bool inside = bounds.highest < domain_.below && bounds.lowest > domain_.above;
         return inside ? Reach::kAll : Reach::kSome;
     }
 
@@ -139,7 +151,6 @@ private:
     TileSamples<Tr, float> samples_;
     std::array<double, (Tr::width + 2) * (Tr::width + 2) * (Tr::width + 2)> values_;
     int ratio_ = 1, row_ = 0, first_ = 0;
-    double slack_ = 0.0;
 };
 
 /// Finds the blocks of tiles, one tile after the other. For one thread.
@@ -223,6 +234,12 @@ private:
         return value > domain_.above && value < domain_.below ? Reach::kAll : Reach::kNone;
     }
     double bytesPerBlock() const { return double(domain_.bytesPerValue) * kBlockVoxels + kBytesPerBlock; }
+    static bool isInOneBlock(LatticeBox const& box)
+    {
+        bool one = true;
+        for (int axis = 0; axis < 3; ++axis) one = one && blockLow(box.low[axis]) == blockLow(box.high[axis] - 1);
+        return one;
+    }
     static bool isWide(LatticeBox const& box)
     {
         const int3 size = box.high - box.low;
@@ -252,11 +269,18 @@ private:
         if (reach == Reach::kNone) return 0.0;
         const double3 size = double3(box.high - box.low);
         const double blocks = std::max(1.0, size.x * size.y * size.z / kBlockVoxels);
+        if (isInOneBlock(box)) return 1.0;
         // Twice the plane through the middle, for its slant and for the band.
         if (halvings == 0 || !isWide(box)) return std::min(blocks, 2.0 * std::pow(blocks, 2.0 / 3.0));
         if (reach == Reach::kAll) return blocks;
+        std::array<LatticeBox, 8> reached;
+        int count = 0;
+        forHalves(box, [&](LatticeBox const& half) {
+            if (reachOf(half) != Reach::kNone) reached[std::size_t(count++)] = half;
+        });
+        // A surface that only touches a wide box near one of its corners is followed to there, however wide the box is.
         double sum = 0.0;
-        forHalves(box, [&](LatticeBox const& half) { sum += crossed(half, halvings - 1); });
+        for (int n = 0; n < count; ++n) sum += crossed(reached[std::size_t(n)], count == 1 ? halvings : halvings - 1);
         return sum;
     }
 
@@ -269,8 +293,7 @@ private:
                 cover_->boxes.push_back({box, tile_, voxel_});
             else
                 addBlocks(box);
-        } else if (blockLow(box.low.x) == blockLow(box.high.x - 1) && blockLow(box.low.y) == blockLow(box.high.y - 1)
-                   && blockLow(box.low.z) == blockLow(box.high.z - 1)) {
+        } else if (isInOneBlock(box)) {
             addBlocks(box);
         } else {
             forHalves(box, [&](LatticeBox const& half) { divide(half, state); });

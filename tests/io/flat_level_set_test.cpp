@@ -236,6 +236,20 @@ TYPED_TEST(FlatLevelSet, of_a_merge_of_several_voxel_sizes_passes_every_check_bu
     }
 }
 
+TYPED_TEST(FlatLevelSet, of_a_ball_beside_the_origin_is_as_small_as_its_surface)
+{
+    // The coarsest leaf voxels reach half way through tile space from a corner near the ball; at their other end values are so large
+    // that floats there step by many bands.
+    for (const float3& centre : {float3(0.12f, 0.12f, 0.12f), float3(0.0f, 0.125f, 0.0f), float3(-0.1f, -0.3f, 0.12f)}) {
+        VdbWriteOptions options;
+        // The band has some 250,000 voxels; the estimate counts the blocks, too, where floats cannot tell at once that there is none.
+        options.maxBytes = 256 << 20;
+        const auto grid = flatGrid(*levelSetOf<TypeParam>(sphereMesh(0.09f, 4, centre), 0.0016f), "surface", options);
+        expectGood(grid);
+        EXPECT_LT(grid->activeVoxelCount(), 400000u);
+    }
+}
+
 TYPED_TEST(FlatLevelSet, is_refused_with_figures_before_it_is_made_where_it_is_larger_than_the_limit)
 {
     using Tr = TypeParam;

@@ -163,7 +163,9 @@ public:
         setAxes(window);
         Image image = withMargins(plane, margins_.left, margins_.top, margins_.right, margins_.bottom, [](int) { return LegendStyle::kPaper; });
         drawAxes(image, window);
-        const double at = window.corner[window.axis] * voxelSize_;
+        // What rounding leaves of zero is no position to print.
+        constexpr double kRounding = 1e-3;
+        const double corner = window.corner[window.axis], at = std::abs(corner) < kRounding ? 0.0 : corner * voxelSize_;
         const std::string text = (isDistance_ ? "signed distance" : property_) + " at " + kAxes[window.axis] + " = " + shortNumber(at)
             + (isDistance_ ? ", in world units" : " (world units)");
         drawText(image, margins_.left, style_.gap + style_.letter, shortened(text, style_.letter, image.width - margins_.left - style_.gap),

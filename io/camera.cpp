@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace tilegrid::io {
@@ -17,6 +18,32 @@ constexpr double kMargin = 0.06;
 constexpr double kPerDegree = std::numbers::pi / 180.0;
 
 }  // namespace
+
+bool Ray::clip(double3 const& low, double3 const& high, double& from, double& to) const
+{
+    for (int axis = 0; axis < 3; ++axis) {
+        const double below = low[axis] - origin[axis], above = high[axis] - origin[axis], along = direction[axis];
+        if (along == 0.0) {
+            if (below > 0.0 || above < 0.0) return false;
+            continue;
+        }
+        from = std::max(from, (along > 0.0 ? below : above) / along);
+        to = std::min(to, (along > 0.0 ? above : below) / along);
+    }
+    return from < to;
+}
+
+double Ray::leavesCell(double3 const& place, double width, double begin) const
+{
+    double t = std::numeric_limits<double>::infinity();
+    for (int axis = 0; axis < 3; ++axis) {
+        const double along = direction[axis];
+        if (along == 0.0) continue;
+        const double low = begin + std::floor((place[axis] - begin) / width) * width;
+        t = std::min(t, ((along > 0.0 ? low + width : low) - origin[axis]) / along);
+    }
+    return t;
+}
 
 Camera::Camera(double3 const& low, double3 const& high, View const& view)
 {

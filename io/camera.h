@@ -8,6 +8,10 @@ namespace tilegrid::io {
 struct Ray {
     Ostara::Math::double3 origin, direction;
     Ostara::Math::double3 at(double t) const { return origin + t * direction; }
+    /// Cuts the part from `from` to `to` to that in a box. \return whether any is left
+    bool clip(Ostara::Math::double3 const& low, Ostara::Math::double3 const& high, double& from, double& to) const;
+    /// Where the ray leaves the cell that holds `place`, of a lattice of cells `width` wide that begins at `begin` on every axis.
+    double leavesCell(Ostara::Math::double3 const& place, double width, double begin) const;
 };
 
 /// A rectangle of the plane at distance 1 from a camera, x to the right and y up. Empty until something is added.

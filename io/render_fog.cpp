@@ -222,40 +222,12 @@ private:
         return density > 0.0 ? extinction_ * std::min<double>(density, extent_.largest) : 0.0;
     }
 
-    /// Where the ray leaves the cell of a width that holds a place.
-    static double leaving(Ray const& ray, double3 const& place, double width)
-    {
-        double t = std::numeric_limits<double>::infinity();
-        for (int axis = 0; axis < 3; ++axis) {
-            const double direction = ray.direction[axis];
-            if (direction == 0.0) continue;
-            const double low = Tr::rangeMin + std::floor((place[axis] - Tr::rangeMin) / width) * width;
-            t = std::min(t, ((direction > 0.0 ? low + width : low) - ray.origin[axis]) / direction);
-        }
-        return t;
-    }
-
-    /// The part of a ray in the box of the fog. \return whether there is one
-    bool clip(Ray const& ray, double& from, double& to) const
-    {
-        for (int axis = 0; axis < 3; ++axis) {
-            const double low = extent_.low[axis] - ray.origin[axis], high = extent_.high[axis] - ray.origin[axis], direction = ray.direction[axis];
-            if (direction == 0.0) {
-                if (low > 0.0 || high < 0.0) return false;
-                continue;
-            }
-            from = std::max(from, (direction > 0.0 ? low : high) / direction);
-            to = std::min(to, (direction > 0.0 ? high : low) / direction);
-        }
-        return from < to;
-    }
-
     Light lightAt(Worker& worker, double x, double y) const
     {
         const Ray ray = camera_.ray(x, y);
         const Light behind = fogBackgroundAt(y / camera_.height());
         double t = 0.0, to = std::numeric_limits<double>::infinity(), left = 1.0;
-        if (!clip(ray, t, to)) return behind;
+        if (!ray.clip(extent_.low, extent_.high, t, to)) return behind;
         Light sum;
         for (int step = 0; step < kMostSteps && t < to && left > kDark; ++step) {
             const double3 place = ray.at(t);
@@ -266,12 +238,12 @@ private:
             }
             const int depth = at.treeIndex.depth;
             if (!foggy_.at(at.treeIndex)) {
-                t = std::max(t, leaving(ray, place, Tr::tileVoxelWidth(depth))) + kBeyond;
+                t = std::max(t, ray.leavesCell(place, Tr::tileVoxelWidth(depth), Tr::rangeMin)) + kBeyond;
                 continue;
             }
             // No finer than what a pixel shows; no further than to where a finer tile may begin.
             double length = std::min(std::max(kStep * Tr::voxelDataWidth(depth), 0.5 * camera_.footprint(t)), longestStep_);
-            if (depth < tree_.deepestDepth()) length = std::min(length, std::max(0.0, leaving(ray, place, Tr::tileVoxelWidth(depth + 1)) - t) + kBeyond);
+            if (depth < tree_.deepestDepth()) length = std::min(length, std::max(0.0, ray.leavesCell(place, Tr::tileVoxelWidth(depth + 1), Tr::rangeMin) - t) + kBeyond);
             const double3 middle = ray.at(t + 0.5 * length);
             const double through = std::exp(-length * extinctionAt(worker.sampler, middle));
             if (through < 1.0) {

@@ -159,18 +159,8 @@ private:
     /// The part of a ray that can meet the surface. \return whether there is one
     bool clip(Ray const& ray, double& from, double& to) const
     {
-        for (int axis = 0; axis < 3; ++axis) {
-            // Crossings on edges bound a linear form among voxels of one size; where sizes meet it may go a little further.
-            const double low = low_[axis] - kBulge - ray.origin[axis], high = high_[axis] + kBulge - ray.origin[axis];
-            const double direction = ray.direction[axis];
-            if (direction == 0.0) {
-                if (low > 0.0 || high < 0.0) return false;
-                continue;
-            }
-            from = std::max(from, (direction > 0.0 ? low : high) / direction);
-            to = std::min(to, (direction > 0.0 ? high : low) / direction);
-        }
-        return from < to;
+        // Crossings on edges bound a linear form among voxels of one size; where sizes meet it may go a little further.
+        return ray.clip(low_ - double3(kBulge), high_ + double3(kBulge), from, to);
     }
 
     Seen look(Tools const& tools, double x, double y) const

@@ -113,7 +113,7 @@ private:
             // What is no number is neither inside nor outside.
             if (distance > 0.0) outside = t;
             const bool mayBeFinerSoon = at.treeIndex.depth < deepest_;
-            t = mayBeFinerSoon ? std::min(t + least, leaving(ray, place, at.treeIndex.depth) + kBeyond) : t + least;
+            t = mayBeFinerSoon ? std::min(t + least, ray.leavesCell(place, /*of a child*/ Tr::tileVoxelWidth(at.treeIndex.depth + 1), Tr::rangeMin) + kBeyond) : t + least;
         }
         return false;
     }
@@ -131,20 +131,6 @@ private:
         const auto values = distance_->tileData(at.treeIndex);
         const double value = perWorldUnit_ * (values ? values(nearest) : distance_->defaultValue());
         return value - length(way) * Tr::voxelDataWidth(at.treeIndex.depth);
-    }
-
-    /// Where the ray leaves the part of the tile that a child would have.
-    double leaving(Ray const& ray, double3 const& place, int depth) const
-    {
-        const double width = Tr::tileVoxelWidth(depth + 1);
-        double t = std::numeric_limits<double>::infinity();
-        for (int axis = 0; axis < 3; ++axis) {
-            const double direction = ray.direction[axis];
-            if (direction == 0.0) continue;
-            const double low = Tr::rangeMin + std::floor((place[axis] - Tr::rangeMin) / width) * width;
-            t = std::min(t, ((direction > 0.0 ? low + width : low) - ray.origin[axis]) / direction);
-        }
-        return t;
     }
 
     /// Where the distance is zero between two places of which it is known outside and inside (false position, with halved
